@@ -1,0 +1,75 @@
+#include "app/app_delegate.h"
+
+#include "kit/const.h"
+#include "kit/notification_names.h"
+
+namespace kerrow {
+
+AppDelegate::AppDelegate()
+    : logger(now(), std::nullopt),
+      distributedNotificationCenter(DistributedNotificationCenter::defaultCenter()) {}
+
+void AppDelegate::applicationDidFinishLaunching() {
+    logger.logInformation("KerrowNativeMessagingHost started", now());
+    try {
+        if (!notificationsStarted) {
+            notificationsStarted = true;
+            distributedNotificationCenter.addObserver(NotificationName::startCoreHostServices,
+                                                      [this] { startCoreHostServices(); });
+        }
+        distributedNotificationCenter.postNotificationName(
+            NotificationName::nativeMessagingHostDidFinishLaunching, true);
+    } catch (const std::exception& error) {
+        logger.logError(error, "Error connecting to the session bus", now());
+    }
+}
+
+void AppDelegate::startCoreHostServices() {
+    retirePreviousServices();
+    socketHelper =
+        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
+    try {
+        socketHelper->setupSocket();
+    } catch (const std::exception& error) {
+        logger.logError(error, "Error setting up socket", now());
+    }
+    startBrowserConnection();
+    setUpHostToCoreService();
+}
+
+void AppDelegate::retirePreviousServices() {
+    if (browserConnection) {
+        browserConnection->retire();
+    }
+    if (hostToCoreSocketService) {
+        hostToCoreSocketService->retire();
+    }
+}
+
+void AppDelegate::startBrowserConnection() {
+    browserConnection = std::make_shared<BrowserExtensionIO>(FileHandle::standardInput(),
+                                                             FileHandle::standardOutput());
+    browserConnection->browserSocket = socketHelper;
+    browserConnection->start();
+}
+
+void AppDelegate::setUpHostToCoreService() {
+    logger.logInformation("Setting up Host to Core service", now());
+    hostToCoreSocketService = std::make_shared<HostToCoreSocketService>();
+    hostToCoreSocketService->browserConnection = browserConnection;
+    hostToCoreSocketService->socketHelper = socketHelper;
+    socketHelper->setReaderDelegate(hostToCoreSocketService);
+    hostToCoreSocketService->setup();
+    requestDeviceTwinUpdate();
+}
+
+void AppDelegate::requestDeviceTwinUpdate() {
+    logger.logInformation("Requesting Device Twin update", now());
+    try {
+        socketHelper->sendData(dataFromText(Const::Browser::updateDeviceTwin));
+    } catch (const std::exception&) {
+        // The core service is not reachable; it asks again when it answers the next start.
+    }
+}
+
+}  // namespace kerrow

@@ -1,0 +1,63 @@
+// AppDelegate: announces the host to the core service and, on its answer, builds and wires the
+// socket endpoint, the browser extension channel and the host-to-core service.
+//
+// Launch: log, observe startCoreHostServices (once), post nativeMessagingHostDidFinishLaunching.
+// Nothing is read or connected until the core service answers. Each startCoreHostServices then
+// runs the start sequence: endpoint (setupSocket; a failure is logged and the sequence goes on),
+// channel (started), service (wired as the endpoint's reader delegate, set up), device-twin
+// request.
+//
+// A repeated start. The start notification is a broadcast, so every host of the session receives
+// it whenever any host announces itself: a repeated start is routine. It replaces the endpoint,
+// channel and service, and first retires the previous ones so that exactly one of each works:
+//  - the previous channel is retired: its read loop stops at the next frame boundary, having
+//    consumed no byte of the next frame, and releases standard input's reading lock, which the
+//    new channel's loop waits for. No byte is lost, read twice or split between two readers; a
+//    frame that was being read when the switch came is finished and forwarded by the previous
+//    channel over its own connection, and every later frame goes over the new connection.
+//  - the previous service is retired: its endpoint stops reading (a blocked read returns) and
+//    its loop ends without reconnecting; its endpoint stays open for the previous channel's last
+//    frame and closes when the last holder lets go.
+//  - frames on standard output never interleave: every writer takes the output handle's lock.
+//
+// Ownership: one instance per process, kept by the entry point for the process's life.
+// Threads: main thread only (the launch callback and the notification arrive there).
+#pragma once
+
+#include <memory>
+
+#include "browser/browser_extension_io.h"
+#include "core/host_to_core_socket_service.h"
+#include "kit/logger.h"
+#include "kit/socket_helper.h"
+#include "platform/application.h"
+#include "platform/distributed_notification_center.h"
+
+namespace kerrow {
+
+class AppDelegate final : public ApplicationDelegate {
+  public:
+    AppDelegate();
+    AppDelegate(const AppDelegate&) = delete;
+    AppDelegate& operator=(const AppDelegate&) = delete;
+
+    void applicationDidFinishLaunching() override;
+
+    /// The start sequence, run on every delivery of the start notification.
+    void startCoreHostServices();
+
+  private:
+    void retirePreviousServices();
+    void startBrowserConnection();
+    void setUpHostToCoreService();
+    void requestDeviceTwinUpdate();
+
+    const Logger logger;
+    std::shared_ptr<BrowserExtensionIO> browserConnection;
+    std::shared_ptr<SocketHelper> socketHelper;
+    std::shared_ptr<HostToCoreSocketService> hostToCoreSocketService;
+    DistributedNotificationCenter& distributedNotificationCenter;
+    bool notificationsStarted = false;
+};
+
+}  // namespace kerrow

@@ -1,0 +1,188 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "browser/browser_extension_io.h"
+#include "tests/support/test_support.h"
+
+namespace kerrow {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+
+// A channel whose standard output is a pipe; its log goes to a private directory.
+class CommandTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
+        channel = std::make_shared<BrowserExtensionIO>(
+            std::make_shared<FileHandle>(::dup(input.readEnd())),
+            std::make_shared<FileHandle>(output.releaseWriteEnd()));
+    }
+
+    // Every frame written so far, as bodies.
+    std::vector<std::string> frames() {
+        std::vector<std::string> bodies;
+        while (auto body = test::readFrameFrom(output.readEnd(), 100ms)) {
+            bodies.push_back(std::move(*body));
+        }
+        return bodies;
+    }
+
+    std::vector<std::string> logLines() {
+        Logger::flushAll();
+        return test::logMessages(directory.path() / "kerrow" / "native-messaging-host.log");
+    }
+
+    test::TemporaryDirectory directory;
+    test::Pipe input;
+    test::Pipe output;
+    std::shared_ptr<BrowserExtensionIO> channel;
+};
+
+TEST_F(CommandTest, CloseTabWritesTheEnvelopeAnnouncedByItsExactText) {
+    channel->closeTab("42");
+    channel->closeTab("-7");
+    channel->closeTab("+5");
+    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"closeTab","payload":{"id":42}})",
+                                                  R"({"action":"closeTab","payload":{"id":-7}})",
+                                                  R"({"action":"closeTab","payload":{"id":5}})"}));
+    EXPECT_EQ(logLines(), (std::vector<std::string>{
+                              R"(info Closing Tab: {"action":"closeTab","payload":{"id":42}})",
+                              R"(info Closing Tab: {"action":"closeTab","payload":{"id":-7}})",
+                              R"(info Closing Tab: {"action":"closeTab","payload":{"id":5}})"}));
+}
+
+TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
+    const std::vector<std::string> refused = {"",
+                                              " 42",
+                                              "42 ",
+                                              "42a",
+                                              "4 2",
+                                              "+",
+                                              "-",
+                                              "+-5",
+                                              "--5",
+                                              "0x2A",
+                                              "9223372036854775808",
+                                              "-9223372036854775809",
+                                              "\xd9\xa4",
+                                              "4.2"};
+    for (const auto& id : refused) {
+        channel->closeTab(id);
+    }
+    channel->closeTab("9223372036854775807");
+    channel->closeTab("-9223372036854775808");
+    EXPECT_EQ(frames(), (std::vector<std::string>{
+                            R"({"action":"closeTab","payload":{"id":9223372036854775807}})",
+                            R"({"action":"closeTab","payload":{"id":-9223372036854775808}})"}));
+    const auto lines = logLines();
+    ASSERT_EQ(lines.size(), refused.size() + 2);
+    for (std::size_t index = 0; index < refused.size(); ++index) {
+        EXPECT_EQ(lines[index], "info Could not cast to Int: " + refused[index]);
+    }
+}
+
+TEST_F(CommandTest, DisableInternetCarriesTheTextAsAnEscapedString) {
+    channel->disableInternet(R"(say "no" to a/b\c)");
+    channel->disableInternet("abc");
+    EXPECT_EQ(frames(), (std::vector<std::string>{
+                            R"({"action":"disableWeb","payload":"say \"no\" to a\/b\\c"})",
+                            R"({"action":"disableWeb","payload":"abc"})"}));
+    EXPECT_EQ(
+        logLines(),
+        (std::vector<std::string>{
+            R"(info Disabling Internet: {"action":"disableWeb","payload":"say \"no\" to a\/b\\c"})",
+            R"(info Disabling Internet: {"action":"disableWeb","payload":"abc"})"}));
+}
+
+TEST_F(CommandTest, EnableInternetWritesTheEmptyPayload) {
+    channel->enableInternet();
+    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"enableWeb","payload":{}})"}));
+    EXPECT_EQ(logLines(), (std::vector<std::string>{
+                              R"(info Enabling Internet: {"action":"enableWeb","payload":{}})"}));
+}
+
+TEST_F(CommandTest, WebsiteListsBecomeAllowOrBlockEnvelopesInTheirOrder) {
+    channel->setWebsiteList(dataFromText(
+        R"({"name":"School","websites":["c.example","a.example/x","c.example"],"listType":0})"));
+    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":[],"listType":1})"));
+    EXPECT_EQ(
+        frames(),
+        (std::vector<std::string>{
+            R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example\/x","c.example"]}})",
+            R"({"action":"setBlacklist","payload":{"blacklist":[]}})"}));
+    EXPECT_EQ(
+        logLines(),
+        (std::vector<std::string>{
+            R"(info Setting Website List: {"action":"setWhitelist","payload":{"whitelist":["c.example","a.example\/x","c.example"]}})",
+            R"(info Setting Website List: {"action":"setBlacklist","payload":{"blacklist":[]}})"}));
+}
+
+TEST_F(CommandTest, AListOfNeitherKindClearsAllowThenBlock) {
+    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":["x"],"listType":2})"));
+    EXPECT_EQ(frames(), (std::vector<std::string>{
+                            R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
+                            R"({"action":"setBlacklist","payload":{"blacklist":[]}})"}));
+    EXPECT_EQ(logLines(), (std::vector<std::string>{"info Clearing Allow Website Lists",
+                                                    "info Clearing Block Website Lists"}));
+}
+
+TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
+    channel->setWebsiteList(dataFromText("not json"));
+    channel->setWebsiteList(dataFromText(R"({"websites":["a"],"listType":0})"));
+    channel->setWebsiteList({});
+    channel->setWebsiteList(
+        dataFromText("{\"name\":\"n\",\"websites\":[\"\xff\"],\"listType\":0}"));
+    channel->disableInternet("\xc3");
+    channel->enableInternet();  // the channel goes on as before
+    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"enableWeb","payload":{}})"}));
+    EXPECT_EQ(logLines().size(), 1u);
+}
+
+TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {
+    // Two channels on one output handle, as after a repeated start, writing at once.
+    const auto sharedOutput = std::make_shared<FileHandle>(::dup(output.writeEnd()));
+    auto first = std::make_shared<BrowserExtensionIO>(
+        std::make_shared<FileHandle>(::dup(input.readEnd())), sharedOutput);
+    auto second = std::make_shared<BrowserExtensionIO>(
+        std::make_shared<FileHandle>(::dup(input.readEnd())), sharedOutput);
+    constexpr int each = 300;
+    std::vector<std::string> bodies;
+    std::thread reader([&] {
+        while (bodies.size() < 2 * each) {
+            auto body = test::readFrameFrom(output.readEnd(), 5000ms);
+            if (!body) {
+                break;
+            }
+            bodies.push_back(std::move(*body));
+        }
+    });
+    std::thread one([&] {
+        for (int index = 0; index < each; ++index)
+            first->disableInternet(std::string(5000, 'a'));
+    });
+    std::thread two([&] {
+        for (int index = 0; index < each; ++index)
+            second->closeTab(std::to_string(index));
+    });
+    one.join();
+    two.join();
+    reader.join();
+    ASSERT_EQ(bodies.size(), 2u * each);
+    int closes = 0;
+    for (const auto& body : bodies) {
+        if (body.starts_with(R"({"action":"closeTab")")) {
+            EXPECT_EQ(body,
+                      R"({"action":"closeTab","payload":{"id":)" + std::to_string(closes++) + "}}");
+        } else {
+            EXPECT_EQ(body,
+                      R"({"action":"disableWeb","payload":")" + std::string(5000, 'a') + "\"}");
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kerrow

@@ -1,0 +1,84 @@
+// BrowserExtensionIO: the host's end of the channel to the browser extension.
+//
+// It owns the standard streams. On its own serial queue it reads every frame that the extension
+// sends and forwards the body, unparsed and followed by Const::Browser::tabList, to the core
+// service through the shared socket endpoint; at end of input it ends the process with status 0.
+// Its command operations write JSON messages for the extension as frames on standard output.
+//
+// Ownership: held by the application delegate and by the host-to-core service (std::shared_ptr);
+// the read loop holds it while it runs. browserSocket is set once, before start().
+// Threads: the read loop and sendTabData() run on `queue`. The command operations and
+// writeMessage() run on their caller's thread; every writer of the output handle takes its
+// writingLock() around the two writes of a frame, so frames never interleave, even with two
+// channels alive.
+//
+// Handover: standard input has exactly one reader. A read loop holds the input handle's
+// readingLock() while it reads; retire() makes it stop at the next frame boundary, without having
+// consumed a byte of the next frame, and release the lock to the channel that replaces it.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "kit/logger.h"
+#include "kit/socket_helper.h"
+#include "platform/data.h"
+#include "platform/dispatch_queue.h"
+#include "platform/file_handle.h"
+
+namespace kerrow {
+
+class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionIO> {
+  public:
+    /// The disable-internet message: the envelope's two keys with a text payload.
+    struct DisableInternet {
+        std::string action;
+        std::string payload;
+        /// {"action":"…","payload":"…"}, compact, "/" written as "\/"; no value when a text is
+        /// not valid UTF-8.
+        [[nodiscard]] std::optional<std::string> toJSONString() const;
+    };
+
+    BrowserExtensionIO(std::shared_ptr<FileHandle> inputHandle,
+                       std::shared_ptr<FileHandle> outputHandle);
+    ~BrowserExtensionIO();
+    BrowserExtensionIO(const BrowserExtensionIO&) = delete;
+    BrowserExtensionIO& operator=(const BrowserExtensionIO&) = delete;
+
+    /// Queues the read loop on `queue`, holding this channel weakly until it runs.
+    void start();
+
+    /// Forwards one body to the core service with the tabList suffix; silent on failure.
+    void sendTabData(const Data& body);
+
+    /// The commands to the extension: each logs its line, then writes its frame.
+    void closeTab(const std::string& id);
+    void disableInternet(const std::string& payload);
+    void enableInternet();
+    void setWebsiteList(const Data& websiteListJSON);
+    void clearWebsiteLists();
+
+    /// Writes one frame on the output handle.
+    void writeMessage(std::string_view message);
+
+    /// Stops the read loop at the next frame boundary without ending the process. Any thread.
+    void retire();
+
+    std::shared_ptr<SocketHelper> browserSocket;  // set before start(), then never changed
+
+  private:
+    void readLoop();
+    [[noreturn]] void stop();
+    /// Logs `line` followed by the JSON text, then writes the text; nothing without a text.
+    void writeAnnounced(std::string_view line, const std::optional<std::string>& json);
+
+    const std::shared_ptr<FileHandle> inputHandle;
+    const std::shared_ptr<FileHandle> outputHandle;
+    const Logger logger;
+    DispatchQueue queue;
+    const int retireEvent_;  // eventfd, readable once retire() was called
+};
+
+}  // namespace kerrow

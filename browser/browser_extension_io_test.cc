@@ -1,0 +1,153 @@
+#include "browser/browser_extension_io.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "tests/support/test_support.h"
+
+namespace kerrow {
+namespace {
+
+using namespace std::string_literals;
+using namespace std::chrono_literals;
+using test::frame;
+
+// A channel on pipes, connected to a test core service on a real Unix socket.
+class RelayTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ::setenv("XDG_STATE_HOME", (directory.path() / "state").c_str(), 1);
+        socket = std::make_shared<SocketHelper>(SocketType::browser, core.socketPath().string());
+        socket->setupSocket();
+        auto accepted = core.accept();
+        ASSERT_TRUE(accepted);
+        connection.emplace(std::move(*accepted));
+        channel = std::make_shared<BrowserExtensionIO>(
+            inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+    }
+
+    // Retires the channel, so that closing the pipes cannot end the test process, and waits
+    // until its loop has let go of the input.
+    void TearDown() override {
+        if (channel) {
+            channel->retire();
+        }
+        EXPECT_TRUE(test::waitUntil([&] { return inputHandle->readingLock().try_lock(); }));
+        inputHandle->readingLock().unlock();
+    }
+
+    test::TemporaryDirectory directory;
+    test::TestCoreService core{directory.path() / "run" / "kerrow" / "browser.sock"};
+    std::shared_ptr<SocketHelper> socket;
+    std::optional<test::CoreConnection> connection;
+    test::Pipe input;
+    test::Pipe output;
+    std::shared_ptr<FileHandle> inputHandle = std::make_shared<FileHandle>(::dup(input.readEnd()));
+    std::shared_ptr<BrowserExtensionIO> channel;
+};
+
+TEST_F(RelayTest, ForwardsEveryFrameWithTheSuffixInOrder) {
+    channel->browserSocket = socket;
+    channel->start();
+    test::writeAll(input.writeEnd(), frame(R"({"tabs":[1,2]})") + frame("") + frame("not json") +
+                                         frame("\xff\xfe\x00 bytes"s));
+    EXPECT_EQ(connection->receive(), R"({"tabs":[1,2]}kerrow.tabList)");
+    EXPECT_EQ(connection->receive(), "kerrow.tabList");
+    EXPECT_EQ(connection->receive(), "not jsonkerrow.tabList");
+    EXPECT_EQ(connection->receive(), "\xff\xfe\x00 byteskerrow.tabList"s);
+}
+
+TEST_F(RelayTest, KeepsReadingWhenSendsFailOrThereIsNoSocket) {
+    channel->browserSocket = socket;
+    channel->start();
+    test::writeAll(input.writeEnd(), frame("first"));
+    EXPECT_EQ(connection->receive(), "firstkerrow.tabList");
+    socket->closeSocket();  // sends now throw; the channel drops them silently
+    test::writeAll(input.writeEnd(), frame("lost"));
+    test::writeAll(input.writeEnd(), frame("also lost"));
+    const auto logFile = directory.path() / "state" / "kerrow" / "native-messaging-host.log";
+    EXPECT_TRUE(test::waitUntil([&] {
+        Logger::flushAll();
+        const auto lines = test::logMessages(logFile);
+        return std::count(lines.begin(), lines.end(),
+                          "info Sending Tab Data to Browser Messaging") == 3;
+    }));
+}
+
+TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
+    channel.reset();
+    auto first = std::make_shared<BrowserExtensionIO>(
+        inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+    first->browserSocket = socket;
+    first->start();
+    test::writeAll(input.writeEnd(), frame("before"));
+    EXPECT_EQ(connection->receive(), "beforekerrow.tabList");
+
+    // A second endpoint stands for the new connection of a repeated start.
+    auto second = std::make_shared<SocketHelper>(SocketType::browser, core.socketPath().string());
+    second->setupSocket();
+    auto newConnection = core.accept();
+    ASSERT_TRUE(newConnection);
+    first->retire();
+    auto next = std::make_shared<BrowserExtensionIO>(
+        inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+    next->browserSocket = second;
+    next->start();
+
+    // A frame written in pieces after the switch arrives whole, once, over the new connection.
+    const std::string after = frame("after");
+    test::writeAll(input.writeEnd(), after.substr(0, 3));
+    std::this_thread::sleep_for(20ms);
+    test::writeAll(input.writeEnd(), after.substr(3));
+    EXPECT_EQ(newConnection->receive(), "afterkerrow.tabList");
+    EXPECT_EQ(connection->receive(200ms), std::nullopt);
+    channel = next;  // retired by TearDown
+}
+
+TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
+    // The loop's work item holds the channel weakly: a channel gone by then reads nothing.
+    channel.reset();
+    {
+        auto doomed = std::make_shared<BrowserExtensionIO>(
+            inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+        doomed->browserSocket = socket;
+        doomed->retire();
+        doomed->start();
+    }
+    test::writeAll(input.writeEnd(), frame("unread"));
+    EXPECT_EQ(connection->receive(200ms), std::nullopt);
+    EXPECT_EQ(textView(inputHandle->readDataOfLength(4)), "\x06\0\0\0"s);
+}
+
+// The stop path ends the process, so it runs in a child: frames, then end of input.
+TEST(RelayStop, EndOfInputLogsFlushesAndExitsWithStatusZero) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    test::TemporaryDirectory directory;
+    const auto logFile = directory.path() / "kerrow" / "native-messaging-host.log";
+    EXPECT_EXIT(
+        {
+            ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
+            test::Pipe input;
+            test::writeAll(input.writeEnd(), frame("one") + frame("two"));
+            input.closeWriteEnd();
+            auto channel = std::make_shared<BrowserExtensionIO>(
+                std::make_shared<FileHandle>(input.releaseReadEnd()),
+                std::make_shared<FileHandle>(::dup(2)));
+            channel->start();
+            for (;;) {
+                ::pause();
+            }
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(
+        test::logMessages(logFile),
+        (std::vector<std::string>{"info Starting KerrowNativeMessagingHost:BrowserExtensionIO",
+                                  "info Sending Tab Data to Browser Messaging",
+                                  "info Sending Tab Data to Browser Messaging",
+                                  "info Stopping KerrowNativeMessagingHost:BrowserExtensionIO"}));
+}
+
+}  // namespace
+}  // namespace kerrow

@@ -1,0 +1,27 @@
+// Frames on the browser's standard streams: a 4-byte little-endian length, then the body.
+//
+//   offset 0, 4 bytes: length. Written as the low 32 bits of the body's byte count, unsigned;
+//                      read as a signed 32-bit value.
+//   offset 4, length bytes: body (UTF-8 JSON from the host; anything from the browser).
+//
+// Frames follow back to back. Reading treats as end of input: an empty read, a prefix cut short
+// (1 to 3 bytes, then end of file), and a prefix with the top bit set (negative once read as
+// signed), which must never size a read. A body cut short by end of file is returned as it is.
+// Free functions over a caller's handle; the caller keeps one reader and one writer at a time.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "platform/data.h"
+#include "platform/file_handle.h"
+
+namespace kerrow {
+
+/// The next frame's body, or no value at end of input (see above).
+[[nodiscard]] std::optional<Data> readFrame(FileHandle& input);
+
+/// Writes `body` as one frame: the prefix in one write, then the body with the kit's write().
+void writeFrame(FileHandle& output, std::string_view body);
+
+}  // namespace kerrow

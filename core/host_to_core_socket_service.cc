@@ -1,0 +1,126 @@
+#include "core/host_to_core_socket_service.h"
+
+#include <string_view>
+
+#include "kit/const.h"
+#include "kit/utf8.h"
+
+namespace kerrow {
+namespace {
+
+// The message with every occurrence of `keyword` removed.
+std::string removingAll(std::string_view message, std::string_view keyword) {
+    std::string rest;
+    rest.reserve(message.size());
+    for (std::size_t start = 0;;) {
+        const std::size_t found = message.find(keyword, start);
+        rest.append(message.substr(start, found - start));
+        if (found == std::string_view::npos) {
+            return rest;
+        }
+        start = found + keyword.size();
+    }
+}
+
+bool contains(std::string_view message, std::string_view keyword) {
+    return message.find(keyword) != std::string_view::npos;
+}
+
+}  // namespace
+
+HostToCoreSocketService::HostToCoreSocketService()
+    : logger(now(), std::nullopt), queue("native-host-socket") {}
+
+void HostToCoreSocketService::setup() {
+    const auto endpoint = socketHelper;
+    if (!endpoint) {
+        return;
+    }
+    queue.async([weakSelf = weak_from_this(), endpoint] {
+        if (const auto self = weakSelf.lock()) {
+            self->runConnectionLoop(endpoint);
+        }
+    });
+}
+
+void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint) {
+    logger.logInformation("Established a Connection in host-to-core service", now());
+    try {
+        do {
+            endpoint->readSocket();
+        } while (endpoint->isConnected());
+        if (retired_) {
+            return;
+        }
+        endpoint->resetSocket(SocketHelper::browserSocketLocation());
+        endpoint->setupSocket();
+        if (!retired_) {
+            setup();
+        }
+    } catch (const std::exception& error) {
+        logger.logError(error, "Error with socket in host-to-core service", now());
+        endpoint->closeSocket();
+    }
+}
+
+void HostToCoreSocketService::retire() {
+    retired_ = true;
+    if (socketHelper) {
+        socketHelper->stopReading();
+    }
+}
+
+void HostToCoreSocketService::didReadData(const Data& data) {
+    const std::string_view text = textView(data);
+    if (!isValidUTF8(text)) {
+        return;
+    }
+    handleMessage(std::string(text));
+}
+
+void HostToCoreSocketService::handleMessage(const std::string& message) {
+    if (contains(message, Const::Browser::closeTab)) {
+        receivedCloseTab(removingAll(message, Const::Browser::closeTab));
+    } else if (contains(message, Const::Browser::disableInternet)) {
+        receivedDisableInternet(removingAll(message, Const::Browser::disableInternet));
+    } else if (contains(message, Const::Browser::enableInternet)) {
+        receivedEnableInternet();
+    } else if (contains(message, Const::Browser::websiteList)) {
+        receivedWebsiteList(dataFromText(removingAll(message, Const::Browser::websiteList)));
+    }
+}
+
+void HostToCoreSocketService::receivedCloseTab(const std::string& tabId) {
+    logger.logInformation("Received Close Tab ID: " + tabId, now());
+    // The id is the last non-empty piece between hyphens: "42", "-42" and "tab-42" all give 42.
+    const std::size_t end = tabId.find_last_not_of('-');
+    if (end == std::string::npos || !browserConnection) {
+        return;
+    }
+    const std::size_t begin = tabId.rfind('-', end);
+    browserConnection->closeTab(tabId.substr(begin == std::string::npos ? 0 : begin + 1,
+                                             begin == std::string::npos ? end + 1 : end - begin));
+}
+
+void HostToCoreSocketService::receivedDisableInternet(const std::string& payload) {
+    logger.logInformation("Received Disable Internet: " + payload, now());
+    if (browserConnection) {
+        browserConnection->disableInternet(payload);
+    }
+}
+
+void HostToCoreSocketService::receivedEnableInternet() {
+    logger.logInformation("Received Enable Internet", now());
+    if (browserConnection) {
+        browserConnection->enableInternet();
+    }
+}
+
+void HostToCoreSocketService::receivedWebsiteList(const Data& websiteList) {
+    logger.logInformation("Received Website list", now());
+    if (browserConnection) {
+        browserConnection->setWebsiteList(websiteList);
+    }
+}
+
+}  // namespace kerrow

@@ -1,0 +1,62 @@
+// HostToCoreSocketService: keeps the inbound side of the link to the core service alive.
+//
+// A connection loop on its own serial queue reads the shared endpoint, reconnects when the core
+// service ends the connection, and stops for good after a socket error. Every message that the
+// endpoint delivers is routed by the first Const::Browser keyword it contains (closeTab,
+// disableInternet, enableInternet, websiteList, in that order) to one command of the browser
+// extension channel.
+//
+// Ownership: held by the application delegate (std::shared_ptr); a running loop holds it too.
+// It holds the channel and the endpoint; the endpoint holds it weakly as its reader delegate.
+// Both references are set before setup() and not changed afterwards.
+// Threads: the loop, didReadData() and the handlers run on `queue` (the endpoint delivers inside
+// readSocket()). retire() may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "browser/browser_extension_io.h"
+#include "kit/logger.h"
+#include "kit/socket_helper.h"
+#include "platform/dispatch_queue.h"
+
+namespace kerrow {
+
+class HostToCoreSocketService final : public SocketReaderDelegate,
+                                      public HostToCoreSocketProtocol,
+                                      public std::enable_shared_from_this<HostToCoreSocketService> {
+  public:
+    HostToCoreSocketService();
+    HostToCoreSocketService(const HostToCoreSocketService&) = delete;
+    HostToCoreSocketService& operator=(const HostToCoreSocketService&) = delete;
+
+    /// Queues one run of the connection loop on the endpoint set now; nothing without one.
+    void setup();
+
+    void didReadData(const Data& data) override;
+    /// Routes one message to the handler of the first keyword it contains.
+    void handleMessage(const std::string& message);
+
+    void receivedCloseTab(const std::string& tabId) override;
+    void receivedDisableInternet(const std::string& payload) override;
+    void receivedEnableInternet() override;
+    void receivedWebsiteList(const Data& websiteList) override;
+
+    /// Stops reading for good: a blocked read returns, and the loop ends without reconnecting.
+    /// The endpoint stays usable for sends.
+    void retire();
+
+    std::shared_ptr<BrowserExtensionIO> browserConnection;  // set before setup()
+    std::shared_ptr<SocketHelper> socketHelper;             // set before setup()
+
+  private:
+    void runConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint);
+
+    const Logger logger;
+    DispatchQueue queue;
+    std::atomic<bool> retired_{false};
+};
+
+}  // namespace kerrow

@@ -1,0 +1,54 @@
+// Logger: the host's log lines, one per call, "<time stamp> <level> <message>".
+//
+// The time stamp is the caller's (UTC, ISO 8601 with milliseconds), not the time of writing; an
+// error line is "<message>: <error description>". Lines go to
+// $XDG_STATE_HOME/kerrow/native-messaging-host.log ($HOME/.local/state/... where XDG_STATE_HOME is
+// unset), or to <logsDir>/native-messaging-host.log when a directory is given; the directory is
+// created 0700 and the file opened 0600. If no file can be opened the lines go to standard error,
+// never to standard output. The file rotates by size, so it stays bounded.
+//
+// Every logger of the process writing to one file shares one thread-safe sink, so loggers may be
+// used from any thread at once without torn or lost lines. A line reaches the file within a
+// second; flushAll() writes out everything before the process ends.
+// A Logger is a cheap value: copy it freely, use it from any thread.
+#pragma once
+
+#include <chrono>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+namespace kerrow {
+
+using Date = std::chrono::system_clock::time_point;
+
+/// The current date, as the callers of the logger take it just before each call.
+[[nodiscard]] inline Date now() {
+    return std::chrono::system_clock::now();
+}
+
+class LogChannel;
+
+class Logger {
+  public:
+    /// `date` is the logger's creation time; each line carries its own time stamp instead.
+    Logger(Date date, const std::optional<std::filesystem::path>& logsDir);
+
+    void logInformation(std::string_view message, Date timeStamp) const;
+    void logError(const std::exception& error, std::string_view message, Date timeStamp) const;
+
+    /// The directory used when none is given: $XDG_STATE_HOME/kerrow or $HOME/.local/state/kerrow.
+    [[nodiscard]] static std::optional<std::filesystem::path> defaultLogsDirectory();
+    /// The file name inside the logs directory.
+    static constexpr std::string_view logFileName = "native-messaging-host.log";
+
+    /// Writes every pending line of every logger to its file. Call before ending the process.
+    static void flushAll();
+
+  private:
+    std::shared_ptr<LogChannel> channel_;  // shared by all loggers of one logs directory
+};
+
+}  // namespace kerrow

@@ -1,0 +1,129 @@
+// SocketHelper: the host's endpoint of its connection to the core service, and the two protocols
+// through which the core service's messages reach the host.
+//
+// The core service listens on a Unix stream socket at browserSocketLocation(); setupSocket()
+// connects to it. Every message travels as one frame, in both directions: a 4-byte little-endian
+// unsigned byte count, then that many bytes. Inbound frames over 64 MiB are a protocol error.
+//
+// Trust: setupSocket() refuses a socket whose directory is not owned by us or root or is writable
+// by group or others, a socket file owned by anyone but us or root, and a peer whose SO_PEERCRED
+// uid is neither ours nor root.
+//
+// Ownership: shared by the application delegate, the browser extension channel and the
+// host-to-core service (std::shared_ptr). The reader delegate is held weakly.
+// Threads: readSocket(), resetSocket(), setupSocket() and closeSocket() are called by one thread at
+// a time (the host-to-core service's queue, or the main thread before that service starts).
+// sendData() may be called from any thread at any time, also while a read blocks in another
+// thread; sends are serialised by sendLock_ and never wait for a read. isConnected is atomic.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "platform/data.h"
+
+namespace kerrow {
+
+/// Receives every complete message that the endpoint reads, as one block, on the reading thread.
+class SocketReaderDelegate {
+  public:
+    virtual ~SocketReaderDelegate() = default;
+    virtual void didReadData(const Data& data) = 0;
+};
+
+/// The four commands of the core service, as the host-to-core service handles them.
+class HostToCoreSocketProtocol {
+  public:
+    virtual ~HostToCoreSocketProtocol() = default;
+    virtual void receivedCloseTab(const std::string& tabId) = 0;
+    virtual void receivedDisableInternet(const std::string& payload) = 0;
+    virtual void receivedEnableInternet() = 0;
+    virtual void receivedWebsiteList(const Data& websiteList) = 0;
+};
+
+/// The kinds of socket the kit connects. The host uses the browser socket only.
+enum class SocketType { browser };
+
+/// Thrown by setupSocket() for a socket, directory or peer that fails the trust rules.
+class SocketTrustError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Thrown by readSocket() for an inbound frame that announces more than maximumFrameLength bytes.
+class SocketFrameError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+class SocketHelper {
+  public:
+    static constexpr std::size_t maximumFrameLength = 64 * 1024 * 1024;
+
+    SocketHelper(SocketType type, std::string path);
+    ~SocketHelper();
+    SocketHelper(const SocketHelper&) = delete;
+    SocketHelper& operator=(const SocketHelper&) = delete;
+
+    /// $XDG_RUNTIME_DIR/kerrow/browser.sock, or /tmp/kerrow-<uid>/browser.sock where
+    /// XDG_RUNTIME_DIR is unset or not absolute. Read afresh on every call.
+    [[nodiscard]] static std::string browserSocketLocation();
+
+    void setReaderDelegate(std::weak_ptr<SocketReaderDelegate> delegate);
+    [[nodiscard]] std::shared_ptr<SocketReaderDelegate> readerDelegate() const;
+
+    /// True while the connection is up; false before setupSocket(), after end of stream (or a
+    /// reset by the peer), and after closeSocket().
+    [[nodiscard]] bool isConnected() const { return connected_.load(); }
+
+    /// Releases the connection after a failure. Later sends throw.
+    void closeSocket();
+
+    /// Drops the ended connection and its unread bytes, and makes `path` the location that the next
+    /// setupSocket() connects to.
+    void resetSocket(const std::string& path);
+
+    /// Waits for data, hands every complete frame to the reader delegate in order, and returns.
+    /// At end of stream or ECONNRESET isConnected turns false. Returns at once when not connected.
+    /// Throws std::system_error on a socket error and SocketFrameError on an oversized frame.
+    void readSocket();
+
+    /// Sends `data` as one frame. Throws std::system_error when not connected or the send fails
+    /// (never raises SIGPIPE).
+    void sendData(const Data& data);
+
+    /// Connects to the socket at the current path, checking trust first. While the socket is
+    /// missing or refuses, retries with capped exponential back-off for at most 10 seconds, then
+    /// throws the last std::system_error. Throws SocketTrustError at once for an untrusted
+    /// directory, socket or peer. Needs no reader delegate.
+    void setupSocket();
+
+    /// Ends reading for good without touching sends: a read blocked in another thread returns
+    /// with isConnected false, and every later read returns at once. Any thread.
+    void stopReading();
+
+  private:
+    [[nodiscard]] int connectOnce() const;  // a trusted, connected descriptor, or throws
+    void replaceDescriptor(int descriptor);
+    void deliverCompleteFrames();
+
+    const SocketType type_;
+    std::string path_;
+    std::atomic<bool> connected_{false};
+    std::atomic<bool> readingStopped_{false};
+
+    // The descriptor is replaced only under sendLock_; the reading thread, which is the only one
+    // that replaces it once reading started, may use it without the lock.
+    mutable std::mutex sendLock_;
+    int descriptor_ = -1;
+
+    mutable std::mutex delegateLock_;
+    std::weak_ptr<SocketReaderDelegate> readerDelegate_;  // guarded by delegateLock_
+
+    Data inbound_;  // reading thread only: bytes of frames not yet complete
+};
+
+}  // namespace kerrow

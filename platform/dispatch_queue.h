@@ -1,0 +1,38 @@
+// DispatchQueue: a labelled serial queue with one worker thread of its own.
+//
+// Work items run one at a time, in the order submitted, on the queue's thread. The owner of the
+// queue destroys it from any thread, including from one of its own work items (the usual end of a
+// service whose loop held the last reference to it): pending items still run, then the thread
+// ends; the destructor waits for that unless it runs on the worker itself.
+// async() may be called from any thread.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace kerrow {
+
+class DispatchQueue {
+  public:
+    explicit DispatchQueue(std::string label);
+    ~DispatchQueue();
+    DispatchQueue(const DispatchQueue&) = delete;
+    DispatchQueue& operator=(const DispatchQueue&) = delete;
+
+    /// Queues `work` to run after every item queued before it, and returns at once.
+    void async(std::function<void()> work);
+
+    [[nodiscard]] const std::string& label() const { return label_; }
+
+  private:
+    struct State;
+    static void run(std::shared_ptr<State> state);
+
+    std::string label_;
+    std::shared_ptr<State> state_;  // shared with the worker, which may outlive this object
+    std::thread worker_;
+};
+
+}  // namespace kerrow
