@@ -1,0 +1,237 @@
+// End-to-end tests of the real kerrow-native-messaging-host binary: a private session bus, a test
+// core service listening at the browser socket location, and the host's standard input and output
+// as pipes, exactly as a browser and the core service see it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/e2e/host_session.h"
+
+namespace kerrow::test {
+namespace {
+
+constexpr std::string_view startedLine = "info KerrowNativeMessagingHost started";
+constexpr std::string_view settingUpLine = "info Setting up Host to Core service";
+constexpr std::string_view requestingLine = "info Requesting Device Twin update";
+constexpr std::string_view startingLine = "info Starting KerrowNativeMessagingHost:BrowserExtensionIO";
+constexpr std::string_view stoppingLine = "info Stopping KerrowNativeMessagingHost:BrowserExtensionIO";
+constexpr std::string_view establishedLine = "info Established a Connection in host-to-core service";
+constexpr std::string_view sendingLine = "info Sending Tab Data to Browser Messaging";
+
+// True when `expected` occur in `lines` in this order (other lines may come between).
+bool inOrder(const std::vector<std::string>& lines, const std::vector<std::string_view>& expected) {
+    auto next = lines.begin();
+    for (const auto line : expected) {
+        next = std::find(next, lines.end(), line);
+        if (next == lines.end()) {
+            return false;
+        }
+        ++next;
+    }
+    return true;
+}
+
+class HostTest : public ::testing::Test {
+  protected:
+    HostSession session;
+};
+
+TEST_F(HostTest, AnnouncesItselfAndWaitsForTheAnswerBeforeReadingOrConnecting) {
+    session.launch();
+    ASSERT_TRUE(session.waitForAnnouncement());
+    // A frame that arrives before the answer stays unread in the pipe.
+    session.host().send(R"({"early":true})");
+    EXPECT_FALSE(session.core().accept(300ms)) << "connected before the start notification";
+    ASSERT_TRUE(session.waitForLog(startedLine));
+    EXPECT_EQ(session.logMessages(), std::vector<std::string>{std::string(startedLine)});
+
+    auto connection = session.answer();
+    ASSERT_TRUE(connection);
+    EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
+    EXPECT_EQ(connection->receive(), R"({"early":true}kerrow.tabList)");
+    EXPECT_EQ(session.announcementCount(), 1);
+
+    ASSERT_TRUE(session.waitForLog(sendingLine));
+    const auto lines = session.logMessages();
+    EXPECT_TRUE(inOrder(lines, {startedLine, settingUpLine, requestingLine})) << session.log();
+    EXPECT_TRUE(inOrder(lines, {startedLine, startingLine, sendingLine})) << session.log();
+    EXPECT_TRUE(inOrder(lines, {startedLine, establishedLine})) << session.log();
+}
+
+TEST_F(HostTest, RelaysEveryExtensionMessageToTheCoreServiceInOrder) {
+    auto connection = session.start();
+    ASSERT_TRUE(connection);
+    const std::vector<std::string> bodies{R"({"tabs":[{"id":1,"url":"https:\/\/a.example"}]})",
+                                          "", std::string(70'000, 'x'), "{\"emoji\":\"\xF0\x9F\x98\x80\"}"};
+    for (const auto& body : bodies) {
+        session.host().send(body);
+    }
+    for (const auto& body : bodies) {
+        EXPECT_EQ(connection->receive(), body + "kerrow.tabList");
+    }
+}
+
+TEST_F(HostTest, TurnsEachCoreCommandIntoTheExtensionsFramesInOrder) {
+    auto connection = session.start();
+    ASSERT_TRUE(connection);
+    struct Case {
+        std::string command;
+        std::vector<std::string> frames;
+    };
+    const std::vector<Case> cases{
+        {"kerrow.closeTab-42", {R"({"action":"closeTab","payload":{"id":42}})"}},
+        {"kerrow.closeTab-tab-7", {R"({"action":"closeTab","payload":{"id":7}})"}},
+        {"kerrow.disableInternetSchool hours/ends at 3",
+         {R"({"action":"disableWeb","payload":"School hours\/ends at 3"})"}},
+        {"kerrow.enableInternet and more", {R"({"action":"enableWeb","payload":{}})"}},
+        {R"(kerrow.websiteList{"name":"n","websites":["a.example\/x"],"listType":0})",
+         {R"({"action":"setWhitelist","payload":{"websites":["a.example\/x"]}})"}},
+        {R"(kerrow.websiteList{"name":"n","websites":["b.example"],"listType":1})",
+         {R"({"action":"setBlacklist","payload":{"websites":["b.example"]}})"}},
+        {R"(kerrow.websiteList{"name":"n","websites":["c.example"],"listType":7})",
+         {R"({"action":"setWhitelist","payload":{"websites":[]}})",
+          R"({"action":"setBlacklist","payload":{"websites":[]}})"}},
+        // The routing order decides: close-tab wins over everything else in the same message.
+        {"kerrow.disableInternet kerrow.closeTab-9", {R"({"action":"closeTab","payload":{"id":9}})"}},
+    };
+    for (const auto& [command, frames] : cases) {
+        connection->send(command);
+        for (const auto& expected : frames) {
+            EXPECT_EQ(session.host().receive(), expected) << command;
+        }
+    }
+    // Messages that name no command, or a tab that is no number, give no frame: the next frame
+    // on standard output is the one of the next command.
+    for (const std::string dropped : {"hello", "KERROW.CLOSETAB-1", "kerrow.closeTab-abc",
+                                      "kerrow.closeTab-", "kerrow.websiteList{}", "\xFF\xFE"}) {
+        connection->send(dropped);
+    }
+    connection->send("kerrow.closeTab-1");
+    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":1}})");
+
+    ASSERT_TRUE(session.waitForLog("info Closing Tab: {\"action\":\"closeTab\",\"payload\":{\"id\":1}}"));
+    const auto lines = session.logMessages();
+    EXPECT_TRUE(inOrder(lines, {"info Received Close Tab ID: -42",
+                                R"(info Closing Tab: {"action":"closeTab","payload":{"id":42}})",
+                                "info Received Disable Internet: School hours/ends at 3",
+                                "info Received Enable Internet", "info Received Website list",
+                                "info Could not cast to Int: abc"}))
+        << session.log();
+}
+
+TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnection) {
+    auto first = session.start();
+    ASSERT_TRUE(first);
+    first->close();
+    auto second = session.core().accept();
+    ASSERT_TRUE(second) << "no reconnection\n" << session.log();
+    session.host().send("after");
+    EXPECT_EQ(second->receive(), "afterkerrow.tabList");
+    second->send("kerrow.enableInternet");
+    EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})");
+    EXPECT_TRUE(waitUntil([&] {
+        const auto lines = session.logMessages();
+        return std::count(lines.begin(), lines.end(), std::string(establishedLine)) == 2;
+    })) << session.log();
+}
+
+TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBrowser) {
+    auto connection = session.start();
+    ASSERT_TRUE(connection);
+    connection->sendRaw(std::string("\xFF\xFF\xFF\xFF", 4));
+    EXPECT_TRUE(connection->waitForClose()) << session.log();
+    ASSERT_TRUE(session.waitForLog(
+        "error Error with socket in host-to-core service: inbound frame of 4294967295 bytes "
+        "exceeds the 64 MiB limit"));
+    EXPECT_FALSE(session.core().accept(500ms)) << "reconnected after a socket error";
+    session.host().send("dropped");
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+}
+
+TEST_F(HostTest, ConnectsToACoreServiceThatStartsListeningLate) {
+    session.stopCore();
+    session.launch();
+    ASSERT_TRUE(session.waitForAnnouncement());
+    session.postStart();
+    // The host is now retrying a socket that is missing; the core service comes up meanwhile.
+    std::this_thread::sleep_for(300ms);
+    session.startCore();
+    auto connection = session.core().accept(12'000ms);
+    ASSERT_TRUE(connection) << session.log();
+    EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
+}
+
+TEST_F(HostTest, GoesOnServingTheBrowserWhenNoCoreServiceListens) {
+    session.stopCore();
+    session.launch();
+    ASSERT_TRUE(session.waitForAnnouncement());
+    session.postStart();
+    ASSERT_TRUE(session.waitForLog(requestingLine, 15'000ms)) << session.log();
+    EXPECT_TRUE(inOrder(session.logMessages(), {startedLine, settingUpLine, requestingLine}));
+    const auto lines = session.logMessages();
+    EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+        return line.starts_with("error Error setting up socket: ");
+    })) << session.log();
+    session.host().send("nobody listens");
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(15'000ms), 0);
+}
+
+TEST_F(HostTest, ARepeatedStartMovesTheTrafficToTheNewConnection) {
+    auto first = session.start();
+    ASSERT_TRUE(first);
+    session.host().send("one");
+    EXPECT_EQ(first->receive(), "onekerrow.tabList");
+
+    session.postStart();
+    auto second = session.core().accept();
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->receive(), "kerrow.updateDeviceTwin");
+    for (int i = 0; i < 100; ++i) {
+        session.host().send("frame " + std::to_string(i));
+    }
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(second->receive(), "frame " + std::to_string(i) + "kerrow.tabList");
+    }
+    EXPECT_FALSE(first->receive(200ms)) << "a frame went over the previous connection";
+    second->send("kerrow.closeTab-5");
+    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":5}})");
+
+    // The previous service reads no more and never reconnects.
+    first->send("kerrow.closeTab-6");
+    first->close();
+    EXPECT_FALSE(session.core().accept(500ms)) << "the retired service reconnected";
+    second->send("kerrow.closeTab-8");
+    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":8}})");
+    EXPECT_EQ(session.announcementCount(), 1);
+}
+
+TEST_F(HostTest, EndOfInputEndsTheProcessWithStatusZero) {
+    auto connection = session.start();
+    ASSERT_TRUE(connection);
+    session.host().send("last");
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+    EXPECT_EQ(connection->receive(), "lastkerrow.tabList");
+    EXPECT_TRUE(connection->waitForClose());
+    const auto lines = session.logMessages();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), stoppingLine) << session.log();
+    EXPECT_EQ(session.host().receiveRest(), "") << "wrote to standard output after the stop";
+}
+
+TEST_F(HostTest, EndOfInputBeforeTheAnswerKeepsTheHostWaiting) {
+    session.launch();
+    ASSERT_TRUE(session.waitForAnnouncement());
+    session.host().closeInput();
+    EXPECT_FALSE(session.host().waitForExit(300ms)) << "read standard input before the answer";
+    session.postStart();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+}
+
+}  // namespace
+}  // namespace kerrow::test
