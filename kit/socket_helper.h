@@ -14,10 +14,12 @@
 // Threads: readSocket(), resetSocket(), setupSocket() and closeSocket() are called by one thread at
 // a time (the host-to-core service's queue, or the main thread before that service starts).
 // sendData() may be called from any thread at any time, also while a read blocks in another
-// thread; sends are serialised by sendLock_ and never wait for a read. isConnected is atomic.
+// thread; sends are serialised by sendLock_ and never wait for a read. stopReading() may be called
+// from any thread. isConnected is atomic.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -63,6 +65,7 @@ class SocketHelper {
   public:
     static constexpr std::size_t maximumFrameLength = 64 * 1024 * 1024;
 
+    /// Throws std::system_error only when the process has no descriptor left for its eventfd.
     SocketHelper(SocketType type, std::string path);
     ~SocketHelper();
     SocketHelper(const SocketHelper&) = delete;
@@ -76,7 +79,7 @@ class SocketHelper {
     [[nodiscard]] std::shared_ptr<SocketReaderDelegate> readerDelegate() const;
 
     /// True while the connection is up; false before setupSocket(), after end of stream (or a
-    /// reset by the peer), and after closeSocket().
+    /// reset by the peer), after closeSocket(), and once reading stopped (sends still go out).
     [[nodiscard]] bool isConnected() const { return connected_.load(); }
 
     /// Releases the connection after a failure. Later sends throw.
@@ -97,33 +100,57 @@ class SocketHelper {
 
     /// Connects to the socket at the current path, checking trust first. While the socket is
     /// missing or refuses, retries with capped exponential back-off for at most 10 seconds, then
-    /// throws the last std::system_error. Throws SocketTrustError at once for an untrusted
-    /// directory, socket or peer. Needs no reader delegate.
+    /// throws the last std::system_error; it gives up as soon as reading is stopped. Throws
+    /// SocketTrustError at once for an untrusted directory, socket or peer. Needs no reader
+    /// delegate.
     void setupSocket();
 
-    /// Ends reading for good without touching sends: a read blocked in another thread returns
-    /// with isConnected false, and every later read returns at once. Any thread.
+    /// Ends reading for good without touching sends or the peer: a read blocked in another thread
+    /// returns with isConnected false, every later read returns at once, and a setupSocket()
+    /// waiting for the socket gives up. Any thread.
     void stopReading();
 
   private:
-    [[nodiscard]] int connectOnce() const;  // a trusted, connected descriptor, or throws
-    void replaceDescriptor(int descriptor);
+    /// Owns one descriptor (-1 for none) and closes it when destroyed or replaced.
+    class Descriptor {
+      public:
+        Descriptor() = default;
+        explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+        ~Descriptor();
+        Descriptor(Descriptor&& other) noexcept;
+        Descriptor& operator=(Descriptor&& other) noexcept;
+        Descriptor(const Descriptor&) = delete;
+        Descriptor& operator=(const Descriptor&) = delete;
+        [[nodiscard]] int get() const { return descriptor_; }
+
+      private:
+        int descriptor_ = -1;
+    };
+
+    [[nodiscard]] Descriptor connectOnce() const;  // a trusted, connected socket, or throws
+    [[nodiscard]] bool waitBeforeRetry(std::chrono::milliseconds delay) const;
+    [[nodiscard]] bool waitForInput() const;
+    void replaceDescriptor(Descriptor descriptor);
     void deliverCompleteFrames();
 
     const SocketType type_;
-    std::string path_;
+    std::string path_;  // reading side only
     std::atomic<bool> connected_{false};
     std::atomic<bool> readingStopped_{false};
+    // An eventfd that turns readable, for good, when reading stops. Waits poll it beside the
+    // socket, so that stopping wakes them without shutting the socket down: shutdown(SHUT_RD) on
+    // a Unix stream socket makes the core service's later sends to us fail with EPIPE.
+    const Descriptor wakeDescriptor_;
 
-    // The descriptor is replaced only under sendLock_; the reading thread, which is the only one
-    // that replaces it once reading started, may use it without the lock.
+    // The socket is replaced only under sendLock_, and only by the reading side (readSocket(),
+    // resetSocket(), setupSocket(), closeSocket()), which therefore uses it without the lock.
     mutable std::mutex sendLock_;
-    int descriptor_ = -1;
+    Descriptor descriptor_;  // -1 before setupSocket() and after closeSocket() or resetSocket()
 
     mutable std::mutex delegateLock_;
     std::weak_ptr<SocketReaderDelegate> readerDelegate_;  // guarded by delegateLock_
 
-    Data inbound_;  // reading thread only: bytes of frames not yet complete
+    Data inbound_;  // reading side only: bytes of frames not yet complete
 };
 
 }  // namespace kerrow

@@ -158,6 +158,27 @@ std::optional<std::string> readFrameFrom(int fd, Duration timeout) {
     return body;
 }
 
+ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
+                                                     const std::optional<std::string>& value)
+    : name_(std::move(name)) {
+    if (const char* saved = std::getenv(name_.c_str())) {  // NOLINT(concurrency-mt-unsafe)
+        saved_ = saved;
+    }
+    set(value);
+}
+
+ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
+    set(saved_);
+}
+
+void ScopedEnvironmentVariable::set(const std::optional<std::string>& value) {
+    if (value) {
+        ::setenv(name_.c_str(), value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+    } else {
+        ::unsetenv(name_.c_str());  // NOLINT(concurrency-mt-unsafe)
+    }
+}
+
 bool waitUntil(const std::function<bool()>& condition, Duration timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {

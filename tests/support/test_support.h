@@ -60,6 +60,21 @@ void writeAll(int fd, std::string_view bytes);
 /// Reads one such frame within `timeout`; no value at end of file or time-out.
 [[nodiscard]] std::optional<std::string> readFrameFrom(int fd, Duration timeout = 5000ms);
 
+/// Sets an environment variable (or unsets it, given no value) and restores its earlier state on
+/// destruction. Only while no other thread of the test reads the environment.
+class ScopedEnvironmentVariable {
+  public:
+    ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value);
+    ~ScopedEnvironmentVariable();
+    ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+    ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+    void set(const std::optional<std::string>& value);
+
+  private:
+    std::string name_;
+    std::optional<std::string> saved_;
+};
+
 /// Polls `condition` every few milliseconds until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5000ms);
 

@@ -1,0 +1,335 @@
+#include "kit/socket_helper.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <system_error>
+#include <utility>
+
+namespace kerrow {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Back-off while the socket is missing or refuses: 20 ms, doubling up to one second, for at most
+// ten seconds in all.
+constexpr std::chrono::milliseconds firstRetryDelay = 20ms;
+constexpr std::chrono::milliseconds longestRetryDelay = 1s;
+constexpr std::chrono::milliseconds connectPatience = 10s;
+
+// Bytes asked of the kernel by one read; the inbound buffer grows by at most this much per read.
+constexpr std::size_t readChunk = 64 * 1024;
+// After a large frame the buffer gives its memory back once it holds no more than this.
+constexpr std::size_t retainedCapacity = 1024 * 1024;
+
+constexpr std::size_t headerLength = 4;
+
+[[noreturn]] void throwErrno(const std::string& what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
+
+bool isTrustedOwner(uid_t owner) {
+    return owner == ::geteuid() || owner == 0;
+}
+
+// The core service creates the directory and the socket when it starts: until then both may be
+// missing (ENOENT, which setupSocket() waits out). What exists must be ours or root's, and no one
+// else may be able to put another socket in its place.
+void checkTrust(const std::filesystem::path& path) {
+    const std::string directory = path.parent_path().string();
+    struct stat status {};
+    if (::lstat(directory.c_str(), &status) != 0) {
+        throwErrno("socket directory " + directory);
+    }
+    if (S_ISLNK(status.st_mode)) {
+        throw SocketTrustError("socket directory " + directory + " is a symbolic link");
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        throw SocketTrustError("socket directory " + directory + " is not a directory");
+    }
+    if (!isTrustedOwner(status.st_uid)) {
+        throw SocketTrustError("socket directory " + directory + " is owned by uid " +
+                               std::to_string(status.st_uid));
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw SocketTrustError("socket directory " + directory + " is writable by group or others");
+    }
+    if (::lstat(path.c_str(), &status) != 0) {
+        throwErrno("socket " + path.string());
+    }
+    if (!isTrustedOwner(status.st_uid)) {
+        throw SocketTrustError("socket " + path.string() + " is owned by uid " +
+                               std::to_string(status.st_uid));
+    }
+}
+
+std::uint32_t littleEndianLength(const std::uint8_t* bytes) {
+    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
+           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
+}
+
+}  // namespace
+
+SocketHelper::Descriptor::~Descriptor() {
+    if (descriptor_ >= 0) {
+        ::close(descriptor_);
+    }
+}
+
+SocketHelper::Descriptor::Descriptor(Descriptor&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+SocketHelper::Descriptor& SocketHelper::Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
+        descriptor_ = std::exchange(other.descriptor_, -1);
+    }
+    return *this;
+}
+
+SocketHelper::SocketHelper(SocketType type, std::string path)
+    : type_(type), path_(std::move(path)), wakeDescriptor_(::eventfd(0, EFD_CLOEXEC)) {
+    if (wakeDescriptor_.get() < 0) {
+        throwErrno("eventfd");
+    }
+}
+
+SocketHelper::~SocketHelper() = default;
+
+std::string SocketHelper::browserSocketLocation() {
+    const char* runtimeDirectory = std::getenv("XDG_RUNTIME_DIR");  // NOLINT(concurrency-mt-unsafe)
+    if (runtimeDirectory != nullptr && runtimeDirectory[0] == '/') {
+        return (std::filesystem::path(runtimeDirectory) / "kerrow" / "browser.sock").string();
+    }
+    return "/tmp/kerrow-" + std::to_string(::getuid()) + "/browser.sock";
+}
+
+void SocketHelper::setReaderDelegate(std::weak_ptr<SocketReaderDelegate> delegate) {
+    const std::lock_guard lock(delegateLock_);
+    readerDelegate_ = std::move(delegate);
+}
+
+std::shared_ptr<SocketReaderDelegate> SocketHelper::readerDelegate() const {
+    const std::lock_guard lock(delegateLock_);
+    return readerDelegate_.lock();
+}
+
+void SocketHelper::closeSocket() {
+    connected_ = false;
+    replaceDescriptor(Descriptor());
+}
+
+void SocketHelper::resetSocket(const std::string& path) {
+    connected_ = false;
+    replaceDescriptor(Descriptor());
+    path_ = path;
+}
+
+void SocketHelper::replaceDescriptor(Descriptor descriptor) {
+    // A send blocked on a core service that stopped reading holds sendLock_; shutting the old
+    // socket down first makes that send fail at once instead of keeping us waiting for the lock.
+    if (descriptor_.get() >= 0) {
+        ::shutdown(descriptor_.get(), SHUT_RDWR);
+    }
+    Descriptor old;
+    {
+        const std::lock_guard lock(sendLock_);
+        old = std::exchange(descriptor_, std::move(descriptor));
+    }
+    inbound_.clear();
+    inbound_.shrink_to_fit();
+}
+
+void SocketHelper::readSocket() {
+    if (!connected_) {
+        return;
+    }
+    for (;;) {
+        if (!waitForInput()) {
+            connected_ = false;
+            return;
+        }
+        const std::size_t kept = inbound_.size();
+        inbound_.resize(kept + readChunk);
+        const ssize_t received = ::recv(descriptor_.get(), inbound_.data() + kept, readChunk, 0);
+        const int error = errno;
+        inbound_.resize(kept + static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
+        if (received > 0) {
+            deliverCompleteFrames();
+            return;
+        }
+        if (received == 0 || error == ECONNRESET) {
+            // The core service ended the connection; a restarted one is reached by reconnecting.
+            connected_ = false;
+            return;
+        }
+        if (error != EINTR) {
+            throw std::system_error(error, std::generic_category(),
+                                    "read from core service at " + path_);
+        }
+    }
+}
+
+// Waits until the socket has something to read (data, end of stream or an error). False once
+// reading stopped, even when input arrived at the same time, so that a stopped reader consumes
+// nothing.
+bool SocketHelper::waitForInput() const {
+    std::array<pollfd, 2> entries{pollfd{wakeDescriptor_.get(), POLLIN, 0},
+                                  pollfd{descriptor_.get(), POLLIN, 0}};
+    while (!readingStopped_) {
+        const int ready = ::poll(entries.data(), entries.size(), -1);
+        if (ready < 0 && errno != EINTR) {
+            throwErrno("wait for core service at " + path_);
+        }
+        if (ready > 0) {
+            return entries[0].revents == 0;
+        }
+    }
+    return false;
+}
+
+void SocketHelper::deliverCompleteFrames() {
+    std::size_t consumed = 0;
+    while (inbound_.size() - consumed >= headerLength) {
+        const std::uint32_t length = littleEndianLength(inbound_.data() + consumed);
+        if (length > maximumFrameLength) {
+            throw SocketFrameError("inbound frame of " + std::to_string(length) +
+                                   " bytes exceeds the 64 MiB limit");
+        }
+        if (inbound_.size() - consumed - headerLength < length) {
+            break;
+        }
+        const auto body = inbound_.begin() + static_cast<std::ptrdiff_t>(consumed + headerLength);
+        const Data message(body, body + length);
+        consumed += headerLength + length;
+        if (const auto delegate = readerDelegate()) {
+            delegate->didReadData(message);
+        }
+    }
+    inbound_.erase(inbound_.begin(), inbound_.begin() + static_cast<std::ptrdiff_t>(consumed));
+    if (inbound_.capacity() > retainedCapacity && inbound_.size() <= retainedCapacity) {
+        inbound_.shrink_to_fit();
+    }
+}
+
+void SocketHelper::sendData(const Data& data) {
+    if (data.size() > std::numeric_limits<std::uint32_t>::max()) {
+        throw std::system_error(EMSGSIZE, std::generic_category(), "send to core service");
+    }
+    const auto length = static_cast<std::uint32_t>(data.size());
+    std::array<std::uint8_t, headerLength> header{
+        static_cast<std::uint8_t>(length), static_cast<std::uint8_t>(length >> 8),
+        static_cast<std::uint8_t>(length >> 16), static_cast<std::uint8_t>(length >> 24)};
+    // sendmsg() only reads the body; iovec just has no const member.
+    std::array<iovec, 2> parts{iovec{header.data(), header.size()},
+                               iovec{const_cast<std::uint8_t*>(data.data()), data.size()}};
+
+    const std::lock_guard lock(sendLock_);
+    if (descriptor_.get() < 0) {
+        throw std::system_error(ENOTCONN, std::generic_category(), "send to core service");
+    }
+    std::size_t first = 0;  // the first part with bytes left to send
+    while (first < parts.size()) {
+        msghdr message{};
+        message.msg_iov = parts.data() + first;
+        message.msg_iovlen = parts.size() - first;
+        // MSG_NOSIGNAL: a core service that has gone makes this fail with EPIPE, never SIGPIPE.
+        const ssize_t sent = ::sendmsg(descriptor_.get(), &message, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            throwErrno("send to core service");
+        }
+        for (auto left = static_cast<std::size_t>(sent); first < parts.size(); ++first) {
+            iovec& part = parts[first];
+            const std::size_t taken = std::min(left, part.iov_len);
+            part.iov_base = static_cast<std::uint8_t*>(part.iov_base) + taken;
+            part.iov_len -= taken;
+            left -= taken;
+            if (part.iov_len > 0) {
+                break;
+            }
+        }
+    }
+}
+
+void SocketHelper::setupSocket() {
+    const auto deadline = std::chrono::steady_clock::now() + connectPatience;
+    for (auto delay = firstRetryDelay;; delay = std::min(delay * 2, longestRetryDelay)) {
+        try {
+            replaceDescriptor(connectOnce());
+            connected_ = true;
+            return;
+        } catch (const std::system_error& error) {
+            const bool absent = error.code() == std::errc::no_such_file_or_directory ||
+                                error.code() == std::errc::connection_refused;
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (!absent || left <= 0ms || !waitBeforeRetry(std::min(delay, left))) {
+                throw;
+            }
+        }
+    }
+}
+
+// Sleeps for `delay`; false when reading stopped before or during the wait.
+bool SocketHelper::waitBeforeRetry(std::chrono::milliseconds delay) const {
+    pollfd entry{wakeDescriptor_.get(), POLLIN, 0};
+    return !readingStopped_ && ::poll(&entry, 1, static_cast<int>(delay.count())) <= 0;
+}
+
+SocketHelper::Descriptor SocketHelper::connectOnce() const {
+    const std::filesystem::path path(path_);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path_.size() >= sizeof address.sun_path) {
+        throw std::system_error(ENAMETOOLONG, std::generic_category(), "socket " + path_);
+    }
+    checkTrust(path);
+    std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
+
+    Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (connection.get() < 0) {
+        throwErrno("socket");
+    }
+    while (::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address),
+                     sizeof address) != 0) {
+        if (errno != EINTR) {
+            throwErrno("connect to " + path_);
+        }
+    }
+    ucred peer{};
+    socklen_t peerLength = sizeof peer;
+    if (::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &peerLength) != 0) {
+        throwErrno("credentials of the core service at " + path_);
+    }
+    if (!isTrustedOwner(peer.uid)) {
+        throw SocketTrustError("core service at " + path_ + " runs as uid " +
+                               std::to_string(peer.uid));
+    }
+    return connection;
+}
+
+void SocketHelper::stopReading() {
+    if (!readingStopped_.exchange(true)) {
+        ::eventfd_write(wakeDescriptor_.get(), 1);
+    }
+}
+
+}  // namespace kerrow

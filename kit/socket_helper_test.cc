@@ -1,0 +1,417 @@
+#include "kit/socket_helper.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "tests/support/test_support.h"
+
+namespace kerrow {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using ::testing::HasSubstr;
+
+constexpr uid_t nobody = 65534;
+
+class RecordingDelegate : public SocketReaderDelegate {
+  public:
+    void didReadData(const Data& data) override {
+        const std::lock_guard lock(mutex_);
+        messages_.emplace_back(textView(data));
+    }
+    [[nodiscard]] std::vector<std::string> messages() const {
+        const std::lock_guard lock(mutex_);
+        return messages_;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> messages_;
+};
+
+// A bound Unix socket that is not listening (yet): connecting to it is refused.
+class UnlistenedSocket {
+  public:
+    explicit UnlistenedSocket(const std::filesystem::path& path)
+        : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    }
+    ~UnlistenedSocket() { ::close(fd_); }
+    UnlistenedSocket(const UnlistenedSocket&) = delete;
+    UnlistenedSocket& operator=(const UnlistenedSocket&) = delete;
+    [[nodiscard]] int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+std::size_t openDescriptors() {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                      std::filesystem::directory_iterator()));
+}
+
+// An endpoint at the browser socket location of a private XDG_RUNTIME_DIR, where a test core
+// service listens.
+class SocketTest : public ::testing::Test {
+  protected:
+    // Sets `helper` up and returns the core service's side of its connection.
+    std::optional<test::CoreConnection> connect(SocketHelper& helper) {
+        helper.setupSocket();
+        return core->accept();
+    }
+
+    // Expects setupSocket() to refuse the socket for a reason that names `reason`.
+    void expectRefused(const std::string& reason) {
+        try {
+            endpoint->setupSocket();
+            ADD_FAILURE() << "connected although " << reason;
+        } catch (const SocketTrustError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(reason));
+        }
+        EXPECT_FALSE(endpoint->isConnected());
+    }
+
+    test::TemporaryDirectory directory;
+    test::ScopedEnvironmentVariable runtimeDirectory{"XDG_RUNTIME_DIR", directory.path().string()};
+    const std::filesystem::path socketPath = directory.path() / "kerrow" / "browser.sock";
+    std::optional<test::TestCoreService> core{socketPath};
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    std::shared_ptr<SocketHelper> endpoint =
+        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
+};
+
+// The same, connected, with the delegate in place.
+class ConnectedSocketTest : public SocketTest {
+  protected:
+    void SetUp() override {
+        auto accepted = connect(*endpoint);
+        ASSERT_TRUE(accepted);
+        connection.emplace(std::move(*accepted));
+        endpoint->setReaderDelegate(delegate);
+    }
+
+    std::optional<test::CoreConnection> connection;
+};
+
+TEST(SocketLocation, IsInAnAbsoluteXdgRuntimeDirElseInTmp) {
+    const std::string fallback = "/tmp/kerrow-" + std::to_string(::getuid()) + "/browser.sock";
+    test::ScopedEnvironmentVariable variable("XDG_RUNTIME_DIR", "/run/user/1000");
+    EXPECT_EQ(SocketHelper::browserSocketLocation(), "/run/user/1000/kerrow/browser.sock");
+    variable.set("run/user/1000");
+    EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
+    variable.set("");
+    EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
+    variable.set(std::nullopt);
+    EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
+}
+
+TEST_F(SocketTest, ConnectsWithoutADelegateAndFramesBothWays) {
+    auto connection = connect(*endpoint);
+    ASSERT_TRUE(connection);
+    EXPECT_TRUE(endpoint->isConnected());
+    endpoint->sendData(dataFromText("hello"));
+    endpoint->sendData({});
+    EXPECT_EQ(test::readExactly(connection->fd(), 13), "\x05\x00\x00\x00hello\x00\x00\x00\x00"s);
+
+    connection->sendRaw(
+        "\x07\x00\x00\x00"
+        "dropped"s);  // no delegate yet: read and dropped
+    endpoint->readSocket();
+    endpoint->setReaderDelegate(delegate);
+    connection->sendRaw("\x03\x00\x00\x00one\x00\x00\x00\x00\x03\x00\x00\x00two"s);
+    endpoint->readSocket();  // one read delivers every frame that arrived
+    EXPECT_EQ(delegate->messages(), (std::vector<std::string>{"one", "", "two"}));
+}
+
+TEST_F(ConnectedSocketTest, ReassemblesAFrameSplitAcrossReads) {
+    for (const std::string& piece : {"\x05\x00"s, "\x00\x00sp"s, "li"s}) {
+        connection->sendRaw(piece);
+        endpoint->readSocket();
+        EXPECT_TRUE(delegate->messages().empty());
+    }
+    connection->sendRaw("t\x01\x00\x00"s);  // the end of one frame and part of the next header
+    endpoint->readSocket();
+    EXPECT_EQ(delegate->messages(), std::vector<std::string>{"split"});
+    connection->sendRaw("\x00!"s);
+    endpoint->readSocket();
+    EXPECT_EQ(delegate->messages(), (std::vector<std::string>{"split", "!"}));
+}
+
+TEST_F(SocketTest, RefusesAFrameOverTheLimitAsSoonAsItsHeaderArrives) {
+    const auto readAfter = [&](const std::string& bytes) -> std::string {
+        auto helper = std::make_shared<SocketHelper>(SocketType::browser, socketPath.string());
+        auto connection = connect(*helper);
+        if (!connection) {
+            return "no connection";
+        }
+        helper->setReaderDelegate(delegate);
+        connection->sendRaw(bytes);
+        try {
+            helper->readSocket();
+        } catch (const SocketFrameError& error) {
+            return error.what();
+        }
+        return "waits for the body";
+    };
+    EXPECT_EQ(readAfter("\x00\x00\x00\x04"s), "waits for the body");  // exactly 64 MiB
+    EXPECT_EQ(readAfter("\x01\x00\x00\x04"s),
+              "inbound frame of 67108865 bytes exceeds the 64 MiB limit");
+    EXPECT_EQ(readAfter(test::frame("before") + "\xff\xff\xff\xff"),
+              "inbound frame of 4294967295 bytes exceeds the 64 MiB limit");
+    EXPECT_EQ(delegate->messages(), std::vector<std::string>{"before"});
+}
+
+TEST_F(ConnectedSocketTest, EndOfStreamEndsTheConnectionAndDropsAPartialFrame) {
+    connection->sendRaw(test::frame("last") + "\x09\x00\x00\x00part"s);
+    connection->close();
+    while (endpoint->isConnected()) {
+        endpoint->readSocket();
+    }
+    EXPECT_EQ(delegate->messages(), std::vector<std::string>{"last"});
+    endpoint->readSocket();  // returns at once
+}
+
+TEST_F(ConnectedSocketTest, AResetByThePeerEndsTheConnectionWithoutError) {
+    endpoint->sendData(dataFromText("never read"));
+    connection->close();  // with our frame unread: our next read fails with ECONNRESET
+    EXPECT_NO_THROW(endpoint->readSocket());
+    EXPECT_FALSE(endpoint->isConnected());
+}
+
+TEST_F(SocketTest, SendFailsWithAnErrorButNeverWithSigpipe) {
+    // SIGPIPE goes to the sending thread; blocked here, it would stay pending for us to see.
+    sigset_t pipeSignal;
+    sigset_t previous;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &pipeSignal, &previous), 0);
+
+    EXPECT_THROW(endpoint->sendData(dataFromText("before setup")), std::system_error);
+    auto connection = connect(*endpoint);
+    ASSERT_TRUE(connection);
+    connection->close();
+    EXPECT_THROW(endpoint->sendData(dataFromText("to a closed peer")), std::system_error);
+    endpoint->closeSocket();
+    EXPECT_THROW(endpoint->sendData(dataFromText("after close")), std::system_error);
+
+    sigset_t pending;
+    ::sigpending(&pending);
+    EXPECT_FALSE(sigismember(&pending, SIGPIPE));
+    const timespec noWait{};
+    while (::sigtimedwait(&pipeSignal, nullptr, &noWait) == SIGPIPE) {
+    }
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+TEST_F(ConnectedSocketTest, FramesFromConcurrentSendersNeverInterleave) {
+    constexpr int senders = 4;
+    constexpr int framesEach = 40;
+    // Some frames exceed the socket buffer, so that their sends take several writes.
+    const auto message = [](int sender, int index) {
+        const auto size = static_cast<std::size_t>((index * 7919 + sender * 104729) % 300000);
+        return std::to_string(sender) + ":" + std::to_string(index) + ":" +
+               std::string(size, static_cast<char>('a' + sender));
+    };
+    std::vector<std::jthread> threads;
+    for (int sender = 0; sender < senders; ++sender) {
+        threads.emplace_back([&, sender] {
+            try {
+                for (int index = 0; index < framesEach; ++index) {
+                    endpoint->sendData(dataFromText(message(sender, index)));
+                }
+            } catch (const std::system_error&) {
+                // The test failed and closed the connection below.
+            }
+        });
+    }
+    std::map<int, int> next;
+    for (int received = 0; received < senders * framesEach; ++received) {
+        const auto frame = connection->receive();
+        const int sender = frame && !frame->empty() ? frame->front() - '0' : -1;
+        if (sender < 0 || sender >= senders) {
+            ADD_FAILURE() << "frame " << received << " is missing or garbled";
+            break;
+        }
+        EXPECT_EQ(*frame, message(sender, next[sender]++));
+    }
+    connection->close();  // releases senders blocked after a failure
+}
+
+TEST_F(ConnectedSocketTest, SendsWhileAnotherThreadWaitsInARead) {
+    std::atomic<bool> reading = false;
+    std::jthread reader([&] {
+        reading = true;
+        endpoint->readSocket();
+    });
+    EXPECT_TRUE(test::waitUntil([&] { return reading.load(); }));
+    auto send =
+        std::async(std::launch::async, [&] { endpoint->sendData(dataFromText("while reading")); });
+    const bool sent = send.wait_for(5s) == std::future_status::ready;
+    connection->send("answer");  // ends the read
+    reader.join();
+    EXPECT_TRUE(sent);
+    EXPECT_EQ(connection->receive(), "while reading");
+    EXPECT_EQ(delegate->messages(), std::vector<std::string>{"answer"});
+}
+
+TEST_F(ConnectedSocketTest, StopReadingWakesAWaitingReadAndLeavesSendsAlone) {
+    std::atomic<bool> reading = false;
+    std::atomic<bool> returned = false;
+    std::jthread reader([&] {
+        reading = true;
+        endpoint->readSocket();
+        returned = true;
+    });
+    EXPECT_TRUE(test::waitUntil([&] { return reading.load(); }));
+    endpoint->stopReading();
+    EXPECT_TRUE(test::waitUntil([&] { return returned.load(); }));
+    if (!returned) {
+        connection->send("release the reader");
+    }
+    reader.join();
+    EXPECT_FALSE(endpoint->isConnected());
+
+    connection->send("after the stop");  // the core service's sends still succeed
+    endpoint->readSocket();
+    EXPECT_TRUE(delegate->messages().empty());
+    endpoint->sendData(dataFromText("still sends"));
+    EXPECT_EQ(connection->receive(), "still sends");
+}
+
+TEST_F(SocketTest, SetupWaitsWhileTheSocketIsMissingOrRefuses) {
+    // The delay only makes the first attempts find nothing; the outcome does not depend on it.
+    const auto startListeningSoon = [&] {
+        return std::jthread([&] {
+            std::this_thread::sleep_for(100ms);
+            ::mkdir(socketPath.parent_path().c_str(), 0700);  // as the core service creates it
+            core.emplace(socketPath);
+        });
+    };
+    core.reset();
+    std::filesystem::remove(socketPath.parent_path());
+    {
+        auto starter = startListeningSoon();
+        endpoint->setupSocket();
+    }
+    EXPECT_TRUE(endpoint->isConnected());
+    EXPECT_TRUE(core->accept());
+
+    core.reset();
+    const UnlistenedSocket stale(socketPath);  // left behind by a core service that ended
+    auto second = std::make_shared<SocketHelper>(SocketType::browser, socketPath.string());
+    {
+        auto starter = startListeningSoon();
+        second->setupSocket();
+    }
+    EXPECT_TRUE(second->isConnected());
+    EXPECT_TRUE(core->accept());
+}
+
+TEST_F(SocketTest, SetupGivesUpAfterTenSecondsWithoutASocket) {
+    core.reset();
+    try {
+        endpoint->setupSocket();
+        ADD_FAILURE() << "connected to nothing";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+        EXPECT_THAT(error.what(), HasSubstr(socketPath.string()));
+    }
+    EXPECT_FALSE(endpoint->isConnected());
+}
+
+TEST_F(SocketTest, SetupStopsWaitingOnceReadingStops) {
+    core.reset();
+    std::atomic<bool> gaveUp = false;
+    std::jthread waiter([&] {
+        EXPECT_THROW(endpoint->setupSocket(), std::system_error);
+        gaveUp = true;
+    });
+    endpoint->stopReading();
+    EXPECT_TRUE(test::waitUntil([&] { return gaveUp.load(); }));
+}
+
+TEST_F(SocketTest, RefusesADirectoryThatOthersCanWriteToOrThatIsALink) {
+    const auto socketDirectory = socketPath.parent_path();
+    ::chmod(socketDirectory.c_str(), 0770);
+    expectRefused("socket directory " + socketDirectory.string() + " is writable by group");
+    ::chmod(socketDirectory.c_str(), 0702);
+    expectRefused("is writable by group or others");
+
+    ::chmod(socketDirectory.c_str(), 0700);
+    std::filesystem::rename(socketDirectory, directory.path() / "elsewhere");
+    std::filesystem::create_directory_symlink("elsewhere", socketDirectory);
+    expectRefused("socket directory " + socketDirectory.string() + " is a symbolic link");
+}
+
+TEST_F(SocketTest, RefusesADirectorySocketOrPeerOfAnotherUser) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "giving files and sockets to another user needs root";
+    }
+    const auto socketDirectory = socketPath.parent_path();
+    ASSERT_EQ(::chown(socketDirectory.c_str(), nobody, nobody), 0);
+    expectRefused("socket directory " + socketDirectory.string() + " is owned by uid 65534");
+    ASSERT_EQ(::chown(socketDirectory.c_str(), 0, 0), 0);
+    ASSERT_EQ(::chown(socketPath.c_str(), nobody, nobody), 0);
+    expectRefused("socket " + socketPath.string() + " is owned by uid 65534");
+
+    // The peer's credentials are those of the thread that called listen(): a helper thread takes
+    // nobody's effective uid for that call only (the raw system call changes just that thread).
+    core.reset();
+    const UnlistenedSocket listener(socketPath);
+    std::thread([&] {
+        ASSERT_EQ(::syscall(SYS_setresuid, -1, nobody, -1), 0);
+        EXPECT_EQ(::listen(listener.fd(), 4), 0);
+        ASSERT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0);
+    }).join();
+    expectRefused("core service at " + socketPath.string() + " runs as uid 65534");
+}
+
+TEST_F(SocketTest, LeaksNoDescriptorAcrossResetsCloseAndDestruction) {
+    const std::size_t before = openDescriptors();
+    for (int round = 0; round < 20; ++round) {
+        auto connection = connect(*endpoint);
+        ASSERT_TRUE(connection);
+        connection->close();
+        endpoint->readSocket();
+        ASSERT_FALSE(endpoint->isConnected());
+        endpoint->resetSocket(SocketHelper::browserSocketLocation());
+    }
+    EXPECT_EQ(openDescriptors(), before);
+
+    {
+        auto connection = connect(*endpoint);
+        ASSERT_TRUE(connection);
+        endpoint->closeSocket();
+        EXPECT_TRUE(connection->waitForClose());
+    }
+    EXPECT_EQ(openDescriptors(), before);
+
+    auto connection = connect(*endpoint);
+    ASSERT_TRUE(connection);
+    endpoint.reset();
+    EXPECT_TRUE(connection->waitForClose());
+    connection->close();
+    EXPECT_EQ(openDescriptors(), before - 1);  // the eventfd that stops reading is gone too
+}
+
+}  // namespace
+}  // namespace kerrow
