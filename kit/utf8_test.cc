@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <string_view>
+
 namespace kerrow {
 namespace {
 
@@ -27,6 +30,33 @@ TEST(UTF8Validation, RefusesMalformedSequences) {
              "\xe2\x82",
          }) {
         EXPECT_FALSE(isValidUTF8(text)) << testing::PrintToString(std::string(text));
+    }
+}
+
+// Each maximal ill-formed subpart becomes exactly one U+FFFD, so a truncated multi-byte sequence
+// costs one replacement, not one per byte, and the bytes after it survive.
+TEST(UTF8Repair, ReplacesEachMaximalIllFormedSubpartOnce) {
+    const std::string r = "\xef\xbf\xbd";  // U+FFFD
+    const struct {
+        std::string_view bytes;
+        std::string expected;
+    } cases[] = {
+        {"", ""},
+        {"console", "console"},
+        {"caf\xc3\xa9", "caf\xc3\xa9"},
+        {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},
+        {"a\x80z", "a" + r + "z"},
+        {"\xe2\x82", r},              // truncated at the end
+        {"\xe2\x82z", r + "z"},       // truncated mid-text
+        {"\xf0\x9f\x98z", r + "z"},   // three of four bytes
+        {"\xc0\xaf", r + r},          // overlong: two subparts
+        {"\xed\xa0\x80", r + r + r},  // surrogate
+        {"\xff\xfe", r + r},
+        {"\xe2\x82\xc3\xa9", r + "\xc3\xa9"},  // a good sequence right after a bad one
+    };
+    for (const auto& [bytes, expected] : cases) {
+        EXPECT_EQ(utf8::repaired(bytes), expected) << testing::PrintToString(std::string(bytes));
+        EXPECT_TRUE(isValidUTF8(utf8::repaired(bytes)));
     }
 }
 

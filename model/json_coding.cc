@@ -47,6 +47,11 @@ const nlohmann::json* readObject(const nlohmann::json& object, std::string_view 
     return member != nullptr && member->is_object() ? member : nullptr;
 }
 
+const nlohmann::json* readArray(const nlohmann::json& object, std::string_view key) {
+    const nlohmann::json* member = findMember(object, key);
+    return member != nullptr && member->is_array() ? member : nullptr;
+}
+
 std::optional<std::string> readString(const nlohmann::json& object, std::string_view key) {
     const nlohmann::json* member = findMember(object, key);
     if (member == nullptr || !member->is_string()) {
@@ -77,8 +82,8 @@ std::optional<std::int64_t> readInt64(const nlohmann::json& object, std::string_
 
 std::optional<std::vector<std::string>> readStringArray(const nlohmann::json& object,
                                                         std::string_view key) {
-    const nlohmann::json* member = findMember(object, key);
-    if (member == nullptr || !member->is_array()) {
+    const nlohmann::json* member = readArray(object, key);
+    if (member == nullptr) {
         return std::nullopt;
     }
     std::vector<std::string> texts;

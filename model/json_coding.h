@@ -26,6 +26,9 @@ void appendInteger(std::string& out, std::int64_t value);
 /// REQUIRES (for all readers): `object` is a JSON object.
 [[nodiscard]] const nlohmann::json* readObject(const nlohmann::json& object, std::string_view key);
 
+/// The member `key` of `object` when it is a JSON array, else nullptr.
+[[nodiscard]] const nlohmann::json* readArray(const nlohmann::json& object, std::string_view key);
+
 [[nodiscard]] std::optional<std::string> readString(const nlohmann::json& object,
                                                     std::string_view key);
 
@@ -35,7 +38,7 @@ void appendInteger(std::string& out, std::int64_t value);
 
 /// An array whose elements are all strings.
 [[nodiscard]] std::optional<std::vector<std::string>> readStringArray(const nlohmann::json& object,
-                                                                     std::string_view key);
+                                                                      std::string_view key);
 
 /// True when arrays and objects in `text` nest deeper than `limit`. Exact for valid JSON, which
 /// is all that matters: invalid text fails to parse whatever this says.

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdint>
 
-#include "model/utf8_sequence.h"
+#include "kit/utf8.h"
 
 namespace kerrow {
 

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "kit/utf8.h"
 #include "model/internet_date_time.h"
 #include "model/json_coding.h"
 #include "model/json_text.h"
-#include "model/utf8_sequence.h"
 
 namespace kerrow {
 
@@ -18,7 +18,9 @@ namespace {
 std::string textOfField(const char* field, std::size_t size) {
     const void* terminator = std::memchr(field, '\0', size);
     const std::size_t length =
-        terminator == nullptr ? size : static_cast<std::size_t>(static_cast<const char*>(terminator) - field);
+        terminator == nullptr
+            ? size
+            : static_cast<std::size_t>(static_cast<const char*>(terminator) - field);
     return utf8::repaired({field, length});
 }
 

@@ -1,0 +1,188 @@
+#include "model/native_host_message.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kerrow {
+namespace {
+
+using Payload = NativeHostMessagePayload;
+using Type = NativeHostMessageType;
+
+TEST(NativeHostMessageType, RawValuesAreTheCaseNamesInDeclarationOrder) {
+    const std::vector<std::string_view> expected = {
+        "sendLoginHistory", "loginHistory", "sendVideo", "sendConfig", "config",
+        "setBlacklist",     "setWhitelist", "closeTab",  "disableWeb", "enableWeb"};
+    ASSERT_EQ(kAllNativeHostMessageTypes.size(), expected.size());
+    for (std::size_t index = 0; index < expected.size(); ++index) {
+        EXPECT_EQ(static_cast<std::size_t>(kAllNativeHostMessageTypes[index]), index);
+        EXPECT_EQ(rawValue(kAllNativeHostMessageTypes[index]), expected[index]);
+        EXPECT_EQ(makeNativeHostMessageType(expected[index]), kAllNativeHostMessageTypes[index]);
+    }
+    for (const std::string_view text :
+         {"", "CloseTab", "closetab", " closeTab", "closeTab ", "action", "empty"}) {
+        EXPECT_EQ(makeNativeHostMessageType(text), std::nullopt) << text;
+    }
+}
+
+struct Form {
+    std::string_view json;
+    NativeHostMessage message;
+};
+
+// One message of every type, in the exact form the extension receives.
+std::vector<Form> everyTypeTag() {
+    const LoginEntry entry{std::chrono::sys_seconds{std::chrono::seconds{1714550400}},
+                           LoginEntry::Action::login, "alice", "console"};
+    return {
+        {R"({"action":"sendLoginHistory","payload":{"username":"alice"}})",
+         {Type::sendLoginHistory, Payload::sendLoginHistory("alice")}},
+        {R"({"action":"loginHistory","payload":{"history":[{"date":"2024-05-01T08:00:00Z",)"
+         R"("action":"login","username":"alice","line":"console"}]}})",
+         {Type::loginHistory, Payload::loginHistory({entry})}},
+        {R"({"action":"sendVideo","payload":{"callee":"bob","video":{"resolution":)"
+         R"({"width":1280,"height":720},"framerate":30}}})",
+         {Type::sendVideo, Payload::sendVideo("bob", VideoOptions{{1280, 720}, 30})}},
+        {R"({"action":"sendConfig","payload":{}})", {Type::sendConfig, Payload::empty()}},
+        {R"({"action":"config","payload":{"config":{"address":"ws:\/\/10.0.0.2:8080\/",)"
+         R"("api":"https:\/\/api.example"}}})",
+         {Type::config, Payload::config(Config{"ws://10.0.0.2:8080/", "https://api.example"})}},
+        {R"({"action":"setBlacklist","payload":{"blacklist":["site-a","site-b"]}})",
+         {Type::setBlacklist, Payload::setBlacklist({"site-a", "site-b"})}},
+        {R"({"action":"setBlacklist","payload":{"blacklist":[]}})",
+         {Type::setBlacklist, Payload::setBlacklist({})}},
+        {R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
+         {Type::setWhitelist, Payload::setWhitelist({})}},
+        {R"({"action":"setWhitelist","payload":{"whitelist":["a.example\/x","","a.example\/x"]}})",
+         {Type::setWhitelist, Payload::setWhitelist({"a.example/x", "", "a.example/x"})}},
+        {R"({"action":"closeTab","payload":{"id":42}})", {Type::closeTab, Payload::closeTab(42)}},
+        {R"({"action":"closeTab","payload":{"id":-9223372036854775808}})",
+         {Type::closeTab, Payload::closeTab(-9223372036854775807 - 1)}},
+        {R"({"action":"disableWeb","payload":{}})", {Type::disableWeb, Payload::empty()}},
+        {R"({"action":"enableWeb","payload":{}})", {Type::enableWeb, Payload::empty()}},
+    };
+}
+
+TEST(NativeHostMessageCoding, WritesEveryTypeTagByteForByteAndReadsItBack) {
+    for (const auto& [json, message] : everyTypeTag()) {
+        EXPECT_EQ(message.toJSONString(), json);
+        EXPECT_EQ(NativeHostMessage::fromJSONString(json), message) << json;
+    }
+}
+
+TEST(NativeHostMessageCoding, ReadsLenientlyWhereTheFormAllows) {
+    const struct {
+        std::string_view json;
+        NativeHostMessage expected;
+    } cases[] = {
+        {R"({"action":"enableWeb"})", {Type::enableWeb, Payload::empty()}},
+        {R"({"action":"sendConfig","payload":42})", {Type::sendConfig, Payload::empty()}},
+        {R"({"action":"disableWeb","payload":null})", {Type::disableWeb, Payload::empty()}},
+        {R"({"payload":{"id":7,"extra":"x"},"action":"closeTab","type":"enableWeb"})",
+         {Type::closeTab, Payload::closeTab(7)}},
+        {" {\n \"action\" : \"setWhitelist\" , \"payload\" : { \"whitelist\" : [ ] } } ",
+         {Type::setWhitelist, Payload::setWhitelist({})}},
+        {R"({"action":"setBlacklist","payload":{"blacklist":["\u00e9\/"]}})",
+         {Type::setBlacklist, Payload::setBlacklist({"\xc3\xa9/"})}},
+        {R"({"action":"config","payload":{"config":{"address":""}}})",
+         {Type::config, Payload::config(Config{"", std::string(Config::kDefaultAPI)})}},
+    };
+    for (const auto& [json, expected] : cases) {
+        EXPECT_EQ(NativeHostMessage::fromJSONString(json), expected) << json;
+    }
+}
+
+TEST(NativeHostMessageCoding, RefusesIncompleteOrMistypedMessages) {
+    for (const std::string_view json : {
+             R"({"type":"closeTab","payload":{"id":1}})",
+             R"({"action":"CloseTab","payload":{"id":1}})",
+             R"({"action":null,"payload":{}})",
+             R"({"action":7,"payload":{}})",
+             R"({"action":"closeTab"})",
+             R"({"action":"closeTab","payload":null})",
+             R"({"action":"closeTab","payload":[{"id":1}]})",
+             R"({"action":"closeTab","payload":{"id":"42"}})",
+             R"({"action":"closeTab","payload":{"id":29.97}})",
+             R"({"action":"closeTab","payload":{"id":42.0}})",
+             R"({"action":"closeTab","payload":{"id":9223372036854775808}})",
+             R"({"action":"closeTab","payload":{"id":-9223372036854775809}})",
+             R"({"action":"closeTab","payload":{"id":true}})",
+             R"({"action":"setBlacklist","payload":{"blacklist":["site-a",1]}})",
+             R"({"action":"setWhitelist","payload":{"whitelist":"site-a"}})",
+             R"({"action":"setWhitelist","payload":{"blacklist":[]}})",
+             R"({"action":"sendLoginHistory","payload":{}})",
+             R"({"action":"loginHistory","payload":{"history":[{"date":"2024-05-01T08:00:00Z",)"
+             R"("action":"login","username":"a","line":"l"},{}]}})",
+             R"({"action":"sendVideo","payload":{"callee":"bob"}})",
+             R"({"action":"config","payload":{"config":"x"}})",
+             R"({"action":"config","payload":{}})",
+             R"(["closeTab",{"id":1}])",
+             R"("enableWeb")",
+             "null",
+             "",
+             "{",
+             R"({"action":"enableWeb"} {})",
+             R"(/**/{"action":"enableWeb"})",
+             "{\"action\":\"setBlacklist\",\"payload\":{\"blacklist\":[\"\xff\"]}}",
+         }) {
+        EXPECT_EQ(NativeHostMessage::fromJSONString(json), std::nullopt) << json;
+    }
+}
+
+TEST(NativeHostMessageCoding, WritesThePayloadByItsOwnCaseWhateverTheType) {
+    const NativeHostMessage configInSendConfig{Type::sendConfig, Payload::config(Config{})};
+    const auto json = configInSendConfig.toJSONString();
+    EXPECT_EQ(json,
+              R"({"action":"sendConfig","payload":{"config":{"address":"ws:\/\/localhost:8080\/",)"
+              R"("api":"https:\/\/api.kerrowsoftware.com"}}})");
+    EXPECT_EQ(NativeHostMessage::fromJSONString(json.value_or("")),
+              (NativeHostMessage{Type::sendConfig, Payload::empty()}));
+
+    const NativeHostMessage emptyCloseTab{Type::closeTab, Payload::empty()};
+    EXPECT_EQ(emptyCloseTab.toJSONString(), R"({"action":"closeTab","payload":{}})");
+    EXPECT_EQ(NativeHostMessage::fromJSONString(R"({"action":"closeTab","payload":{}})"),
+              std::nullopt);
+}
+
+TEST(NativeHostMessageCoding, GivesNoTextForTextsThatAreNotUTF8OrDatesItCannotWrite) {
+    const LoginEntry farFuture{std::chrono::sys_seconds{std::chrono::seconds{253402300800}},
+                               LoginEntry::Action::login, "alice", "console"};
+    for (const NativeHostMessage& message : {
+             NativeHostMessage{Type::setWhitelist, Payload::setWhitelist({"ok", "bad\xc3"})},
+             NativeHostMessage{Type::sendLoginHistory, Payload::sendLoginHistory("\xff")},
+             NativeHostMessage{Type::config, Payload::config(Config{"ws://a/", "\xed\xa0\x80"})},
+             NativeHostMessage{Type::loginHistory, Payload::loginHistory({farFuture})},
+         }) {
+        EXPECT_EQ(message.toJSONString(), std::nullopt);
+    }
+}
+
+std::string nested(int depth) {
+    return R"({"action":"enableWeb","extra":)" + std::string(depth - 1, '[') +
+           std::string(depth - 1, ']') + "}";
+}
+
+TEST(NativeHostMessageCoding, BoundsNestingDepthButIgnoresBracketsInStrings) {
+    const int limit = NativeHostMessage::kMaxNestingDepth;
+    EXPECT_TRUE(NativeHostMessage::fromJSONString(nested(limit)));
+    EXPECT_EQ(NativeHostMessage::fromJSONString(nested(limit + 1)), std::nullopt);
+    EXPECT_EQ(NativeHostMessage::fromJSONString(std::string(1'000'000, '[')), std::nullopt);
+    const std::string bracketsInText =
+        R"({"action":"enableWeb","extra":")" + std::string(2 * limit, '[') + R"(\"{"})";
+    EXPECT_TRUE(NativeHostMessage::fromJSONString(bracketsInText));
+}
+
+TEST(NativeHostMessageCoding, EveryTruncationOfAMessageFailsCleanly) {
+    for (const auto& form : everyTypeTag()) {
+        for (std::size_t length = 0; length < form.json.size(); ++length) {
+            EXPECT_EQ(NativeHostMessage::fromJSONString(form.json.substr(0, length)), std::nullopt)
+                << form.json.substr(0, length);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kerrow
