@@ -1,14 +1,23 @@
 // Application: the process's main event loop and its delegate.
 //
 // There is one Application per process (shared()). applicationMain() runs an sd-event loop on the
-// calling (main) thread and, once the loop is running, calls the delegate's
-// applicationDidFinishLaunching() exactly once from inside it. Everything that the loop
-// dispatches (the launch callback, distributed notifications) runs on the main thread.
+// main thread and, once the loop is running, calls the delegate's applicationDidFinishLaunching()
+// exactly once from inside it. Everything that the loop dispatches (the launch callback,
+// distributed notifications) runs on the main thread.
+//
+// Ending. The host's own end is at end of standard input, where the browser extension channel
+// ends the process itself. Besides that, SIGTERM and SIGINT (a browser, the session or a person
+// asking the host to stop) end the loop: the delegate's applicationWillTerminate() runs on the
+// main thread, then the process ends with status 0. It ends with _exit(), without static
+// destructors, because worker threads may still be blocked in reads or be logging.
+//
 // The application does not own its delegate: the caller keeps it alive for the whole process.
 // All members are for the main thread only.
 #pragma once
 
 #include <systemd/sd-event.h>
+
+#include <memory>
 
 namespace kerrow {
 
@@ -17,6 +26,9 @@ class ApplicationDelegate {
     virtual ~ApplicationDelegate() = default;
     /// Called once, on the main thread, from inside the running event loop.
     virtual void applicationDidFinishLaunching() = 0;
+    /// Called on the main thread after SIGTERM or SIGINT ended the loop, just before the process
+    /// ends: the place to write out what must not be lost (the log). Does nothing by default.
+    virtual void applicationWillTerminate() {}
 };
 
 class Application {
@@ -29,22 +41,32 @@ class Application {
     void setDelegate(ApplicationDelegate* delegate) { delegate_ = delegate; }
     [[nodiscard]] ApplicationDelegate* delegate() const { return delegate_; }
 
-    /// The main thread's event loop (created on first use).
+    /// The main thread's event loop, created on first use. Throws std::system_error when it
+    /// cannot be created.
     [[nodiscard]] sd_event* eventLoop();
 
-    /// Runs the loop until it exits; returns the loop's exit code.
+    /// Runs the loop until something calls sd_event_exit(); returns the code given there.
+    /// Throws std::system_error when the loop itself fails.
     int run();
 
   private:
     Application() = default;
-    ~Application();
+    ~Application() = default;
+
+    struct EventUnref {
+        void operator()(sd_event* loop) const { sd_event_unref(loop); }
+    };
 
     ApplicationDelegate* delegate_ = nullptr;
-    sd_event* loop_ = nullptr;
+    std::unique_ptr<sd_event, EventUnref> loop_;  // null until eventLoop() is first called
 };
 
-/// Runs the shared application: schedules the launch callback and runs the event loop on this
-/// thread. The arguments are accepted as a browser passes them and are not interpreted.
+/// Runs the shared application on the main thread: makes SIGTERM and SIGINT end the loop,
+/// schedules the launch callback, runs the loop and then ends the process (see the top of this
+/// file); it does not return once the loop has run. It returns EXIT_FAILURE, after a line on
+/// standard error, only when it is called off the main thread or the loop cannot be set up or
+/// fails.
+/// The arguments are accepted as a browser passes them and are not interpreted.
 int applicationMain(int argc, char** argv);
 
 }  // namespace kerrow

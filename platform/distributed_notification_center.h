@@ -3,18 +3,26 @@
 // A notification is the broadcast signal
 //   path /com/kerrowsoftware/DistributedNotifications,
 //   interface com.kerrowsoftware.DistributedNotifications, member Posted,
-// whose first argument is the notification name (a string); further arguments are ignored.
-// Observers match path, interface, member and arg0 from any sender; the match rule is
-// acknowledged by the bus before addObserver() returns, so a notification that answers a later
-// post of ours cannot be missed. Observers run on the main thread, from the Application's loop.
+// whose first argument is the notification name (a string); further arguments are ignored, and
+// a signal whose first argument is not a string is no notification. Observers match path,
+// interface, member and arg0 from any sender, the center's own posts included. The match rule
+// is acknowledged by the bus before addObserver() returns, so a notification that answers a later
+// post of ours cannot be missed. Observers run from the center's event loop: for the default
+// center that is Application::shared().eventLoop(), on the main thread.
 //
-// The default center opens the user's session bus on first use (DBUS_SESSION_BUS_ADDRESS, else
-// $XDG_RUNTIME_DIR/bus) and attaches it to Application::shared().eventLoop(). Without a session
-// bus, addObserver() and postNotificationName() throw std::system_error naming what failed.
-// Main thread only.
+// Each center owns one connection to the user's session bus (DBUS_SESSION_BUS_ADDRESS, else
+// $XDG_RUNTIME_DIR/bus), opened at the first addObserver() or postNotificationName(); without a
+// session bus those throw std::system_error naming what failed, and the next call tries again.
+// When the connection drops (the bus went away), sd-bus closes it and leaves the loop alone; the
+// next addObserver() or postNotificationName() opens a new one and installs every observer again.
+// Until then no notification arrives.
+//
+// The center owns its observers for its whole life; there is no removal. It keeps a reference to
+// its loop. Use it only on the thread that runs its loop (main thread for the default center).
 #pragma once
 
 #include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
 
 #include <functional>
 #include <memory>
@@ -28,26 +36,48 @@ class DistributedNotificationCenter {
   public:
     using Observer = std::function<void()>;
 
+    /// A center of its own, delivering through `loop`. The process uses defaultCenter(); tests
+    /// make their own, on loops of their own.
+    explicit DistributedNotificationCenter(sd_event* loop);
+    ~DistributedNotificationCenter();
     DistributedNotificationCenter(const DistributedNotificationCenter&) = delete;
     DistributedNotificationCenter& operator=(const DistributedNotificationCenter&) = delete;
 
+    /// The process's center, on the main loop. Connects on first use, so this never throws for
+    /// a missing bus.
     static DistributedNotificationCenter& defaultCenter();
 
-    /// Calls `observer` on every notification `name`, from any sender. Throws std::system_error
-    /// when the bus cannot be reached or refuses the match.
+    /// Calls `observer` on every notification `name`, from any sender, once the call returned.
+    /// Throws std::system_error when the bus cannot be reached or refuses the match, and
+    /// std::invalid_argument for a name holding an apostrophe or a backslash (match rules quote
+    /// those differently on the two sides); the observer is then not registered. An exception that
+    /// leaves `observer` is reported on standard error.
     void addObserver(std::string_view name, Observer observer);
 
-    /// Broadcasts `name`. With `deliverImmediately` the signal is flushed to the bus before the
-    /// call returns. Throws std::system_error when the bus cannot be reached.
+    /// Broadcasts `name`. With `deliverImmediately` the signal is written to the bus before the
+    /// call returns; otherwise the loop writes it out. Throws std::system_error when the bus cannot
+    /// be reached.
     void postNotificationName(std::string_view name, bool deliverImmediately);
 
   private:
-    DistributedNotificationCenter() = default;
-    ~DistributedNotificationCenter();
-    sd_bus* bus();  // opens and attaches on first use; throws
-
     struct Registration;
-    sd_bus* bus_ = nullptr;
+    struct EventUnref {
+        void operator()(sd_event* loop) const { sd_event_unref(loop); }
+    };
+    struct BusClose {
+        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    };
+
+    /// The open connection, opening it and installing missing matches first; throws.
+    sd_bus* bus();
+    void connect();
+    void installMatch(sd_bus* bus, Registration& registration);
+    static int deliver(sd_bus_message* message, void* userdata, sd_bus_error* error);
+
+    std::unique_ptr<sd_event, EventUnref> loop_;
+    std::unique_ptr<sd_bus, BusClose> bus_;  // null until first use; closed once the bus is lost
+    // Each registration holds its match on bus_ (none while there is no open connection), so the
+    // registrations go before the connection. Pointers to them are the matches' userdata.
     std::vector<std::unique_ptr<Registration>> registrations_;
 };
 

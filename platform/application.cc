@@ -1,0 +1,148 @@
+#include "platform/application.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+
+namespace kerrow {
+namespace {
+
+constexpr std::array stopSignals{SIGTERM, SIGINT};
+
+struct EventSourceUnref {
+    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+};
+using EventSource = std::unique_ptr<sd_event_source, EventSourceUnref>;
+
+[[noreturn]] void throwSystemError(int negativeErrno, const char* what) {
+    throw std::system_error(-negativeErrno, std::system_category(), what);
+}
+
+void reportError(const char* what, const char* detail) {
+    std::fprintf(stderr, "%s: %s: %s\n", program_invocation_short_name, what, detail);
+}
+
+// A process-directed signal goes to any thread that does not block it. Threads started by the
+// main thread once the loop is set up inherit its mask, but one started earlier (a logger's
+// flusher, say) may not block the stop signals; this handler runs there and hands the signal on
+// to the main thread, where it is blocked and the loop reads it from its signalfd.
+void forwardToMainThread(int signalNumber) {
+    const int savedErrno = errno;
+    ::tgkill(::getpid(), ::getpid(), signalNumber);
+    errno = savedErrno;
+}
+
+// Routes SIGTERM and SIGINT to `loop`, which exits with status 0 when one arrives.
+std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
+    sigset_t mask;
+    sigemptyset(&mask);
+    struct sigaction forwarding {};
+    forwarding.sa_handler = forwardToMainThread;
+    forwarding.sa_flags = SA_RESTART;
+    sigemptyset(&forwarding.sa_mask);
+    for (const int signalNumber : stopSignals) {
+        sigaddset(&mask, signalNumber);
+        sigaction(signalNumber, &forwarding, nullptr);
+    }
+    if (const int error = pthread_sigmask(SIG_BLOCK, &mask, nullptr); error != 0) {
+        throwSystemError(-error, "block the stop signals");
+    }
+    std::array<EventSource, stopSignals.size()> sources;
+    for (std::size_t i = 0; i < stopSignals.size(); ++i) {
+        sd_event_source* source = nullptr;
+        const auto exitLoop = [](sd_event_source* self, const signalfd_siginfo*, void*) {
+            return sd_event_exit(sd_event_source_get_event(self), EXIT_SUCCESS);
+        };
+        if (const int r = sd_event_add_signal(loop, &source, stopSignals[i], exitLoop, nullptr);
+            r < 0) {
+            throwSystemError(r, "watch the stop signals");
+        }
+        sources[i].reset(source);
+    }
+    return sources;
+}
+
+// An exception must not unwind through the loop's C frames; like a failed launch step, it is
+// reported and the loop goes on.
+template <typename Call>
+void callDelegate(const char* callback, Call call) {
+    try {
+        call();
+    } catch (const std::exception& error) {
+        reportError(callback, error.what());
+    }
+}
+
+EventSource scheduleLaunch(sd_event* loop, Application& application) {
+    // A defer source is one-shot by default: it runs at the loop's first iteration, then never.
+    const auto launch = [](sd_event_source*, void* userdata) {
+        if (auto* delegate = static_cast<Application*>(userdata)->delegate()) {
+            callDelegate("applicationDidFinishLaunching",
+                         [delegate] { delegate->applicationDidFinishLaunching(); });
+        }
+        return 0;
+    };
+    sd_event_source* source = nullptr;
+    if (const int r = sd_event_add_defer(loop, &source, launch, &application); r < 0) {
+        throwSystemError(r, "schedule the launch");
+    }
+    return EventSource(source);
+}
+
+}  // namespace
+
+Application& Application::shared() {
+    static Application application;
+    return application;
+}
+
+sd_event* Application::eventLoop() {
+    if (!loop_) {
+        sd_event* loop = nullptr;
+        if (const int r = sd_event_default(&loop); r < 0) {
+            throwSystemError(r, "create the event loop");
+        }
+        loop_.reset(loop);
+    }
+    return loop_.get();
+}
+
+int Application::run() {
+    const int status = sd_event_loop(eventLoop());
+    if (status < 0) {
+        throwSystemError(status, "run the event loop");
+    }
+    return status;
+}
+
+int applicationMain(int /*argc*/, char** /*argv*/) {
+    int status = EXIT_FAILURE;
+    Application& application = Application::shared();
+    try {
+        if (::gettid() != ::getpid()) {
+            throw std::logic_error("not on the main thread");
+        }
+        sd_event* const loop = application.eventLoop();
+        const auto stopSources = routeStopSignals(loop);
+        const auto launchSource = scheduleLaunch(loop, application);
+        status = application.run();
+    } catch (const std::exception& error) {
+        reportError("applicationMain", error.what());
+        return EXIT_FAILURE;
+    }
+    if (auto* delegate = application.delegate()) {
+        callDelegate("applicationWillTerminate",
+                     [delegate] { delegate->applicationWillTerminate(); });
+    }
+    std::fflush(nullptr);
+    ::_exit(status);
+}
+
+}  // namespace kerrow

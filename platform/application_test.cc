@@ -1,0 +1,171 @@
+#include "platform/application.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "platform/distributed_notification_center.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/test_support.h"
+
+namespace kerrow {
+namespace {
+
+using namespace test;
+
+// The main loop belongs to the process, so each application runs in a forked copy of the test
+// process and reports what happened as lines on a pipe.
+class Child {
+  public:
+    /// Runs `body` with the pipe's write end in a new process; the process ends when it returns.
+    explicit Child(const std::function<void(int output)>& body) : pid_(::fork()) {
+        if (pid_ == 0) {
+            output_.closeReadEnd();
+            body(output_.writeEnd());
+            ::_exit(returnedStatus);
+        }
+        output_.closeWriteEnd();
+    }
+    ~Child() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    [[nodiscard]] int output() const { return output_.readEnd(); }
+
+    /// The exit status; 128 + the signal when a signal ended it; -1 if it is still running after
+    /// `timeout`.
+    int waitForExit(Duration timeout = 5000ms) {
+        int status = 0;
+        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+            return -1;
+        }
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    static constexpr int returnedStatus = 99;  // applicationMain returned, which it must not
+
+  private:
+    Pipe output_;
+    pid_t pid_;
+};
+
+// Writes a line for each delegate callback, saying where the launch callback ran.
+class RecordingDelegate final : public ApplicationDelegate {
+  public:
+    RecordingDelegate(int output, std::function<void()> afterLaunch)
+        : output_(output), afterLaunch_(std::move(afterLaunch)) {}
+
+    void applicationDidFinishLaunching() override {
+        const bool inLoop =
+            sd_event_get_state(Application::shared().eventLoop()) == SD_EVENT_RUNNING;
+        writeAll(output_, std::string("launched") + (inLoop ? " inside the loop" : "") +
+                              (::gettid() == ::getpid() ? " on the main thread" : "") + "\n");
+        afterLaunch_();
+    }
+    void applicationWillTerminate() override { writeAll(output_, "terminating\n"); }
+
+  private:
+    int output_;
+    std::function<void()> afterLaunch_;
+};
+
+void runApplication(int output, const std::function<void()>& afterLaunch) {
+    RecordingDelegate delegate(output, afterLaunch);
+    Application::shared().setDelegate(&delegate);
+    applicationMain(0, nullptr);
+}
+
+constexpr std::string_view launchedLine = "launched inside the loop on the main thread\n";
+
+TEST(ApplicationTest, LaunchesOnceInsideTheLoopAndEndsCleanlyOnAStopSignal) {
+    Child child([](int output) { runApplication(output, [] { ::raise(SIGTERM); }); });
+    EXPECT_EQ(child.waitForExit(), 0);
+    EXPECT_EQ(readToEnd(child.output()), std::string(launchedLine) + "terminating\n");
+}
+
+struct StopSignal {
+    int number;
+    bool toEarlyThread;  // sent to a thread that started before the loop, not to the process
+};
+
+class ApplicationStopTest : public ::testing::TestWithParam<StopSignal> {};
+
+// The thread of the process other than the main thread.
+pid_t otherThread(pid_t process) {
+    for (const auto& task : std::filesystem::directory_iterator(std::filesystem::path("/proc") /
+                                                                std::to_string(process) / "task")) {
+        const pid_t id = std::stoi(task.path().filename().string());
+        if (id != process) {
+            return id;
+        }
+    }
+    return -1;
+}
+
+TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
+    Child child([](int output) {
+        // Like a logger's flusher: started before the loop, so the stop signals are not blocked
+        // in it.
+        std::thread([] {
+            for (;;) {
+                ::pause();
+            }
+        }).detach();
+        runApplication(output, [] {});
+    });
+    ASSERT_EQ(readExactly(child.output(), launchedLine.size()), launchedLine);
+    if (GetParam().toEarlyThread) {
+        const pid_t thread = otherThread(child.pid());
+        ASSERT_GT(thread, 0);
+        ASSERT_EQ(::tgkill(child.pid(), thread, GetParam().number), 0);
+    } else {
+        ASSERT_EQ(::kill(child.pid(), GetParam().number), 0);
+    }
+    EXPECT_EQ(child.waitForExit(), 0);
+    EXPECT_EQ(readToEnd(child.output()), "terminating\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, ApplicationStopTest,
+                         ::testing::Values(StopSignal{SIGTERM, false}, StopSignal{SIGINT, false},
+                                           StopSignal{SIGTERM, true}));
+
+// The host's handshake: observe the answer, announce, and get the answer on the main thread.
+TEST(ApplicationTest, DeliversDistributedNotificationsOnTheMainThread) {
+    constexpr std::string_view announcement = "com.kerrowsoftware.test.didFinishLaunching";
+    constexpr std::string_view answer = "com.kerrowsoftware.test.start";
+    PrivateBus bus;
+    BusClient client(bus.address());
+    client.observe(announcement);
+    Child child([&](int output) {
+        runApplication(output, [&] {
+            auto& center = DistributedNotificationCenter::defaultCenter();
+            center.addObserver(answer, [output] {
+                writeAll(output, ::gettid() == ::getpid() ? "answered on the main thread\n"
+                                                          : "answered elsewhere\n");
+                ::raise(SIGTERM);
+            });
+            center.postNotificationName(announcement, true);
+        });
+    });
+    ASSERT_TRUE(client.waitForSignal(announcement));
+    client.post(answer);
+    EXPECT_EQ(child.waitForExit(), 0);
+    EXPECT_EQ(readToEnd(child.output()),
+              std::string(launchedLine) + "answered on the main thread\nterminating\n");
+}
+
+}  // namespace
+}  // namespace kerrow

@@ -1,0 +1,190 @@
+#include "platform/distributed_notification_center.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "tests/support/private_bus.h"
+#include "tests/support/test_support.h"
+
+namespace kerrow {
+namespace {
+
+using namespace test;
+using ::testing::HasSubstr;
+using ::testing::UnorderedElementsAre;
+
+struct EventUnref {
+    void operator()(sd_event* loop) const { sd_event_unref(loop); }
+};
+using EventLoop = std::unique_ptr<sd_event, EventUnref>;
+
+EventLoop newLoop() {
+    sd_event* loop = nullptr;
+    EXPECT_GE(sd_event_new(&loop), 0);
+    return EventLoop(loop);
+}
+
+// Runs `loop` until `condition` holds; false if it does not within `timeout`.
+bool runUntil(sd_event* loop, const std::function<bool()>& condition, Duration timeout = 5000ms) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || sd_event_run(loop, static_cast<std::uint64_t>(left.count())) < 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Dispatches everything that is ready, without waiting; false if the loop keeps finding work.
+bool runUntilIdle(sd_event* loop) {
+    for (int round = 0; round < 1000; ++round) {
+        const int dispatched = sd_event_run(loop, 0);
+        if (dispatched <= 0) {
+            return dispatched == 0;
+        }
+    }
+    return false;
+}
+
+// Sets or unsets an environment variable for a scope.
+class ScopedVariable {
+  public:
+    ScopedVariable(const char* name, const std::optional<std::string>& value) : name_(name) {
+        if (const char* previous = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
+            previous_ = previous;
+        }
+        set(value);
+    }
+    ~ScopedVariable() { set(previous_); }
+    ScopedVariable(const ScopedVariable&) = delete;
+    ScopedVariable& operator=(const ScopedVariable&) = delete;
+
+  private:
+    void set(const std::optional<std::string>& value) {
+        if (value) {
+            ::setenv(name_, value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+        } else {
+            ::unsetenv(name_);  // NOLINT(concurrency-mt-unsafe)
+        }
+    }
+    const char* name_;
+    std::optional<std::string> previous_;
+};
+
+class DistributedNotificationCenterTest : public ::testing::Test {
+  protected:
+    PrivateBus bus;
+    EventLoop loop = newLoop();
+    DistributedNotificationCenter center{loop.get()};
+};
+
+TEST_F(DistributedNotificationCenterTest, DeliversOnlyTheObservedNamesFromAnotherConnection) {
+    std::vector<std::string> seen;
+    center.addObserver("com.example.a", [&] { seen.emplace_back("a, first observer"); });
+    center.addObserver("com.example.a", [&] { seen.emplace_back("a, second observer"); });
+    center.addObserver("com.example.b", [&] { seen.emplace_back("b"); });
+    BusClient client(bus.address());
+    client.post("com.example.c");
+    client.post("com.example.a");
+    client.post("com.example.ab");
+    client.post("com.example.b");  // one sender's signals arrive in order: this one last
+    ASSERT_TRUE(runUntil(loop.get(), [&] { return !seen.empty() && seen.back() == "b"; }));
+    EXPECT_THAT(seen, UnorderedElementsAre("a, first observer", "a, second observer", "b"));
+}
+
+TEST_F(DistributedNotificationCenterTest, PostsReachOtherConnectionsAndOwnObservers) {
+    constexpr std::string_view name = "com.example.announcement";
+    BusClient client(bus.address());
+    client.observe(name);
+
+    // The first use: the connection is still being set up when the signal is queued.
+    center.postNotificationName(name, true);
+    EXPECT_TRUE(client.waitForSignal(name)) << "not written out before the call returned";
+
+    int seen = 0;
+    center.addObserver(name, [&] { ++seen; });
+    center.postNotificationName(name, false);
+    EXPECT_TRUE(runUntil(loop.get(), [&] { return seen == 1; }));
+    EXPECT_TRUE(client.waitForSignal(name, 5000ms, 2));
+}
+
+TEST_F(DistributedNotificationCenterTest, IgnoresPostedSignalsWithoutAStringName) {
+    int seen = 0;
+    bool ended = false;
+    center.addObserver("com.example.a", [&] { ++seen; });
+    center.addObserver("com.example.end", [&] { ended = true; });
+    BusClient client(bus.address());
+    sd_bus* const connection = client.connection();
+    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+                                 notificationMember, nullptr),
+              0);
+    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+                                 notificationMember, "i", 7),
+              0);
+    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+                                 notificationMember, "si", "com.example.a", 7),
+              0);
+    client.post("com.example.end");
+    ASSERT_TRUE(runUntil(loop.get(), [&] { return ended; }));
+    EXPECT_EQ(seen, 1) << "only the signal with a name (and an extra argument) is a notification";
+}
+
+TEST_F(DistributedNotificationCenterTest, ObservesAgainOnceTheBusComesBack) {
+    constexpr std::string_view name = "com.example.start";
+    int seen = 0;
+    center.addObserver(name, [&] { ++seen; });
+
+    bus.stop();
+    EXPECT_TRUE(runUntilIdle(loop.get())) << "the loop keeps waking after the bus went away";
+
+    bus.start();
+    center.postNotificationName(name, true);
+    ASSERT_TRUE(runUntil(loop.get(), [&] { return seen == 1; }));
+    BusClient client(bus.address());
+    client.post(name);
+    EXPECT_TRUE(runUntil(loop.get(), [&] { return seen == 2; }));
+}
+
+TEST(DistributedNotificationCenterWithoutBusTest, ThrowsANamedErrorAndConnectsOnceThereIsABus) {
+    const TemporaryDirectory runtime;
+    const ScopedVariable noAddress("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    std::optional<ScopedVariable> runtimeDirectory;
+    runtimeDirectory.emplace("XDG_RUNTIME_DIR", runtime.path().string());
+    const EventLoop loop = newLoop();
+    DistributedNotificationCenter center(loop.get());
+    bool seen = false;
+
+    try {
+        center.addObserver("com.example.start", [&] { seen = true; });
+        FAIL() << "observed without a bus";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), ENOENT);
+        EXPECT_THAT(error.what(),
+                    HasSubstr("connect to the session bus at " + runtime.path().string() + "/bus"));
+    }
+    runtimeDirectory.emplace("XDG_RUNTIME_DIR", std::nullopt);
+    try {
+        center.postNotificationName("com.example.start", true);
+        FAIL() << "posted without a bus";
+    } catch (const std::system_error& error) {
+        EXPECT_THAT(error.what(),
+                    HasSubstr("neither DBUS_SESSION_BUS_ADDRESS nor XDG_RUNTIME_DIR"));
+    }
+
+    const PrivateBus bus;
+    center.addObserver("com.example.start", [&] { seen = true; });
+    center.postNotificationName("com.example.start", true);
+    EXPECT_TRUE(runUntil(loop.get(), [&] { return seen; }));
+}
+
+}  // namespace
+}  // namespace kerrow

@@ -1,0 +1,99 @@
+// A private session bus for tests, and a plain client of it that plays the core service's part
+// in the distributed notifications (posts the start notification, sees the host's announcement).
+//
+// PrivateBus runs a dbus-daemon of its own, listening in a temporary directory, and points
+// DBUS_SESSION_BUS_ADDRESS of the test process (and so of every process it starts) at it; one at
+// a time per process, since the variable is process-wide. BusClient is a connection not tied to
+// any event loop: waiting drives it. Test code only; use each from one thread at a time.
+#pragma once
+
+#include <sys/types.h>
+#include <systemd/sd-bus.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/test_support.h"
+
+namespace kerrow::test {
+
+/// The signal of one notification (see platform/distributed_notification_center.h).
+inline constexpr const char* notificationPath = "/com/kerrowsoftware/DistributedNotifications";
+inline constexpr const char* notificationInterface = "com.kerrowsoftware.DistributedNotifications";
+inline constexpr const char* notificationMember = "Posted";
+
+class PrivateBus {
+  public:
+    /// Starts the daemon and waits until it accepts connections; throws std::runtime_error when
+    /// it cannot start.
+    PrivateBus();
+    /// Kills and reaps the daemon and restores DBUS_SESSION_BUS_ADDRESS.
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+    /// The bus's address, the same across stop() and start().
+    [[nodiscard]] const std::string& address() const { return address_; }
+
+    /// Kills the daemon: every connection to the bus drops. Returns once it is reaped.
+    void stop();
+    /// Starts a new daemon at the same address (after stop()).
+    void start();
+
+  private:
+    [[nodiscard]] std::filesystem::path daemonLog() const {
+        return directory_.path() / "daemon.log";
+    }
+
+    TemporaryDirectory directory_;
+    std::string address_;
+    std::optional<std::string> previousAddress_;  // the variable's value before, if it was set
+    pid_t daemon_ = -1;                           // -1 while stopped (the daemon is reaped)
+};
+
+class BusClient {
+  public:
+    /// Connects to the bus at `address` (PrivateBus::address()); throws std::runtime_error.
+    explicit BusClient(const std::string& address);
+    ~BusClient();
+    BusClient(const BusClient&) = delete;
+    BusClient& operator=(const BusClient&) = delete;
+
+    /// Starts counting notification `name` (observe each name once); the bus has acknowledged
+    /// the match on return.
+    void observe(std::string_view name);
+    /// Posts notification `name` and flushes it to the bus.
+    void post(std::string_view name);
+    /// Waits until at least `count` notifications `name` have arrived since observe(name).
+    /// False on time-out.
+    [[nodiscard]] bool waitForSignal(std::string_view name, Duration timeout = 5000ms,
+                                     int count = 1);
+    /// How many notifications `name` have arrived since observe(name), after reading what the
+    /// bus has already delivered (without waiting).
+    [[nodiscard]] int signalCount(std::string_view name);
+
+    /// The raw connection, for signals the helpers above do not cover.
+    [[nodiscard]] sd_bus* connection() { return bus_.get(); }
+
+  private:
+    struct BusClose {
+        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+    };
+    struct SlotUnref {
+        void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+    };
+    static int count(sd_bus_message* message, void* userdata, sd_bus_error* error);
+    [[nodiscard]] int received(std::string_view name) const;
+
+    std::unique_ptr<sd_bus, BusClose> bus_;
+    std::vector<std::unique_ptr<sd_bus_slot, SlotUnref>> matches_;
+    std::map<std::string, int, std::less<>> received_;  // per observed name
+};
+
+}  // namespace kerrow::test
