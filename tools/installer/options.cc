@@ -1,0 +1,219 @@
+#include "tools/installer/options.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "tools/installer/manifest.h"
+
+namespace kerrow::installer {
+namespace {
+
+// Walks the arguments; accepts "--name value" and "--name=value".
+class ArgumentReader {
+  public:
+    explicit ArgumentReader(std::span<const std::string_view> arguments) : arguments_(arguments) {}
+
+    [[nodiscard]] bool done() const { return next_ >= arguments_.size(); }
+
+    /// The next option's name; its "=value" part, if any, is kept for value().
+    std::string_view option() {
+        std::string_view argument = arguments_[next_++];
+        inlineValue_.reset();
+        if (const auto equals = argument.find('=');
+            argument.starts_with("--") && equals != std::string_view::npos) {
+            inlineValue_ = argument.substr(equals + 1);
+            argument = argument.substr(0, equals);
+        }
+        return argument;
+    }
+
+    /// The value of the option just read, or no value when there is none.
+    std::optional<std::string_view> value() {
+        if (inlineValue_) {
+            return std::exchange(inlineValue_, std::nullopt);
+        }
+        if (done()) {
+            return std::nullopt;
+        }
+        return arguments_[next_++];
+    }
+
+    [[nodiscard]] bool hasInlineValue() const { return inlineValue_.has_value(); }
+
+  private:
+    std::span<const std::string_view> arguments_;
+    std::size_t next_ = 0;
+    std::optional<std::string_view> inlineValue_;
+};
+
+std::string browserNames() {
+    std::string names;
+    for (const Browser& browser : knownBrowsers()) {
+        names += (names.empty() ? "" : ", ") + std::string(browser.name);
+    }
+    return names;
+}
+
+std::optional<UsageError> addExtensionId(Options& options, std::string_view id) {
+    const auto family = extensionIdFamily(id);
+    if (!family) {
+        return UsageError{"'" + std::string(id) +
+                          "' is neither a Chrome extension id (32 letters a-p) nor a Firefox "
+                          "add-on id (name@domain or {GUID})"};
+    }
+    auto& ids = *family == BrowserFamily::chromium ? options.chromiumExtensionIds
+                                                   : options.firefoxExtensionIds;
+    if (std::find(ids.begin(), ids.end(), id) == ids.end()) {
+        ids.emplace_back(id);
+    }
+    return std::nullopt;
+}
+
+std::optional<UsageError> addBrowser(Options& options, std::string_view name) {
+    const Browser* const browser = findBrowser(name);
+    if (browser == nullptr) {
+        return UsageError{"unknown browser '" + std::string(name) + "' (known: " + browserNames() +
+                          ")"};
+    }
+    if (std::find(options.browsers.begin(), options.browsers.end(), browser) ==
+        options.browsers.end()) {
+        options.browsers.push_back(browser);
+    }
+    return std::nullopt;
+}
+
+std::optional<UsageError> setAction(Options& options, Action action, bool& actionGiven) {
+    if (actionGiven && options.action != action) {
+        return UsageError{"--check and --remove exclude each other"};
+    }
+    options.action = action;
+    actionGiven = true;
+    return std::nullopt;
+}
+
+// The combinations that the options alone rule out.
+std::optional<UsageError> validate(const Options& options, bool systemGiven) {
+    if (systemGiven && options.scope == Scope::userDataDir) {
+        return UsageError{"--system and --user-data-dir exclude each other"};
+    }
+    if (options.scope == Scope::userDataDir &&
+        std::any_of(options.browsers.begin(), options.browsers.end(),
+                    [](const Browser* b) { return b->family != BrowserFamily::chromium; })) {
+        return UsageError{
+            "--user-data-dir is a Chromium-family profile folder; Firefox reads "
+            "manifests only from ~/.mozilla or the system folder"};
+    }
+    if (options.action != Action::install) {
+        return std::nullopt;
+    }
+    if (options.chromiumExtensionIds.empty() && options.firefoxExtensionIds.empty()) {
+        return UsageError{"give at least one --extension-id"};
+    }
+    if (options.scope == Scope::userDataDir && options.chromiumExtensionIds.empty()) {
+        return UsageError{"--user-data-dir needs a Chrome extension id"};
+    }
+    for (const Browser* browser : options.browsers) {
+        if (options.extensionIds(browser->family).empty()) {
+            return UsageError{"--browser " + std::string(browser->name) + " needs a " +
+                              std::string(familyName(browser->family)) + " extension id"};
+        }
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::variant<Options, UsageError> parseOptions(std::span<const std::string_view> arguments) {
+    Options options;
+    bool actionGiven = false;
+    bool systemGiven = false;
+    ArgumentReader reader(arguments);
+    while (!reader.done()) {
+        const std::string_view option = reader.option();
+        const bool takesValue = option == "--browser" || option == "--extension-id" ||
+                                option == "--host" || option == "--user-data-dir";
+        if (!takesValue && reader.hasInlineValue()) {
+            return UsageError{std::string(option) + " takes no value"};
+        }
+        std::optional<UsageError> error;
+        if (option == "--help" || option == "-h") {
+            options.help = true;
+            return options;
+        } else if (option == "--check") {
+            error = setAction(options, Action::check, actionGiven);
+        } else if (option == "--remove") {
+            error = setAction(options, Action::remove, actionGiven);
+        } else if (option == "--system") {
+            systemGiven = true;
+            if (options.scope != Scope::userDataDir) {
+                options.scope = Scope::system;
+            }
+        } else if (takesValue) {
+            const auto value = reader.value();
+            if (!value || value->empty()) {
+                return UsageError{std::string(option) + " needs a value"};
+            }
+            if (option == "--browser") {
+                error = addBrowser(options, *value);
+            } else if (option == "--extension-id") {
+                error = addExtensionId(options, *value);
+            } else if (option == "--host") {
+                if (!value->starts_with('/')) {
+                    return UsageError{"--host must be an absolute path, not '" +
+                                      std::string(*value) + "'"};
+                }
+                options.hostPath = std::filesystem::path(*value).lexically_normal();
+            } else {
+                options.scope = Scope::userDataDir;
+                options.userDataDir = std::filesystem::absolute(*value).lexically_normal();
+            }
+        } else {
+            return UsageError{"unknown argument '" + std::string(option) + "'"};
+        }
+        if (error) {
+            return *error;
+        }
+    }
+    if (auto error = validate(options, systemGiven)) {
+        return *error;
+    }
+    return options;
+}
+
+std::string usageText(std::string_view programName) {
+    const std::string name(programName);
+    return "Usage: " + name + " [WHERE] [--browser NAME]... --extension-id ID... [--host PATH]\n" +
+           "       " + name +
+           " [WHERE] [--browser NAME]... [--extension-id ID]... [--host PATH] "
+           "--check\n" +
+           "       " + name + " [WHERE] [--browser NAME]... --remove\n" +
+           R"(
+Writes (default), verifies (--check) or removes (--remove) the manifest that lets a browser start
+the Kerrow native messaging host (com.kerrowsoftware.native_messaging_host).
+
+WHERE
+  (none)               for the current user, in each browser's folder under $HOME
+                       (Chrome family: $XDG_CONFIG_HOME, default ~/.config)
+  --system             for every user (run as root): /etc/opt/chrome (also read by Brave and
+                       Vivaldi), /etc/chromium, /etc/opt/edge, /usr/lib/mozilla
+  --user-data-dir DIR  for a Chromium-family browser started with --user-data-dir=DIR:
+                       DIR/NativeMessagingHosts
+
+  --browser NAME       chrome, chromium, edge, brave, vivaldi or firefox; repeatable. Without it:
+                       every browser; for the current user only those whose folder exists
+                       (~/.config/google-chrome, ~/.mozilla, ...).
+  --extension-id ID    an extension allowed to start the host; repeatable. A Chrome extension
+                       id is 32 letters a-p; a Firefox add-on id is name@domain or {GUID}.
+                       With --check: the manifest must allow exactly these.
+  --host PATH          the host binary, an absolute path. Default: kerrow-native-messaging-host
+                       in this program's folder. With --check: the manifest must name it.
+  --check              verify each manifest: JSON, name, type, host executable, extension ids
+  --remove             remove the manifests (a folder shared with a browser not named stays)
+
+Manifests are written atomically with mode 0644.
+Exit status: 0 done (or every manifest checked is sound), 1 a manifest is missing or unsound or
+could not be written or removed, 2 bad command line.
+)";
+}
+
+}  // namespace kerrow::installer
