@@ -1,0 +1,81 @@
+#include "tools/browser_peer/browser_command.h"
+
+#include "tools/browser_peer/json_lines.h"
+#include "tools/common/text.h"
+
+namespace kerrow::tools {
+namespace {
+
+constexpr std::string_view help = R"(Lines (blank lines and lines starting with # are skipped):
+  JSON TEXT        sent to the host as one frame, byte for byte as typed: {"tabs":[]}
+  raw TEXT         TEXT sent unchecked as one frame, after the escapes \\ \n \r \t \0 \xHH
+  expect TEXT      wait until the host writes a frame containing TEXT; a frame counts once:
+                   not if an earlier expect matched it or a later one
+  sleep SECONDS    wait (fractions allowed: 0.5)
+  close            close the host's standard input, as a browser does when the extension
+                   disconnects; the host should then exit with status 0
+  help             this text
+)";
+
+BrowserCommand make(BrowserCommand::Kind kind) {
+    BrowserCommand command;
+    command.kind = kind;
+    return command;
+}
+
+}  // namespace
+
+std::variant<BrowserCommand, std::string> parseBrowserCommand(std::string_view line) {
+    const auto trimmed = trim(line);
+    if (trimmed.empty() || trimmed.front() == '#') {
+        return BrowserCommand{};
+    }
+    const auto wordEnd = trimmed.find_first_of(" \t");
+    const auto word = trimmed.substr(0, wordEnd);
+    const auto rest =
+        wordEnd == std::string_view::npos ? std::string_view() : trim(trimmed.substr(wordEnd));
+    if (word == "close" || word == "help") {
+        if (!rest.empty()) {
+            return std::string(word) + " takes nothing after it";
+        }
+        return make(word == "close" ? BrowserCommand::Kind::close : BrowserCommand::Kind::help);
+    }
+    if (word == "expect") {
+        if (rest.empty()) {
+            return std::string("expect needs the text to wait for: expect closeTab");
+        }
+        auto command = make(BrowserCommand::Kind::expect);
+        command.text = std::string(rest);
+        return command;
+    }
+    if (word == "sleep") {
+        const auto seconds = parseSeconds(rest);
+        if (!seconds || *seconds > 3600) {
+            return std::string("sleep takes a number of seconds up to 3600: sleep 0.5");
+        }
+        auto command = make(BrowserCommand::Kind::sleep);
+        command.seconds = *seconds;
+        return command;
+    }
+    if (word == "raw") {
+        auto body = unescape(rest);
+        if (!body) {
+            return std::string("raw: bad escape (use \\\\ \\n \\r \\t \\0 or \\xHH)");
+        }
+        auto command = make(BrowserCommand::Kind::raw);
+        command.body = std::move(*body);
+        return command;
+    }
+    if (const auto error = jsonError(line)) {
+        return "line is " + *error + " (type help for the line forms)";
+    }
+    auto command = make(BrowserCommand::Kind::send);
+    command.body = std::string(line);
+    return command;
+}
+
+std::string_view browserCommandHelp() {
+    return help;
+}
+
+}  // namespace kerrow::tools

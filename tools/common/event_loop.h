@@ -1,0 +1,46 @@
+// Small RAII pieces for the peers' single-threaded sd-event loops. A Source disables and releases
+// its event source when destroyed, so an object that owns its sources can be destroyed at any
+// time, also from inside one of its own callbacks' loop iterations. Loop thread only.
+#pragma once
+
+#include <systemd/sd-event.h>
+
+#include <memory>
+#include <string_view>
+#include <system_error>
+
+namespace kerrow::tools {
+
+struct SourceRelease {
+    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+};
+using EventSource = std::unique_ptr<sd_event_source, SourceRelease>;
+
+struct EventRelease {
+    void operator()(sd_event* event) const { sd_event_unref(event); }
+};
+using EventLoop = std::unique_ptr<sd_event, EventRelease>;
+
+/// Throws std::system_error("<what>: <description>") for a negative sd-* result; returns it else.
+inline int check(int result, std::string_view what) {
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category(), std::string(what));
+    }
+    return result;
+}
+
+/// A new event loop. Throws std::system_error.
+[[nodiscard]] inline EventLoop newEventLoop() {
+    sd_event* event = nullptr;
+    check(sd_event_new(&event), "sd_event_new");
+    return EventLoop(event);
+}
+
+/// The time of `loop` now plus `microseconds`, on CLOCK_MONOTONIC, for timer sources.
+[[nodiscard]] inline std::uint64_t deadlineAfter(sd_event* loop, std::uint64_t microseconds) {
+    std::uint64_t now = 0;
+    check(sd_event_now(loop, CLOCK_MONOTONIC, &now), "sd_event_now");
+    return now + microseconds;
+}
+
+}  // namespace kerrow::tools

@@ -1,0 +1,112 @@
+// CorePeer: the stand-in core service. It listens at the browser socket, answers the hosts'
+// launch announcements on the session bus, numbers the hosts that connect, prints every message
+// they send, and runs the commands of its command language (core_command.h), typed at a prompt or
+// read from a script file.
+//
+// Everything runs on one sd-event loop on the thread that calls run(). Commands run one after
+// another from a deferred event: a command that waits (wait-hosts, expect, sleep) holds back the
+// ones after it, and reading of further input pauses until it is over.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/common/console.h"
+#include "tools/common/event_loop.h"
+#include "tools/common/line_input.h"
+#include "tools/core_peer/core_command.h"
+#include "tools/core_peer/host_connection.h"
+#include "tools/core_peer/session_bus.h"
+#include "tools/core_peer/socket_listener.h"
+
+namespace kerrow::tools {
+
+struct CorePeerOptions {
+    std::string socketPath;
+    std::optional<std::string> scriptPath;  // none: commands from standard input
+    bool readInput = true;                  // false: no commands at all, run until a signal
+    bool useBus = true;
+    bool answer = true;   // answer launch announcements, and post the start notice once at start
+    double timeout = 10;  // seconds that wait-hosts and expect wait at most
+};
+
+/// One command to run, with where it came from (for error messages).
+struct ScriptEntry {
+    CoreCommand command;
+    std::size_t line = 0;  // 1-based line of the script or input
+};
+
+/// Reads and parses a whole script. Throws std::runtime_error listing every bad line.
+[[nodiscard]] std::vector<ScriptEntry> loadScript(const std::string& path);
+
+class CorePeer final : public HostConnection::Client {
+  public:
+    /// Sets everything up (socket, bus, input). Throws ListenError or std::system_error.
+    CorePeer(CorePeerOptions options, std::vector<ScriptEntry> script);
+    ~CorePeer() override;
+    CorePeer(const CorePeer&) = delete;
+    CorePeer& operator=(const CorePeer&) = delete;
+
+    /// Runs until quit, the end of the script or input, or SIGINT/SIGTERM. Returns the exit
+    /// status: 0, or 1 when a command failed.
+    int run();
+
+    void messageReceived(HostConnection& host, std::string message) override;
+    void hostDisconnected(HostConnection& host, const std::string& reason) override;
+
+  private:
+    struct Received {
+        unsigned host;
+        std::string message;
+    };
+
+    void installSignals();
+    void startBus();
+    void hostConnected(Descriptor socket);
+    void lineArrived(std::string line);
+    void schedule();
+    void runCommands();
+    void execute(const ScriptEntry& entry);
+    void send(const ScriptEntry& entry);
+    void disconnect(const ScriptEntry& entry);
+    void postStart();
+    void listHosts();
+    [[nodiscard]] std::optional<std::vector<HostConnection*>> targets(const ScriptEntry& entry);
+    void startWait(const ScriptEntry& entry);
+    [[nodiscard]] bool waitSatisfied();
+    void checkWait();
+    void waitTimedOut();
+    void endWait();
+    void fail(std::size_t line, const std::string& message);
+    void quit();
+    void finishWhenSent();
+
+    CorePeerOptions options_;
+    Console console_;
+    EventLoop loop_;
+    std::vector<EventSource> signals_;
+    std::unique_ptr<SocketListener> listener_;
+    std::unique_ptr<SessionBus> bus_;
+    std::unique_ptr<LineInput> input_;
+    EventSource runner_;  // runs the commands from a loop iteration of its own
+    EventSource timer_;   // deadline of the current wait; the quit grace period
+
+    std::map<unsigned, std::unique_ptr<HostConnection>> hosts_;  // connected, by number
+    std::vector<std::unique_ptr<HostConnection>> retired_;       // ended, destroyed by the runner
+    unsigned nextHostNumber_ = 1;
+    std::deque<Received> unmatched_;  // messages that no expect has used up yet (bounded)
+
+    std::deque<ScriptEntry> queue_;
+    std::optional<ScriptEntry> waiting_;
+    std::size_t linesRead_ = 0;
+    bool inputEnded_ = false;
+    bool quitting_ = false;
+    std::uint64_t graceLeft_ = 3'000'000;  // microseconds that quitting waits for unsent frames
+    int exitStatus_ = 0;
+};
+
+}  // namespace kerrow::tools

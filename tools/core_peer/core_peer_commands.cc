@@ -1,0 +1,188 @@
+// The commands of the core peer's language, and its waits.
+#include <array>
+#include <cmath>
+#include <cstdio>
+
+#include "tools/common/text.h"
+#include "tools/core_peer/core_peer.h"
+
+namespace kerrow::tools {
+namespace {
+
+std::string hostList(const std::map<unsigned, std::unique_ptr<HostConnection>>& hosts) {
+    std::string list;
+    for (const auto& [number, host] : hosts) {
+        list += (list.empty() ? "" : ", ") + std::to_string(number);
+    }
+    return list.empty() ? "none" : list;
+}
+
+std::string formatSeconds(double seconds) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%g", seconds);
+    return text.data();
+}
+
+}  // namespace
+
+void CorePeer::execute(const ScriptEntry& entry) {
+    using Kind = CoreCommand::Kind;
+    switch (entry.command.kind) {
+        case Kind::nothing:
+            break;
+        case Kind::send:
+            send(entry);
+            break;
+        case Kind::hosts:
+            listHosts();
+            break;
+        case Kind::start:
+            if (!bus_) {
+                fail(entry.line, "start: not on the session bus (--no-bus)");
+                break;
+            }
+            postStart();
+            break;
+        case Kind::disconnect:
+            disconnect(entry);
+            break;
+        case Kind::waitHosts:
+        case Kind::expect:
+        case Kind::sleep:
+            startWait(entry);
+            break;
+        case Kind::help:
+            console_.out(std::string(commandHelp()));
+            break;
+        case Kind::quit:
+            quit();
+            break;
+    }
+}
+
+std::optional<std::vector<HostConnection*>> CorePeer::targets(const ScriptEntry& entry) {
+    std::vector<HostConnection*> chosen;
+    if (entry.command.host) {
+        const auto found = hosts_.find(*entry.command.host);
+        if (found == hosts_.end()) {
+            fail(entry.line, "no host " + std::to_string(*entry.command.host) +
+                                 " (connected: " + hostList(hosts_) + ")");
+            return std::nullopt;
+        }
+        chosen.push_back(found->second.get());
+        return chosen;
+    }
+    if (hosts_.empty()) {
+        fail(entry.line, "no host connected: nothing done");
+        return std::nullopt;
+    }
+    for (const auto& [number, host] : hosts_) {
+        chosen.push_back(host.get());
+    }
+    return chosen;
+}
+
+void CorePeer::send(const ScriptEntry& entry) {
+    const auto hosts = targets(entry);
+    if (!hosts) {
+        return;
+    }
+    for (HostConnection* host : *hosts) {
+        console_.out("to host " + std::to_string(host->number()) + ": " +
+                     printable(entry.command.message) + "  [" + entry.command.summary + "]");
+        host->send(entry.command.message);
+    }
+}
+
+void CorePeer::disconnect(const ScriptEntry& entry) {
+    const auto hosts = targets(entry);
+    if (!hosts) {
+        return;
+    }
+    for (HostConnection* host : *hosts) {
+        host->disconnect("closed by the core peer");
+    }
+}
+
+void CorePeer::listHosts() {
+    if (hosts_.empty()) {
+        console_.out("core: no host connected");
+    }
+    for (const auto& [number, host] : hosts_) {
+        console_.out("core: host " + std::to_string(number) + " (pid " +
+                     std::to_string(host->pid()) + ")");
+    }
+}
+
+void CorePeer::startWait(const ScriptEntry& entry) {
+    waiting_ = entry;
+    if (waitSatisfied()) {
+        waiting_.reset();
+        return;
+    }
+    const double seconds =
+        entry.command.kind == CoreCommand::Kind::sleep ? entry.command.seconds : options_.timeout;
+    const auto onTimer = [](sd_event_source*, uint64_t, void* self) {
+        static_cast<CorePeer*>(self)->waitTimedOut();
+        return 0;
+    };
+    sd_event_source* timer = nullptr;
+    check(sd_event_add_time_relative(loop_.get(), &timer, CLOCK_MONOTONIC,
+                                     static_cast<std::uint64_t>(std::llround(seconds * 1e6)), 0,
+                                     onTimer, this),
+          "sd_event_add_time_relative");
+    timer_.reset(timer);
+    if (input_) {
+        input_->pause();
+    }
+}
+
+bool CorePeer::waitSatisfied() {
+    const CoreCommand& command = waiting_->command;
+    switch (command.kind) {
+        case CoreCommand::Kind::waitHosts:
+            return hosts_.size() == command.count;
+        case CoreCommand::Kind::expect:
+            for (auto message = unmatched_.begin(); message != unmatched_.end(); ++message) {
+                if ((!command.host || *command.host == message->host) &&
+                    message->message.find(command.message) != std::string::npos) {
+                    unmatched_.erase(unmatched_.begin(), message + 1);
+                    return true;
+                }
+            }
+            return false;
+        default:
+            return false;
+    }
+}
+
+void CorePeer::checkWait() {
+    if (waiting_ && waitSatisfied()) {
+        endWait();
+    }
+}
+
+void CorePeer::waitTimedOut() {
+    if (!waiting_) {
+        return;
+    }
+    const ScriptEntry entry = *waiting_;
+    endWait();
+    const CoreCommand& command = entry.command;
+    if (command.kind == CoreCommand::Kind::waitHosts) {
+        fail(entry.line, "wait-hosts " + std::to_string(command.count) + ": still " +
+                             std::to_string(hosts_.size()) + " connected (" + hostList(hosts_) +
+                             ") after " + formatSeconds(options_.timeout) + " s");
+    } else if (command.kind == CoreCommand::Kind::expect) {
+        fail(entry.line, "expect: no message containing '" + printable(command.message) +
+                             "' arrived within " + formatSeconds(options_.timeout) + " s");
+    }
+}
+
+void CorePeer::endWait() {
+    waiting_.reset();
+    timer_.reset();
+    schedule();
+}
+
+}  // namespace kerrow::tools
