@@ -43,16 +43,19 @@ void forwardToMainThread(int signalNumber) {
 std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
     sigset_t mask;
     sigemptyset(&mask);
+    for (const int signalNumber : stopSignals) {
+        sigaddset(&mask, signalNumber);
+    }
+    if (const int error = pthread_sigmask(SIG_BLOCK, &mask, nullptr); error != 0) {
+        throwSystemError(-error, "block the stop signals");
+    }
+    // Only now: run on the main thread, the handler would send the signal to itself forever.
     struct sigaction forwarding {};
     forwarding.sa_handler = forwardToMainThread;
     forwarding.sa_flags = SA_RESTART;
     sigemptyset(&forwarding.sa_mask);
     for (const int signalNumber : stopSignals) {
-        sigaddset(&mask, signalNumber);
         sigaction(signalNumber, &forwarding, nullptr);
-    }
-    if (const int error = pthread_sigmask(SIG_BLOCK, &mask, nullptr); error != 0) {
-        throwSystemError(-error, "block the stop signals");
     }
     std::array<EventSource, stopSignals.size()> sources;
     for (std::size_t i = 0; i < stopSignals.size(); ++i) {

@@ -5,8 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -103,34 +103,34 @@ struct StopSignal {
 
 class ApplicationStopTest : public ::testing::TestWithParam<StopSignal> {};
 
-// The thread of the process other than the main thread.
-pid_t otherThread(pid_t process) {
-    for (const auto& task : std::filesystem::directory_iterator(std::filesystem::path("/proc") /
-                                                                std::to_string(process) / "task")) {
-        const pid_t id = std::stoi(task.path().filename().string());
-        if (id != process) {
-            return id;
-        }
+// One line from `fd`, without its end; "" at end of file or after the default time-out.
+std::string readLine(int fd) {
+    std::string line;
+    for (std::string next = readExactly(fd, 1); !next.empty() && next != "\n";
+         next = readExactly(fd, 1)) {
+        line += next;
     }
-    return -1;
+    return line;
 }
 
 TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
     Child child([](int output) {
         // Like a logger's flusher: started before the loop, so the stop signals are not blocked
         // in it.
-        std::thread([] {
+        std::promise<pid_t> started;
+        std::thread([&started] {
+            started.set_value(::gettid());
             for (;;) {
                 ::pause();
             }
         }).detach();
+        writeAll(output, std::to_string(started.get_future().get()) + "\n");
         runApplication(output, [] {});
     });
+    const pid_t earlyThread = std::stoi(readLine(child.output()));
     ASSERT_EQ(readExactly(child.output(), launchedLine.size()), launchedLine);
     if (GetParam().toEarlyThread) {
-        const pid_t thread = otherThread(child.pid());
-        ASSERT_GT(thread, 0);
-        ASSERT_EQ(::tgkill(child.pid(), thread, GetParam().number), 0);
+        ASSERT_EQ(::tgkill(child.pid(), earlyThread, GetParam().number), 0);
     } else {
         ASSERT_EQ(::kill(child.pid(), GetParam().number), 0);
     }
