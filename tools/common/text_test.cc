@@ -1,0 +1,94 @@
+#include "tools/common/text.h"
+
+#include <gtest/gtest.h>
+
+#include "tools/common/frames.h"
+
+namespace kerrow::tools {
+namespace {
+
+using namespace std::string_literals;
+
+TEST(FramesTest, EncodesLengthLittleEndian) {
+    EXPECT_EQ(encodeFrame("{}"), "\x02\x00\x00\x00{}"s);
+    EXPECT_EQ(encodeFrame(""), "\x00\x00\x00\x00"s);
+    EXPECT_EQ(encodeFrame(std::string(300, 'a')).substr(0, 4), "\x2c\x01\x00\x00"s);
+}
+
+TEST(FramesTest, DecodesFramesArrivingInPieces) {
+    FrameDecoder decoder(100);
+    decoder.append("\x03\x00"s);
+    EXPECT_EQ(decoder.next(), std::nullopt);
+    EXPECT_EQ(decoder.describeIncomplete(), "2 of the 4 header bytes");
+    decoder.append(
+        "\x00\x00"
+        "ab"s);
+    EXPECT_EQ(decoder.next(), std::nullopt);
+    EXPECT_EQ(decoder.describeIncomplete(), "2 of 3 body bytes");
+    decoder.append("c\x00\x00\x00\x00\x01\x00\x00\x00z"s);
+    EXPECT_EQ(decoder.next(), "abc");
+    EXPECT_EQ(decoder.next(), "");
+    EXPECT_EQ(decoder.next(), "z");
+    EXPECT_EQ(decoder.next(), std::nullopt);
+    EXPECT_FALSE(decoder.midFrame());
+}
+
+TEST(FramesTest, RefusesFramesOverTheLimitBeforeKeepingThem) {
+    FrameDecoder decoder(4);
+    decoder.append("\x05\x00\x00\x00"s);
+    EXPECT_THROW((void)decoder.next(), FrameTooLarge);
+    FrameDecoder top(1024);
+    top.append("\xff\xff\xff\xff"s);
+    try {
+        (void)top.next();
+        ADD_FAILURE() << "no error";
+    } catch (const FrameTooLarge& error) {
+        EXPECT_EQ(error.announced(), 0xFFFFFFFFu);
+    }
+}
+
+TEST(LineSplitterTest, SplitsLinesAndDropsOnlyTheLineTooLong) {
+    LineSplitter lines(5);
+    lines.append("ab\r\ncd");
+    EXPECT_EQ(lines.next(), "ab");
+    EXPECT_EQ(lines.next(), std::nullopt);
+    lines.append("\n0123456789");
+    EXPECT_EQ(lines.next(), "cd");
+    EXPECT_THROW((void)lines.next(), LineTooLong);
+    lines.append("more of the long line\nok\n");
+    EXPECT_EQ(lines.next(), "ok");
+    lines.append("last");
+    EXPECT_EQ(lines.next(), std::nullopt);
+    EXPECT_EQ(lines.finish(), "last");
+    EXPECT_EQ(lines.finish(), std::nullopt);
+}
+
+TEST(TextTest, PrintableShowsControlAndForeignBytesEscaped) {
+    EXPECT_EQ(printable("caf\xc3\xa9 {\"a\":\"\\/\"}"), "caf\xc3\xa9 {\"a\":\"\\/\"}");
+    EXPECT_EQ(printable("a\nb\tc\x01"), "a\\nb\\tc\\x01");
+    EXPECT_EQ(printable("\xff\xc3\xa9"), "\\xff\\xc3\\xa9");
+    EXPECT_EQ(printable("abcdef", 3), "abc... (6 bytes)");
+    EXPECT_EQ(printable("a\xc3\xa9z", 2), "a... (4 bytes)");  // never half a character
+}
+
+TEST(TextTest, UnescapeTakesTheDocumentedEscapesOnly) {
+    EXPECT_EQ(unescape(R"(a\\b\n\r\t\x41\x7e)"), "a\\b\n\r\tA~");
+    EXPECT_EQ(unescape(R"(\0)"), std::string(1, '\0'));
+    EXPECT_EQ(unescape(R"(\)"), std::nullopt);
+    EXPECT_EQ(unescape(R"(\x4g)"), std::nullopt);
+    EXPECT_EQ(unescape(R"(\u0041)"), std::nullopt);
+}
+
+TEST(TextTest, NumbersAreStrict) {
+    EXPECT_EQ(parseSeconds("1.5"), 1.5);
+    EXPECT_EQ(parseSeconds("-1"), std::nullopt);
+    EXPECT_EQ(parseSeconds("1e3"), std::nullopt);
+    EXPECT_EQ(parseSeconds(""), std::nullopt);
+    EXPECT_EQ(parseCount("255", 255), 255u);
+    EXPECT_EQ(parseCount("256", 255), std::nullopt);
+    EXPECT_EQ(parseCount("+1", 255), std::nullopt);
+    EXPECT_EQ(parseCount("99999999999999999999999", ~0ull), std::nullopt);
+}
+
+}  // namespace
+}  // namespace kerrow::tools

@@ -1,0 +1,364 @@
+// The development peers, run as a person runs them: the real kerrow-core-peer and
+// kerrow-browser-peer binaries with the real host, under a private session bus, in temporary
+// runtime and state directories.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <memory>
+#include <regex>
+
+#include "tests/support/host_process.h"
+#include "tests/support/private_bus.h"
+#include "tests/support/test_support.h"
+
+namespace kerrow::test {
+namespace {
+
+using namespace std::string_literals;
+
+/// The lines a peer writes on one descriptor, read with a deadline.
+class LineReader {
+  public:
+    explicit LineReader(int fd) : fd_(fd) {}
+
+    /// The next line, or no value at end of output or time-out.
+    std::optional<std::string> next(Duration timeout = 10000ms) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        for (;;) {
+            if (const auto end = buffer_.find('\n'); end != std::string::npos) {
+                std::string line = buffer_.substr(0, end);
+                buffer_.erase(0, end + 1);
+                seen_ += line + "\n";
+                return line;
+            }
+            const auto left =
+                std::chrono::duration_cast<Duration>(deadline - std::chrono::steady_clock::now());
+            pollfd readable{fd_, POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) {
+                return std::nullopt;
+            }
+            char piece[4096];
+            const ssize_t count = ::read(fd_, piece, sizeof piece);
+            if (count <= 0) {
+                return std::nullopt;
+            }
+            buffer_.append(piece, static_cast<std::size_t>(count));
+        }
+    }
+
+    /// Reads lines until one contains `text`, and returns it.
+    std::optional<std::string> waitFor(std::string_view text, Duration timeout = 10000ms) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (auto line = next(std::chrono::duration_cast<Duration>(
+                   deadline - std::chrono::steady_clock::now()))) {
+            if (line->find(text) != std::string::npos) {
+                return line;
+            }
+        }
+        ADD_FAILURE() << "no line containing '" << text << "'; lines so far:\n" << seen_;
+        return std::nullopt;
+    }
+
+    [[nodiscard]] const std::string& seen() const { return seen_; }
+
+  private:
+    int fd_;
+    std::string buffer_;
+    std::string seen_;  // every line returned so far, for failure messages
+};
+
+/// A peer process with its standard output read as lines and its standard error in a file.
+struct Peer {
+    std::unique_ptr<HostProcess> process;
+    std::unique_ptr<LineReader> out;
+    std::filesystem::path errorFile;
+
+    [[nodiscard]] std::string errors() const { return readFile(errorFile); }
+    void type(std::string_view line) { process->sendRaw(std::string(line) + "\n"); }
+};
+
+class PeersTest : public ::testing::Test {
+  protected:
+    PeersTest() : runtime_(directory_.path() / "runtime"), state_(directory_.path() / "state") {
+        std::filesystem::create_directory(runtime_);
+        std::filesystem::create_directory(state_);
+        ::chmod(runtime_.c_str(), 0700);
+    }
+
+    Peer start(const char* binary, const std::vector<std::string>& arguments) {
+        const auto errorFile = directory_.path() / ("stderr-" + std::to_string(++started_));
+        Peer peer{std::make_unique<HostProcess>(binary, arguments,
+                                                std::map<std::string, std::string>{
+                                                    {"PATH", "/usr/bin:/bin"},
+                                                    {"HOME", directory_.path().string()},
+                                                    {"XDG_RUNTIME_DIR", runtime_.string()},
+                                                    {"XDG_STATE_HOME", state_.string()},
+                                                    {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+                                                },
+                                                errorFile),
+                  nullptr, errorFile};
+        peer.out = std::make_unique<LineReader>(peer.process->outputFd());
+        return peer;
+    }
+    Peer startCore(const std::vector<std::string>& arguments = {}) {
+        return start(KERROW_CORE_PEER, arguments);
+    }
+    Peer startBrowser(const std::vector<std::string>& arguments = {}) {
+        return start(KERROW_BROWSER_PEER, arguments);
+    }
+
+    std::filesystem::path write(const std::string& name, const std::string& text,
+                                std::filesystem::perms permissions = std::filesystem::perms(0600)) {
+        const auto path = directory_.path() / name;
+        std::ofstream(path, std::ios::binary) << text;
+        std::filesystem::permissions(path, permissions);
+        return path;
+    }
+
+    [[nodiscard]] std::filesystem::path socketPath() const {
+        return runtime_ / "kerrow" / "browser.sock";
+    }
+
+    /// The host pid that a browser peer reports on standard error.
+    static pid_t hostPid(const Peer& browser) {
+        std::smatch match;
+        std::string errors;
+        const bool found = waitUntil([&] {
+            errors = browser.errors();
+            return std::regex_search(errors, match, std::regex(R"(\(pid (\d+)\))"));
+        });
+        EXPECT_TRUE(found) << errors;
+        return found ? std::stoi(match[1]) : -1;
+    }
+
+    TemporaryDirectory directory_;
+    std::filesystem::path runtime_;
+    std::filesystem::path state_;
+    PrivateBus bus_;
+    int started_ = 0;
+};
+
+TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBack) {
+    auto encoder = startBrowser({"--encode"});
+    encoder.process->sendRaw("{\"a\":\"x\\/y\"}\n\n# a comment\n[1, 2]\r\n\"caf\xc3\xa9\"");
+    encoder.process->closeInput();
+    const std::string frames = encoder.process->receiveRest();
+    EXPECT_EQ(frames,
+              "\x0c\x00\x00\x00{\"a\":\"x\\/y\"}\x06\x00\x00\x00[1, 2]\x07\x00\x00\x00"
+              "\"caf\xc3\xa9\""s);
+    EXPECT_EQ(encoder.process->waitForExit(), 0);
+
+    auto decoder = startBrowser({"--decode"});
+    decoder.process->sendRaw(frames + frame("{\n}"));
+    decoder.process->closeInput();
+    EXPECT_EQ(decoder.process->receiveRest(), "{\"a\":\"x\\/y\"}\n[1, 2]\n\"caf\xc3\xa9\"\n{}\n");
+    EXPECT_EQ(decoder.process->waitForExit(), 0);
+    EXPECT_NE(decoder.errors().find("frame 4: the frame's JSON spans lines; shown compact"),
+              std::string::npos);
+}
+
+TEST_F(PeersTest, FiltersReportBadInputAndFail) {
+    auto encoder = startBrowser({"--encode"});
+    encoder.process->sendRaw("{\"ok\":1}\n{\"broken\":\n{\"ok\":2}\n");
+    encoder.process->closeInput();
+    EXPECT_EQ(encoder.process->receiveRest(), frame("{\"ok\":1}") + frame("{\"ok\":2}"));
+    EXPECT_EQ(encoder.process->waitForExit(), 1);
+    EXPECT_NE(encoder.errors().find("line 2 skipped, not JSON: "), std::string::npos)
+        << encoder.errors();
+
+    auto decoder = startBrowser({"--decode"});
+    decoder.process->sendRaw(frame("{}") + "\x0a\x00\x00\x00{\"a\""s);
+    decoder.process->closeInput();
+    EXPECT_EQ(decoder.process->receiveRest(), "{}\n");
+    EXPECT_EQ(decoder.process->waitForExit(), 1);
+    EXPECT_NE(decoder.errors().find("input ended inside frame 2 (4 of 10 body bytes)"),
+              std::string::npos)
+        << decoder.errors();
+}
+
+TEST_F(PeersTest, ScriptedCommandsReachTheBrowserAsJsonLines) {
+    const auto script = write("core.script", R"(# every road of the core service
+wait-hosts 1
+expect kerrow.tabList
+close-tab 42
+web-off Homework time
+web-on
+allow a.example b.example/x
+block c.example
+clear
+list 9
+wait-hosts 0
+)");
+    auto core = startCore({"--script", script.string()});
+    ASSERT_TRUE(core.out->waitFor("core: listening on " + socketPath().string()));
+    auto browser = startBrowser();
+    browser.type("this is not json");
+    browser.type(R"({"tabs":[{"id":42}]})");
+    const std::vector<std::string> expected{
+        R"({"action":"closeTab","payload":{"id":42}})",
+        R"({"action":"disableWeb","payload":"Homework time"})",
+        R"({"action":"enableWeb","payload":{}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":["a.example","b.example\/x"]}})",
+        R"({"action":"setBlacklist","payload":{"blacklist":["c.example"]}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
+        R"({"action":"setBlacklist","payload":{"blacklist":[]}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
+        R"({"action":"setBlacklist","payload":{"blacklist":[]}})",
+    };
+    for (const auto& line : expected) {
+        EXPECT_EQ(browser.out->next(), line) << browser.errors() << core.out->seen();
+    }
+    browser.process->closeInput();
+    EXPECT_EQ(browser.out->next(), std::nullopt);         // nothing else on standard output
+    EXPECT_EQ(browser.process->waitForExit(10000ms), 1);  // the host ended well; a line was bad
+    EXPECT_NE(browser.errors().find("line 1: line is not JSON: "), std::string::npos);
+    EXPECT_NE(browser.errors().find("the host exited with status 0"), std::string::npos);
+
+    EXPECT_EQ(core.process->waitForExit(10000ms), 0) << core.errors();
+    const std::string shown = core.out->seen() + core.process->receiveRest();
+    EXPECT_NE(shown.find("core: host 1 connected (pid "), std::string::npos) << shown;
+    EXPECT_NE(shown.find("host 1: tab data {\"tabs\":[{\"id\":42}]}  + kerrow.tabList\n"),
+              std::string::npos)
+        << shown;
+    EXPECT_NE(shown.find("host 1: device-twin update request (kerrow.updateDeviceTwin)\n"),
+              std::string::npos);
+    EXPECT_NE(shown.find("to host 1: kerrow.closeTab-42  [close tab 42]\n"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(socketPath()));
+}
+
+TEST_F(PeersTest, CommandsGoToOneHostOrToAll) {
+    auto core = startCore();
+    ASSERT_TRUE(core.out->waitFor("core: listening"));
+    // Live connections, by pid: each start notification (one per launch) makes every host
+    // connect anew, so a host's number changes when another host launches.
+    std::map<pid_t, unsigned> hostOf;
+    std::map<unsigned, pid_t> pidOf;
+    const auto follow = [&](const std::function<bool()>& done) {
+        const std::regex connected(R"(core: host (\d+) connected \(pid (\d+)\))");
+        const std::regex disconnected(R"(core: host (\d+) disconnected)");
+        while (!done()) {
+            const auto line = core.out->next();
+            if (!line) {
+                return false;
+            }
+            std::smatch match;
+            if (std::regex_search(*line, match, connected)) {
+                pidOf[std::stoul(match[1])] = std::stoi(match[2]);
+                hostOf[std::stoi(match[2])] = std::stoul(match[1]);
+            } else if (std::regex_search(*line, match, disconnected)) {
+                const auto number = std::stoul(match[1]);
+                if (hostOf[pidOf[number]] == number) {
+                    hostOf.erase(pidOf[number]);
+                }
+                pidOf.erase(number);
+            }
+        }
+        return true;
+    };
+    auto first = startBrowser();
+    const pid_t firstPid = hostPid(first);
+    ASSERT_TRUE(follow([&] { return hostOf.count(firstPid) == 1; })) << core.out->seen();
+    const unsigned firstBefore = hostOf[firstPid];
+    auto second = startBrowser();
+    const pid_t secondPid = hostPid(second);
+    ASSERT_TRUE(follow([&] {
+        return pidOf.size() == 2 && hostOf.count(secondPid) == 1 && hostOf.count(firstPid) == 1 &&
+               hostOf[firstPid] > firstBefore;
+    })) << core.out->seen();
+
+    core.type("@" + std::to_string(hostOf[secondPid]) + " close-tab 7");
+    core.type("close-tab 8");
+    EXPECT_EQ(second.out->next(), R"({"action":"closeTab","payload":{"id":7}})");
+    EXPECT_EQ(second.out->next(), R"({"action":"closeTab","payload":{"id":8}})");
+    EXPECT_EQ(first.out->next(), R"({"action":"closeTab","payload":{"id":8}})");
+
+    first.process->closeInput();
+    second.process->closeInput();
+    EXPECT_EQ(first.process->waitForExit(10000ms), 0) << first.errors();
+    EXPECT_EQ(second.process->waitForExit(10000ms), 0) << second.errors();
+    core.type("wait-hosts 0");
+    core.type("@1 web-on");
+    core.process->closeInput();
+    EXPECT_EQ(core.process->waitForExit(10000ms), 1);  // there is no host 1 any more
+    EXPECT_NE(core.errors().find("line 4: no host 1 (connected: none)"), std::string::npos)
+        << core.errors();
+}
+
+TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
+    auto bogus = startCore({"--bogus"});
+    EXPECT_EQ(bogus.process->waitForExit(), 2);
+    EXPECT_EQ(bogus.errors(), "kerrow-core-peer: unknown option '--bogus' (see --help)\n");
+
+    const auto script = write("bad.script", "close-tab 1\nfrobnicate\nlist 300\n");
+    auto badScript = startCore({"--script", script.string()});
+    EXPECT_EQ(badScript.process->waitForExit(), 2);
+    EXPECT_EQ(badScript.errors(),
+              "kerrow-core-peer: " + script.string() +
+                  ":2: unknown command 'frobnicate' (type help for the list)\n" + script.string() +
+                  ":3: list needs a listType from 0 to 255 first: list 2 "
+                  "a.example\n");
+    EXPECT_FALSE(std::filesystem::exists(socketPath()));
+
+    auto listening = startCore({"--no-bus", "--no-input"});
+    ASSERT_TRUE(listening.out->waitFor("core: listening"));
+    auto second = startCore({"--no-bus", "--no-input"});
+    EXPECT_EQ(second.process->waitForExit(), 1);
+    EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + socketPath().string() +
+                                   " is in use: another core service (or core peer) listens "
+                                   "there\n");
+
+    const auto file = write("plain-file", "");
+    auto notSocket = startCore({"--no-bus", "--socket", file.string()});
+    EXPECT_EQ(notSocket.process->waitForExit(), 1);
+    EXPECT_EQ(notSocket.errors(),
+              "kerrow-core-peer: " + file.string() + " exists and is not a socket\n");
+}
+
+TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEnd) {
+    const auto arguments = directory_.path() / "arguments";
+    const auto fakeHost = write(
+        "fake-host",
+        "#!/bin/sh\nprintf '%s\\n' \"$@\" > " + arguments.string() + "\ncat > /dev/null\nexit 3\n",
+        std::filesystem::perms(0700));
+    auto chrome = startBrowser({"--host", fakeHost.string(), "--extension-id", "abc"});
+    chrome.process->closeInput();
+    EXPECT_EQ(chrome.process->waitForExit(), 1);
+    EXPECT_EQ(readFile(arguments), "chrome-extension://abc/\n");
+    EXPECT_NE(chrome.errors().find("the host exited with status 3"), std::string::npos);
+
+    auto firefox =
+        startBrowser({"--host", fakeHost.string(), "--firefox", "--manifest", "/m.json"});
+    firefox.process->closeInput();
+    EXPECT_EQ(firefox.process->waitForExit(), 1);
+    EXPECT_EQ(readFile(arguments), "/m.json\nkerrow@kerrowsoftware.com\n");
+
+    auto missing = startBrowser({"--host", "/nonexistent/host"});
+    EXPECT_EQ(missing.process->waitForExit(), 2);
+    EXPECT_EQ(missing.errors(),
+              "kerrow-browser-peer: cannot start the host /nonexistent/host: No such file or "
+              "directory\n");
+}
+
+TEST_F(PeersTest, BrowserPeerDropsAHostThatWritesOverTheBrowserLimit) {
+    // One good frame, then a header announcing 1 MiB + 1 byte; then it waits for end of input.
+    const auto fakeHost = write("big-host",
+                                "#!/bin/sh\nprintf '\\002\\000\\000\\000{}\\001\\000\\020\\000'\n"
+                                "cat > /dev/null\n",
+                                std::filesystem::perms(0700));
+    auto browser = startBrowser({"--host", fakeHost.string()});
+    EXPECT_EQ(browser.out->next(), "{}");
+    EXPECT_EQ(browser.process->waitForExit(), 1);  // the host ended (0) once its input closed
+    EXPECT_NE(browser.errors().find("the host wrote a frame of 1048577 bytes, over the browser "
+                                    "limit of 1 MiB; a browser drops such a host: closing its "
+                                    "pipes"),
+              std::string::npos)
+        << browser.errors();
+    EXPECT_NE(browser.errors().find("the host exited with status 0"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kerrow::test
