@@ -1,0 +1,154 @@
+// Commands core service -> extension: sustained rate, and latency at a steady rate.
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <thread>
+
+#include "bench/driver/figure_support.h"
+#include "bench/driver/figures.h"
+#include "kit/const.h"
+
+namespace kerrow::bench {
+namespace {
+
+std::string closeTabCommand(std::size_t id) {
+    return std::string(Const::Browser::closeTab) + "-" + std::to_string(id);
+}
+
+std::string closeTabMessage(std::size_t id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
+
+// The sites of an allow list, as a JSON array.
+std::string siteArray(std::size_t sites) {
+    std::string array = "[";
+    for (std::size_t i = 0; i < sites; ++i) {
+        array.append(i == 0 ? "\"" : ",\"")
+            .append("site")
+            .append(std::to_string(i))
+            .append(".example\"");
+    }
+    array.push_back(']');
+    return array;
+}
+
+std::string websiteListCommand(std::size_t sites) {
+    return std::string(Const::Browser::websiteList) + R"({"name":"School hours","websites":)" +
+           siteArray(sites) + R"(,"listType":0})";
+}
+
+std::string setWhitelistMessage(std::size_t sites) {
+    return R"({"action":"setWhitelist","payload":{"whitelist":)" + siteArray(sites) + "}}";
+}
+
+double percentile(std::vector<double> values, double fraction) {
+    if (values.empty()) {
+        return 0;
+    }
+    const auto rank = static_cast<std::size_t>(fraction * static_cast<double>(values.size() - 1));
+    std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(rank),
+                     values.end());
+    return values[rank];
+}
+
+}  // namespace
+
+JsonLine measureCommands(const Program& program, std::string_view command, std::size_t count,
+                         std::size_t sites, const RunSettings& settings) {
+    const bool closeTab = command == "closeTab";
+    if (!closeTab && command != "websiteList") {
+        throw BenchError("unknown command: " + std::string(command));
+    }
+    const Deadline deadline = deadlineIn(settings.timeout);
+    BenchSession session;
+    session.start(program, deadline, settings.wrapper);
+    ChildProcess& child = session.child();
+    FrameReader output(child.output());
+
+    // Every command, framed, written in large pieces so that the driver stays out of the way.
+    std::string stream;
+    const std::string list = closeTab ? std::string() : framed(websiteListCommand(sites));
+    for (std::size_t i = 0; i < count; ++i) {
+        stream.append(closeTab ? framed(closeTabCommand(i)) : list);
+    }
+    const std::string expectedList = closeTab ? std::string() : setWhitelistMessage(sites);
+
+    const ProcessSample before = sampleProcess(child.pid());
+    const auto started = Clock::now();
+    WriterThread writer(child, [&] { writeAll(session.coreConnection(), stream); });
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string_view message = output.next(deadline);
+        const bool right =
+            closeTab ? message == closeTabMessage(i)
+                     : (i == 0 ? message == expectedList : message.size() == expectedList.size());
+        if (!right) {
+            throw BenchError("command " + std::to_string(i) + " gave " +
+                             std::string(message.substr(0, 200)));
+        }
+    }
+    const auto ended = Clock::now();
+    const ProcessSample after = sampleProcess(child.pid());
+    writer.join();
+    const int status = finish(session, deadline);
+    const double seconds = std::chrono::duration<double>(ended - started).count();
+    return JsonLine()
+        .add("figure", "commands")
+        .add("program", program.name)
+        .add("command", command)
+        .add("count", static_cast<std::int64_t>(count))
+        .add("seconds", seconds)
+        .add("commands_per_s", static_cast<double>(count) / seconds)
+        .add("cpu_us_per_command", static_cast<double>(cpuNanosecondsBetween(before, after)) / 1e3 /
+                                       static_cast<double>(count))
+        .add("exit_status", static_cast<std::int64_t>(status));
+}
+
+JsonLine measureLatency(const Program& program, double rate, std::size_t count, std::size_t warmUp,
+                        const RunSettings& settings) {
+    const Deadline deadline = deadlineIn(settings.timeout);
+    BenchSession session;
+    session.start(program, deadline, settings.wrapper);
+    ChildProcess& child = session.child();
+    FrameReader output(child.output());
+
+    const auto period =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate));
+    std::vector<std::atomic<std::int64_t>> written(count);  // ns after `started`, per command
+    const auto started = Clock::now();
+    WriterThread writer(child, [&] {
+        for (std::size_t i = 0; i < count; ++i) {
+            std::this_thread::sleep_until(started + period * static_cast<std::int64_t>(i));
+            const auto now = Clock::now();
+            written[i].store((now - started).count(), std::memory_order_release);
+            writeFrame(session.coreConnection(), closeTabCommand(i));
+        }
+    });
+    std::vector<double> latencies;
+    latencies.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::string_view message = output.next(deadline);
+        const auto arrived = (Clock::now() - started).count();
+        if (message != closeTabMessage(i)) {
+            throw BenchError("command " + std::to_string(i) + " gave " + std::string(message));
+        }
+        const auto sent = written[i].load(std::memory_order_acquire);
+        if (i >= warmUp) {
+            latencies.push_back(static_cast<double>(arrived - sent) / 1e3);
+        }
+    }
+    writer.join();
+    const int status = finish(session, deadline);
+    return JsonLine()
+        .add("figure", "latency")
+        .add("program", program.name)
+        .add("rate", rate)
+        .add("count", static_cast<std::int64_t>(latencies.size()))
+        .add("p50_us", percentile(latencies, 0.50))
+        .add("p90_us", percentile(latencies, 0.90))
+        .add("p99_us", percentile(latencies, 0.99))
+        .add("max_us", percentile(latencies, 1.0))
+        .add("exit_status", static_cast<std::int64_t>(status))
+        .add("latencies_us", latencies);
+}
+
+}  // namespace kerrow::bench

@@ -1,0 +1,106 @@
+#include "bench/driver/figure_support.h"
+
+#include <fstream>
+
+#include "kit/const.h"
+
+namespace kerrow::bench {
+std::string extensionMessage(std::size_t size) {
+    static constexpr std::string_view head = "{\"tabs\":\"";
+    static constexpr std::string_view tail = "\"}";
+    std::string text(head);
+    const std::size_t fill =
+        size > head.size() + tail.size() ? size - head.size() - tail.size() : 0;
+    for (std::size_t i = 0; i < fill; ++i) {
+        text.push_back(static_cast<char>('a' + i % 26));
+    }
+    text.append(tail);
+    return text;
+}
+
+std::string batchOf(std::string_view frame, std::size_t& framesInBatch) {
+    constexpr std::size_t batchBytes = 256 * 1024;
+    framesInBatch = std::max<std::size_t>(1, batchBytes / frame.size());
+    std::string batch;
+    batch.reserve(framesInBatch * frame.size());
+    for (std::size_t i = 0; i < framesInBatch; ++i) {
+        batch.append(frame);
+    }
+    return batch;
+}
+
+WriterThread::WriterThread(ChildProcess& child, std::function<void()> work)
+    : child_(child), thread_([this, work = std::move(work)] {
+          try {
+              work();
+          } catch (...) {
+              failure_ = std::current_exception();
+          }
+      }) {}
+
+WriterThread::~WriterThread() {
+    if (thread_.joinable()) {
+        child_.kill();
+        thread_.join();
+    }
+}
+
+void WriterThread::join() {
+    thread_.join();
+    if (failure_) {
+        std::rethrow_exception(failure_);
+    }
+}
+
+RelayRun relay(BenchSession& session, const std::string& body, std::size_t frames,
+               Deadline deadline) {
+    const std::string frame = framed(body);
+    std::size_t perBatch = 0;
+    const std::string batch = batchOf(frame, perBatch);
+    const std::size_t expectedLength = body.size() + Const::Browser::tabList.size();
+    ChildProcess& child = session.child();
+
+    const ProcessSample before = sampleProcess(child.pid());
+    const auto started = Clock::now();
+    WriterThread writer(child, [&] {
+        for (std::size_t sent = 0; sent < frames; sent += perBatch) {
+            const std::size_t count = std::min(perBatch, frames - sent);
+            writeAll(child.input(), std::string_view(batch).substr(0, count * frame.size()));
+        }
+    });
+    for (std::size_t i = 0; i < frames; ++i) {
+        const std::string_view received = session.coreReader().next(deadline);
+        if (received.size() != expectedLength || !received.ends_with(Const::Browser::tabList) ||
+            (i == 0 && received.substr(0, body.size()) != body)) {
+            throw BenchError("frame " + std::to_string(i) + " reached the core service altered");
+        }
+    }
+    const auto ended = Clock::now();
+    const ProcessSample after = sampleProcess(child.pid());
+    writer.join();
+    return {std::chrono::duration<double>(ended - started).count(),
+            cpuNanosecondsBetween(before, after)};
+}
+
+int finish(BenchSession& session, Deadline deadline) {
+    session.child().closeInput();
+    const auto status = session.child().wait(deadline);
+    if (!status) {
+        throw BenchError("the program did not end at end of input");
+    }
+    return *status;
+}
+
+std::int64_t countLogLines(const std::filesystem::path& logFile, std::string_view needle) {
+    std::int64_t count = 0;
+    for (const auto& file : {logFile.string(), logFile.string() + ".1", logFile.string() + ".2"}) {
+        std::ifstream in(file);
+        std::string line;
+        while (std::getline(in, line)) {
+            count += line.find(needle) != std::string::npos ? 1 : 0;
+        }
+    }
+    return count;
+}
+
+}  // namespace kerrow::bench

@@ -1,0 +1,76 @@
+// Footprint: memory and threads, CPU while idle, CPU while the core service is away.
+// The programs run side by side so that the two long windows are spent once for all of them.
+#include <memory>
+#include <thread>
+
+#include "bench/driver/figure_support.h"
+#include "bench/driver/figures.h"
+
+namespace kerrow::bench {
+namespace {
+
+std::vector<ProcessSample> sampleAll(std::vector<std::unique_ptr<BenchSession>>& sessions) {
+    std::vector<ProcessSample> samples;
+    for (const auto& session : sessions) {
+        samples.push_back(sampleProcess(session->child().pid()));
+    }
+    return samples;
+}
+
+}  // namespace
+
+std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std::size_t frames,
+                                       std::chrono::milliseconds window,
+                                       const RunSettings& settings) {
+    const Deadline deadline = deadlineIn(settings.timeout + 3 * window);
+    std::vector<std::unique_ptr<BenchSession>> sessions;
+    for (const auto& program : programs) {
+        sessions.push_back(std::make_unique<BenchSession>());
+        sessions.back()->start(program, deadline, settings.wrapper);
+    }
+    const auto started = sampleAll(sessions);
+    for (const auto& session : sessions) {
+        relay(*session, extensionMessage(1024), frames, deadline);
+    }
+    const auto relayed = sampleAll(sessions);
+
+    // Nothing happens for one window: any CPU time now is the program's own doing.
+    std::this_thread::sleep_for(window);
+    const auto idle = sampleAll(sessions);
+
+    for (const auto& session : sessions) {
+        session->stopCore();
+    }
+    std::this_thread::sleep_for(window);
+    const auto outage = sampleAll(sessions);
+
+    std::vector<JsonLine> lines;
+    for (std::size_t i = 0; i < programs.size(); ++i) {
+        const double seconds = std::chrono::duration<double>(window).count();
+        lines.push_back(
+            JsonLine()
+                .add("figure", "footprint")
+                .add("program", programs[i].name)
+                .add("rss_start_kib", started[i].residentKiB)
+                .add("private_start_kib", started[i].privateKiB)
+                .add("threads_start", static_cast<std::int64_t>(started[i].threads))
+                .add("frames", static_cast<std::int64_t>(frames))
+                .add("rss_relayed_kib", relayed[i].residentKiB)
+                .add("private_relayed_kib", relayed[i].privateKiB)
+                .add("threads_relayed", static_cast<std::int64_t>(relayed[i].threads))
+                .add("window_s", seconds)
+                .add("idle_cpu_ms",
+                     static_cast<double>(cpuNanosecondsBetween(relayed[i], idle[i])) / 1e6)
+                .add("idle_wakeups", contextSwitchesBetween(relayed[i], idle[i]))
+                .add("outage_cpu_ms",
+                     static_cast<double>(cpuNanosecondsBetween(idle[i], outage[i])) / 1e6)
+                .add("outage_wakeups", contextSwitchesBetween(idle[i], outage[i]))
+                .add("threads_after_outage", static_cast<std::int64_t>(outage[i].threads)));
+    }
+    for (const auto& session : sessions) {
+        [[maybe_unused]] const int status = finish(*session, deadline);
+    }
+    return lines;
+}
+
+}  // namespace kerrow::bench

@@ -1,0 +1,128 @@
+// kerrow-bench-driver: measures one figure of one program (several for the footprint) and prints
+// one JSON line per program on standard output. bench/run.py calls it, interleaving programs.
+//
+//   kerrow-bench-driver relay     --program SPEC --size BYTES --frames N
+//   kerrow-bench-driver commands  --program SPEC --command closeTab|websiteList --count N [--sites
+//   N] kerrow-bench-driver latency   --program SPEC --rate PER_S --count N [--warm-up N]
+//   kerrow-bench-driver startup   --program SPEC
+//   kerrow-bench-driver footprint --program SPEC [--program SPEC ...] --frames N --window-ms MS
+// Common: --wrapper argv0,argv1,... (prefixed to each program), --timeout-ms MS.
+// SPEC is name=kind:argv0,argv1,... with kind host, floor, typical or bare.
+#include <sys/prctl.h>
+
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bench/driver/figures.h"
+
+namespace {
+
+using kerrow::bench::BenchError;
+
+struct Arguments {
+    std::string figure;
+    std::multimap<std::string, std::string> options;
+
+    [[nodiscard]] std::string text(const std::string& name,
+                                   const std::string& fallback = "") const {
+        const auto found = options.find(name);
+        if (found != options.end()) {
+            return found->second;
+        }
+        if (fallback.empty()) {
+            throw BenchError("missing --" + name);
+        }
+        return fallback;
+    }
+    [[nodiscard]] std::size_t number(const std::string& name,
+                                     const std::string& fallback = "") const {
+        return std::stoull(text(name, fallback));
+    }
+};
+
+Arguments parse(int argc, char** argv) {
+    if (argc < 2) {
+        throw BenchError("usage: kerrow-bench-driver FIGURE --option value ...");
+    }
+    Arguments arguments{argv[1], {}};
+    for (int i = 2; i + 1 < argc; i += 2) {
+        std::string name = argv[i];
+        if (!name.starts_with("--")) {
+            throw BenchError("expected an option, got " + name);
+        }
+        arguments.options.emplace(name.substr(2), argv[i + 1]);
+    }
+    return arguments;
+}
+
+std::vector<std::string> splitCommas(const std::string& text) {
+    std::vector<std::string> pieces;
+    std::size_t start = 0;
+    for (std::size_t comma; (comma = text.find(',', start)) != std::string::npos;
+         start = comma + 1) {
+        pieces.push_back(text.substr(start, comma - start));
+    }
+    pieces.push_back(text.substr(start));
+    return pieces;
+}
+
+std::vector<kerrow::bench::JsonLine> run(const Arguments& arguments) {
+    using namespace kerrow::bench;
+    RunSettings settings;
+    if (arguments.options.contains("wrapper")) {
+        settings.wrapper = splitCommas(arguments.text("wrapper"));
+    }
+    settings.timeout = std::chrono::milliseconds(arguments.number("timeout-ms", "60000"));
+    std::vector<Program> programs;
+    const auto [first, last] = arguments.options.equal_range("program");
+    for (auto it = first; it != last; ++it) {
+        programs.push_back(parseProgram(it->second));
+    }
+    if (programs.empty()) {
+        throw BenchError("missing --program");
+    }
+    const Program& program = programs.front();
+    const std::string& figure = arguments.figure;
+    if (figure == "relay") {
+        return {
+            measureRelay(program, arguments.number("size"), arguments.number("frames"), settings)};
+    }
+    if (figure == "commands") {
+        return {measureCommands(program, arguments.text("command"), arguments.number("count"),
+                                arguments.number("sites", "1000"), settings)};
+    }
+    if (figure == "latency") {
+        return {measureLatency(program, std::stod(arguments.text("rate")),
+                               arguments.number("count"), arguments.number("warm-up", "0"),
+                               settings)};
+    }
+    if (figure == "startup") {
+        return {measureStartup(program, settings)};
+    }
+    if (figure == "footprint") {
+        return measureFootprint(programs, arguments.number("frames"),
+                                std::chrono::milliseconds(arguments.number("window-ms")), settings);
+    }
+    throw BenchError("unknown figure: " + figure);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    // Paced sends wake within microseconds of their time, not the default 50 µs slack later.
+    ::prctl(PR_SET_TIMERSLACK, 1UL);
+    try {
+        for (const auto& line : run(parse(argc, argv))) {
+            std::cout << line.text() << std::endl;
+        }
+        return 0;
+    } catch (const std::exception& error) {
+        std::cerr << "kerrow-bench-driver: " << error.what() << std::endl;
+        return 1;
+    }
+}

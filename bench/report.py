@@ -1,0 +1,325 @@
+"""Turns the driver's results into bench/results.md (tables, ratios, aims) and bench/relay.svg.
+
+Every table cell is the median over the rounds with its spread (min-max); every ratio is taken
+within a round (the two programs ran back to back) and then summarised the same way. The part of
+results.md below MARKER is written by hand (the profile and its reading) and is kept as it is.
+Standard library only.
+"""
+import datetime
+import os
+import platform
+import statistics
+import subprocess
+from dataclasses import dataclass
+from pathlib import Path
+
+import relay_plot
+
+MARKER = '<!-- Written by hand below this line: scripts/bench keeps it as it is. -->'
+PROGRAMS = ('host', 'floor', 'typical')
+SIZE_NAMES = {64: '64 B', 1024: '1 KiB', 65536: '64 KiB', 1048576: '1 MiB'}
+
+
+@dataclass
+class Context:
+    repository: Path
+    build: Path
+    python: str
+    quick: bool
+    load_before: tuple
+    load_after: tuple
+    seconds: float
+
+
+def number(value, digits=3):
+    """A value with `digits` significant digits, thousands separated."""
+    if value is None:
+        return 'n/a'
+    if value == 0:
+        return '0'
+    magnitude = len(str(int(abs(value)))) if abs(value) >= 1 else 0
+    decimals = max(0, digits - magnitude) if abs(value) >= 1 else digits
+    return '{:,.{}f}'.format(value, decimals)
+
+
+def summary(values, digits=3):
+    """'median (min–max)' of a list of numbers."""
+    values = [v for v in values if v is not None]
+    if not values:
+        return 'n/a'
+    if len(values) == 1:
+        return number(values[0], digits)
+    return '%s (%s–%s)' % (number(statistics.median(values), digits), number(min(values), digits),
+                           number(max(values), digits))
+
+
+def median(values):
+    values = [v for v in values if v is not None]
+    return statistics.median(values) if values else None
+
+
+def select(results, **match):
+    return [r for r in results if all(r.get(k) == v for k, v in match.items())]
+
+
+def values(results, key, **match):
+    return [r[key] for r in select(results, **match) if key in r]
+
+
+def per_round(results, key, combine, left, right, **match):
+    """combine(left's value, right's value) for every round in which both were measured."""
+    lefts = {r['round']: r[key] for r in select(results, program=left, **match) if key in r}
+    rights = {r['round']: r[key] for r in select(results, program=right, **match) if key in r}
+    return [combine(lefts[i], rights[i]) for i in sorted(lefts) if i in rights and rights[i]]
+
+
+def ratio(a, b):
+    return a / b
+
+
+def difference(a, b):
+    return a - b
+
+
+def table(header, rows):
+    lines = ['| ' + ' | '.join(header) + ' |', '|' + '---|' * len(header)]
+    lines += ['| ' + ' | '.join(str(cell) for cell in row) + ' |' for row in rows]
+    return '\n'.join(lines) + '\n'
+
+
+def git(context, *arguments):
+    done = subprocess.run(['git', '-C', str(context.repository)] + list(arguments),
+                          capture_output=True, text=True)
+    return done.stdout.strip() if done.returncode == 0 else ''
+
+
+def machine(context):
+    cpu = 'unknown CPU'
+    with open('/proc/cpuinfo') as info:
+        for line in info:
+            if line.startswith('model name'):
+                cpu = line.split(':', 1)[1].strip()
+                break
+    with open('/proc/meminfo') as info:
+        memory_kib = int(info.readline().split()[1])
+    compiler = subprocess.run(['c++', '--version'], capture_output=True, text=True).stdout
+    python = subprocess.run([context.python, '--version'], capture_output=True, text=True).stdout
+    commit = git(context, 'rev-parse', '--short=12', 'HEAD') or 'unknown'
+    dirty = git(context, 'status', '--porcelain', '--untracked-files=no')
+    return {
+        'date': datetime.datetime.now(datetime.timezone.utc).strftime('%Y-%m-%d %H:%M UTC'),
+        'commit': commit + (' (with uncommitted changes in the working tree)' if dirty else ''),
+        'subject': git(context, 'log', '-1', '--format=%s'),
+        'cpu': cpu,
+        'cores': os.cpu_count(),
+        'kernel': platform.system() + ' ' + platform.release(),
+        'memory': '%.1f GiB' % (memory_kib / 1024 / 1024),
+        'compiler': compiler.splitlines()[0] if compiler else 'unknown',
+        'python': python.strip(),
+    }
+
+
+def relay_section(results):
+    rows = []
+    for size, name in SIZE_NAMES.items():
+        for program in PROGRAMS:
+            match = dict(figure='relay', program=program, size=size)
+            frames = values(results, 'frames', **match)
+            logged = values(results, 'log_lines', **match)
+            lost = [f - l for l, f in zip(logged, frames) if l != f]
+            log_text = ('no log' if program == 'floor' else 'n/a' if not logged else
+                        'all' if not lost else 'lost %d lines in %d runs' % (sum(lost), len(lost)))
+            rows.append([name, program, summary(values(results, 'frames_per_s', **match)),
+                         summary(values(results, 'mb_per_s', **match)),
+                         summary(values(results, 'cpu_us_per_frame', **match)), log_text])
+    text = table(['body', 'program', 'frames/s', 'MB/s', 'CPU µs per frame', 'log lines kept'],
+                 rows)
+    rows = []
+    for size, name in SIZE_NAMES.items():
+        match = dict(figure='relay', size=size)
+        rows.append([name] + [summary(per_round(results, key, ratio, 'host', other, **match), 2)
+                              for other in ('floor', 'typical')
+                              for key in ('frames_per_s', 'cpu_us_per_frame')])
+    text += '\nRatios, round by round (host ÷ baseline):\n\n'
+    text += table(['body', 'throughput ÷ floor', 'CPU/frame ÷ floor', 'throughput ÷ typical',
+                   'CPU/frame ÷ typical'], rows)
+    return text
+
+
+def commands_section(results):
+    rows = []
+    for command in ('closeTab', 'websiteList'):
+        for program in PROGRAMS:
+            match = dict(figure='commands', program=program, command=command)
+            rows.append([command, program, summary(values(results, 'commands_per_s', **match)),
+                         summary(values(results, 'cpu_us_per_command', **match))] +
+                        ([summary(per_round(results, key, ratio, 'host', program, figure='commands',
+                                            command=command), 2)
+                          for key in ('commands_per_s', 'cpu_us_per_command')]
+                         if program != 'host' else ['', '']))
+    text = table(['command', 'program', 'commands/s', 'CPU µs per command',
+                  'host ÷ this, rate', 'host ÷ this, CPU'], rows)
+    rows = []
+    for program in PROGRAMS:
+        runs = select(results, figure='latency', program=program)
+        pooled = sorted(v for r in runs for v in r.get('latencies_us', []))
+        p99 = pooled[int(0.99 * (len(pooled) - 1))] if pooled else None
+        rows.append([program, summary([r['p50_us'] for r in runs]),
+                     summary([r['p99_us'] for r in runs]), number(p99),
+                     number(pooled[-1] if pooled else None), str(len(pooled))])
+    text += '\nLatency from the core service\'s write to the frame on standard output, close-tab ' \
+            'commands at a steady 1,000 per second (µs; per run, then all runs pooled):\n\n'
+    text += table(['program', 'median', 'p99', 'p99, pooled', 'max, pooled', 'commands'], rows)
+    return text
+
+
+def startup_section(results):
+    keys = ('start_to_announcement_us', 'notification_to_device_twin_us', 'start_to_device_twin_us')
+    rows = []
+    for program in ('host', 'bare', 'floor', 'typical'):
+        match = dict(figure='startup', program=program)
+        rows.append([program] + [summary([v / 1000 for v in values(results, key, **match)])
+                                 for key in keys])
+    text = table(['program', 'process start → announcement (ms)',
+                  'start notification → device-twin request (ms)',
+                  'process start → device-twin request (ms)'], rows)
+    behind = per_round(results, keys[0], difference, 'host', 'bare', figure='startup')
+    share = per_round(results, keys[0], ratio, 'host', 'typical', figure='startup')
+    text += '\nRound by round: host − bare bus program, start → announcement: %s ms; ' \
+            'host ÷ typical host: %s.\n' % (summary([v / 1000 for v in behind]), summary(share, 2))
+    return text
+
+
+def footprint_section(results):
+    rows = []
+    for program in PROGRAMS:
+        for r in select(results, figure='footprint', program=program):
+            rows.append([program,
+                         '%s (%s)' % (number(r['rss_start_kib'] / 1024), number(r['private_start_kib'] / 1024)),
+                         r['threads_start'],
+                         '%s (%s)' % (number(r['rss_relayed_kib'] / 1024), number(r['private_relayed_kib'] / 1024)),
+                         r['threads_relayed'],
+                         '%s ms, %d wake-ups' % (number(r['idle_cpu_ms']), r['idle_wakeups']),
+                         '%s ms, %d wake-ups' % (number(r['outage_cpu_ms']), r['outage_wakeups'])])
+    window = next((r['window_s'] for r in results if r.get('figure') == 'footprint'), 0)
+    frames = next((r['frames'] for r in results if r.get('figure') == 'footprint'), 0)
+    return table(['program', 'RSS after start-up, MiB (private)', 'threads',
+                  'RSS after %s frames of 1 KiB, MiB (private)' % '{:,}'.format(frames), 'threads',
+                  'CPU idle for %g s' % window, 'CPU during a %g s core-service outage' % window],
+                 rows)
+
+
+def micro_section(micro):
+    rows = []
+    for entry in micro.get('benchmarks', []):
+        if entry.get('run_type') == 'aggregate' and entry.get('aggregate_name') != 'median':
+            continue
+        name = entry['run_name'] if 'run_name' in entry else entry['name']
+        cv = next((e for e in micro['benchmarks'] if e.get('run_name') == name
+                   and e.get('aggregate_name') == 'cv'), None)
+        rate = entry.get('bytes_per_second')
+        rows.append([name, '%s %s' % (number(entry['real_time']), entry['time_unit']),
+                     '%.1f %%' % (100 * cv['real_time']) if cv else 'n/a',
+                     ('%s MB/s' % number(rate / 1e6)) if rate else ''])
+    return table(['benchmark', 'time per call (median)', 'variation (cv)', 'throughput'], rows)
+
+
+def aims(results):
+    """(aim, what was measured, met) for every aim the figures speak to."""
+    found = []
+    big = [s for s in SIZE_NAMES if s >= 1024]
+    throughput = {s: median(per_round(results, 'frames_per_s', ratio, 'host', 'floor', figure='relay', size=s)) for s in big}
+    cpu = {s: median(per_round(results, 'cpu_us_per_frame', ratio, 'host', 'floor', figure='relay', size=s)) for s in big}
+    kept = all(r['log_lines'] == r['frames'] for r in select(results, figure='relay', program='host'))
+    found.append(('Relay within 20 % of the floor (throughput and CPU/frame) at ≥ 1 KiB, all log lines kept',
+                  '; '.join('%s: %s× throughput, %s× CPU' % (SIZE_NAMES[s], number(throughput[s], 2), number(cpu[s], 2)) for s in big)
+                  + ('; log lines all kept' if kept else '; log lines lost'),
+                  kept and all(throughput[s] is not None and throughput[s] >= 0.8 and cpu[s] <= 1.2 for s in big)))
+    typical = median(per_round(results, 'frames_per_s', ratio, 'host', 'typical', figure='relay', size=1024))
+    found.append(('≥ 2.5× the typical host\'s relay throughput at 1 KiB', '%s×' % number(typical, 2),
+                  typical is not None and typical >= 2.5))
+    foot = {r['program']: r for r in select(results, figure='footprint')}
+    if 'host' in foot and 'typical' in foot:
+        share = foot['host']['rss_relayed_kib'] / foot['typical']['rss_relayed_kib']
+        found.append(('≤ ⅓ the typical host\'s memory', 'RSS after relaying %s of the typical host\'s (%s vs %s MiB)'
+                      % (number(share, 2), number(foot['host']['rss_relayed_kib'] / 1024), number(foot['typical']['rss_relayed_kib'] / 1024)),
+                      share <= 1 / 3))
+    start = median(per_round(results, 'start_to_announcement_us', ratio, 'host', 'typical', figure='startup'))
+    found.append(('≤ 1/10 the typical host\'s start-up time (process start → announcement)',
+                  '%s of it' % number(start, 2), start is not None and start <= 0.1))
+    pooled = sorted(v for r in select(results, figure='latency', program='host') for v in r.get('latencies_us', []))
+    p99 = pooled[int(0.99 * (len(pooled) - 1))] if pooled else None
+    found.append(('Command latency p99 < 1 ms at 1,000 commands/s', '%s µs (pooled)' % number(p99),
+                  p99 is not None and p99 < 1000))
+    behind = median(per_round(results, 'start_to_announcement_us', difference, 'host', 'bare', figure='startup'))
+    found.append(('Start-up to announcement within 1.5 ms of the bare bus program',
+                  '%s ms behind it' % number(behind / 1000 if behind is not None else None),
+                  behind is not None and behind <= 1500))
+    if 'host' in foot:
+        rss = max(foot['host']['rss_start_kib'], foot['host']['rss_relayed_kib'])
+        found.append(('RSS < 4 MiB', '%s MiB at most (private %s MiB)' % (number(rss / 1024), number(foot['host']['private_relayed_kib'] / 1024)),
+                      rss < 4096))
+        idle = foot['host']
+        found.append(('No CPU at idle', '%s ms and %d wake-ups in %g s' % (number(idle['idle_cpu_ms']), idle['idle_wakeups'], idle['window_s']),
+                      idle['idle_wakeups'] == 0))
+    return found
+
+
+def write(results, micro, context, bench_dir):
+    info = machine(context)
+    results_file = bench_dir / 'results.md'
+    kept = MARKER + '\n\n(No reading of a profile yet.)\n'
+    if results_file.exists():
+        text = results_file.read_text()
+        if MARKER in text:
+            kept = text[text.index(MARKER):]
+    relay_plot.write(results, bench_dir / 'relay.svg')
+    aim_rows = [[aim, measured, 'met' if met else '**not met**'] for aim, measured, met in aims(results)]
+    parts = [
+        '# Benchmarks: the host beside the floor and a typical host\n',
+        'Written by `scripts/bench`%s on %s at commit %s ("%s"), in %.0f s.\n'
+        % (' --quick (a smoke test: too few rounds to quote)' if context.quick else '', info['date'],
+           info['commit'], info['subject'], context.seconds),
+        'Machine: %s, %d cores, %s, %s of memory; load average %.2f before the run, %.2f after. '
+        'Built in Release mode (-O3, plus -g for the profiler) with %s; typical host on %s.\n'
+        % (info['cpu'], info['cores'], info['kernel'], info['memory'], context.load_before[0],
+           context.load_after[0], info['compiler'], info['python']),
+        'Programs: **host** is `kerrow-native-messaging-host` as shipped, logging as in production '
+        '(a log file under a temporary `XDG_STATE_HOME`); **floor** is `bench/baselines/floor_relay.cc`, '
+        'the smallest correct relay in C++ (same framing on both sides, the `kerrow.tabList` suffix, '
+        'commands turned into the same frames; no log, no JSON library, no bus); **typical** is '
+        '`bench/baselines/typical_host.py`, the same relay in plain Python 3 as such hosts are usually '
+        'written, logging the same lines with the logging module; **bare** is '
+        '`bench/baselines/bare_bus_post.cc`, which only opens the session bus and posts one signal.\n',
+        'Each cell is the median over the rounds with the range (min–max) in brackets. Rounds '
+        'interleave the programs (the order rotates each round) and every ratio is taken within '
+        'a round, so that the machine\'s drift falls on both sides of it.\n',
+        '## Aims\n', table(['aim', 'measured', ''], aim_rows),
+        '## Relay, extension → core service\n',
+        'Frames written to standard input as fast as the program takes them, each read back at the '
+        'core service (length and suffix checked; the first byte for byte). CPU is the program\'s '
+        'own (all its threads, from /proc/<pid>/task/*/schedstat) during the run.\n',
+        relay_section(results), '\n![Relay figures](relay.svg)\n',
+        '## Commands, core service → extension\n',
+        'Commands written to the program\'s socket as fast as it takes them; every frame on its '
+        'standard output is checked. `websiteList` is an allow list of 1,000 sites (21 KB).\n',
+        commands_section(results),
+        '## Start-up\n',
+        'Process start is the moment before `posix_spawn`; the announcement and the device-twin '
+        'request are the moments the driver (on the same private bus, as the core service) '
+        'receives them. The floor has no bus: it connects at once.\n',
+        startup_section(results),
+        '## Footprint\n',
+        'All three side by side, each in its own session. Idle: nothing happens for the window. '
+        'Outage: the core service closes its connection and removes its socket for the window (the '
+        'programs try to reconnect). Wake-ups are context switches summed over threads.\n',
+        footprint_section(results),
+        '## Micro-benchmarks (Google Benchmark, bench/micro)\n',
+        micro_section(micro),
+        '## How to run\n',
+        '`scripts/bench` (about five minutes on two cores; `--quick` for a smoke test, '
+        '`--profile` to add callgrind profiles of the host under `build-bench/profile/`). The '
+        'raw results of the last run are in `build-bench/bench/raw.jsonl`.\n',
+        kept,
+    ]
+    results_file.write_text('\n'.join(part.rstrip('\n') + '\n' for part in parts))

@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+"""Runs every benchmark of bench/ and writes bench/results.md and bench/relay.svg.
+
+The host, the floor (baselines/floor_relay.cc) and the typical host (baselines/typical_host.py)
+are measured by kerrow-bench-driver in the same run, interleaved: each round measures every
+program once per figure, in an order that rotates from round to round, so that a slow spell of the
+machine touches all of them alike. Ratios are taken within a round and then summarised.
+
+Usage: bench/run.py --build BUILD_DIR [--quick] [--profile]
+  --quick    fewer rounds and shorter windows (a smoke test, not for the record)
+  --profile  also run the host under callgrind (relay and commands) into BUILD_DIR/profile/
+Standard library only.
+"""
+import argparse
+import json
+import os
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import report
+
+REPOSITORY = Path(__file__).resolve().parent.parent
+PYTHON = '/usr/bin/python3' if os.path.exists('/usr/bin/python3') else sys.executable
+
+
+class Plan:
+    """How much of each figure to measure."""
+
+    def __init__(self, quick):
+        self.rounds = 2 if quick else 5
+        # Frames per run by body size, for the C++ programs and for the (slower) Python one: each
+        # run lasts a few tenths of a second; rates are compared, not totals.
+        self.relay_frames = {64: (40000, 10000), 1024: (40000, 10000), 65536: (5000, 1000),
+                             1048576: (100, 50)}
+        self.command_counts = {'closeTab': 5000, 'websiteList': 500}
+        self.latency_rounds = 1 if quick else 3
+        self.latency_count = 600 if quick else 1600
+        self.latency_warm_up = 100
+        self.startup_rounds = 5 if quick else 15
+        self.footprint_frames = 100000
+        self.footprint_window_ms = 2000 if quick else 10000
+        self.micro_min_time = '0.05' if quick else '0.2'
+        self.micro_repetitions = 1 if quick else 3
+
+
+def programs(build):
+    bin_dir = build / 'bin'
+    return {
+        'host': 'host=host:%s,chrome-extension://kerrow/' % (bin_dir / 'kerrow-native-messaging-host'),
+        'floor': 'floor=floor:%s' % (bin_dir / 'kerrow-bench-floor'),
+        'typical': 'typical=typical:%s,%s' % (PYTHON, REPOSITORY / 'bench' / 'baselines' / 'typical_host.py'),
+        'bare': 'bare=bare:%s' % (bin_dir / 'kerrow-bench-bare-bus'),
+    }
+
+
+def rotated(items, round_index):
+    shift = round_index % len(items)
+    return items[shift:] + items[:shift]
+
+
+class Runner:
+    def __init__(self, build, raw_file):
+        self.driver = str(build / 'bin' / 'kerrow-bench-driver')
+        self.programs = programs(build)
+        self.raw = raw_file
+        self.results = []
+
+    def measure(self, figure, names, round_index, **options):
+        command = [self.driver, figure]
+        for name in names:
+            command += ['--program', self.programs[name]]
+        for key, value in options.items():
+            command += ['--' + key.replace('_', '-'), str(value)]
+        done = subprocess.run(command, capture_output=True, text=True)
+        if done.returncode != 0:
+            raise SystemExit('bench: %s failed:\n%s' % (' '.join(command), done.stderr))
+        for line in done.stdout.splitlines():
+            result = json.loads(line)
+            result['round'] = round_index
+            self.raw.write(json.dumps(result) + '\n')
+            self.results.append(result)
+
+    def relay(self, plan):
+        for round_index in range(plan.rounds):
+            for size, (frames, python_frames) in plan.relay_frames.items():
+                for name in rotated(['host', 'floor', 'typical'], round_index):
+                    self.measure('relay', [name], round_index, size=size,
+                                 frames=python_frames if name == 'typical' else frames)
+            print('bench: relay round %d of %d done' % (round_index + 1, plan.rounds), flush=True)
+
+    def commands(self, plan):
+        for round_index in range(plan.rounds):
+            for command, count in plan.command_counts.items():
+                for name in rotated(['host', 'floor', 'typical'], round_index):
+                    self.measure('commands', [name], round_index, command=command, count=count,
+                                 sites=1000)
+        print('bench: command rate done', flush=True)
+        for round_index in range(plan.latency_rounds):
+            for name in rotated(['host', 'floor', 'typical'], round_index):
+                self.measure('latency', [name], round_index, rate=1000, count=plan.latency_count,
+                             warm_up=plan.latency_warm_up)
+        print('bench: command latency done', flush=True)
+
+    def startup(self, plan):
+        for round_index in range(plan.startup_rounds):
+            for name in rotated(['host', 'bare', 'floor', 'typical'], round_index):
+                self.measure('startup', [name], round_index)
+        print('bench: start-up done', flush=True)
+
+    def footprint(self, plan):
+        self.measure('footprint', ['host', 'floor', 'typical'], 0, frames=plan.footprint_frames,
+                     window_ms=plan.footprint_window_ms, timeout_ms=120000)
+        print('bench: footprint done', flush=True)
+
+
+def micro_benchmarks(build, plan, out_file):
+    binary = build / 'bin' / 'kerrow-micro-benchmarks'
+    subprocess.run([str(binary), '--benchmark_format=console', '--benchmark_out_format=json',
+                    '--benchmark_out=%s' % out_file, '--benchmark_min_time=%s' % plan.micro_min_time,
+                    '--benchmark_repetitions=%d' % plan.micro_repetitions,
+                    '--benchmark_report_aggregates_only=true'], check=True)
+    with open(out_file) as micro:
+        return json.load(micro)
+
+
+def profile(build, runner):
+    """The host under callgrind: 20,000 relayed 1 KiB frames, then 5,000 close-tab commands."""
+    directory = build / 'profile'
+    directory.mkdir(exist_ok=True)
+    for name, figure, options in (('relay', 'relay', {'size': 1024, 'frames': 20000}),
+                                  ('commands', 'commands', {'command': 'closeTab', 'count': 5000})):
+        out = directory / ('host-%s.callgrind' % name)
+        wrapper = 'valgrind,--tool=callgrind,--callgrind-out-file=%s' % out
+        runner.measure(figure, ['host'], 0, wrapper=wrapper, timeout_ms=600000, **options)
+        with open(directory / ('host-%s.txt' % name), 'w') as summary:
+            subprocess.run(['callgrind_annotate', '--inclusive=yes', str(out)], stdout=summary,
+                           check=True)
+        print('bench: profile of the %s written to %s' % (name, directory), flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument('--build', required=True, type=Path)
+    parser.add_argument('--quick', action='store_true')
+    parser.add_argument('--profile', action='store_true')
+    arguments = parser.parse_args()
+    build = arguments.build.resolve()
+    plan = Plan(arguments.quick)
+    bench_out = build / 'bench'
+    bench_out.mkdir(exist_ok=True)
+
+    load_before = os.getloadavg()
+    started = time.time()
+    with open(bench_out / 'raw.jsonl', 'w') as raw:
+        runner = Runner(build, raw)
+        runner.relay(plan)
+        runner.commands(plan)
+        runner.startup(plan)
+        runner.footprint(plan)
+        micro = micro_benchmarks(build, plan, bench_out / 'micro.json')
+        if arguments.profile:
+            profile(build, Runner(build, raw))
+    context = report.Context(
+        repository=REPOSITORY, build=build, python=PYTHON, quick=arguments.quick,
+        load_before=load_before, load_after=os.getloadavg(), seconds=time.time() - started)
+    report.write(runner.results, micro, context, REPOSITORY / 'bench')
+    print('bench: wrote bench/results.md and bench/relay.svg (%.0f s)' % context.seconds)
+
+
+if __name__ == '__main__':
+    main()
