@@ -1,0 +1,21 @@
+// Connects to the native messaging host as soon as the browser starts the extension, sends one
+// tab list, and reports every message the host writes back through the same port, so that the
+// test's core service sees both directions.
+"use strict";
+
+const hostName = "com.kerrowsoftware.native_messaging_host";
+const port = chrome.runtime.connectNative(hostName);
+
+port.onMessage.addListener((message) => {
+  port.postMessage({ type: "received", message });
+});
+
+port.onDisconnect.addListener(() => {
+  const error = chrome.runtime.lastError;
+  console.error("native port closed", error ? error.message : "");
+});
+
+port.postMessage({
+  type: "tabList",
+  tabs: [{ id: 42, title: "Caf\u00e9 \u2615 \u65e5\u672c", url: "https://a.example/path?q=1" }],
+});
