@@ -54,6 +54,7 @@ BrowserPeer::BrowserPeer(BrowserPeerOptions options)
             [this](std::string line) { lineArrived(std::move(line), ++linesRead_); },
             [this](const std::string& message) { fail(linesRead_ + 1, message); },
             [this] {
+                console_.endPrompt();
                 inputEnded_ = true;
                 schedule();
             }});

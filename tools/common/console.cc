@@ -46,6 +46,13 @@ void Console::write(int descriptor, std::string_view line) {
     }
 }
 
+void Console::endPrompt() {
+    if (promptShown_) {
+        writeAll(STDERR_FILENO, "\r\x1b[K");
+        promptShown_ = false;
+    }
+}
+
 void Console::prompt() {
     if (interactive_ && !promptShown_) {
         writeAll(STDERR_FILENO, prompt_);

@@ -25,6 +25,8 @@ class Console {
     void prompt();
     /// The person ended a line: the prompt on screen has been used up.
     void promptUsed() { promptShown_ = false; }
+    /// The input has ended: the prompt on screen goes away for good.
+    void endPrompt();
 
   private:
     void write(int descriptor, std::string_view line);

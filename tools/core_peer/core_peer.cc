@@ -95,6 +95,7 @@ CorePeer::CorePeer(CorePeerOptions options, std::vector<ScriptEntry> script)
                 [this](std::string line) { lineArrived(std::move(line)); },
                 [this](const std::string& message) { fail(linesRead_ + 1, message); },
                 [this] {
+                    console_.endPrompt();
                     inputEnded_ = true;
                     schedule();
                 }});
