@@ -1,0 +1,96 @@
+// The real host under Valgrind's memcheck (started through host-under-valgrind): a session that
+// touches every path of the host must end with exit status 0, which memcheck turns into 99 on
+// any memory error or definite or indirect leak. The report of each run is kept in
+// KERROW_MEMCHECK_LOGS/<pid>.log and quoted on failure.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/e2e/host_session.h"
+#include "tests/faults/fault_support.h"
+
+namespace kerrow::test {
+namespace {
+
+// Memcheck runs the host some twenty to fifty times slower; every wait is stretched to match.
+constexpr Duration slow = 60'000ms;
+
+std::string report(pid_t pid) {
+    return readFile(std::filesystem::path(KERROW_MEMCHECK_LOGS) / (std::to_string(pid) + ".log"));
+}
+
+class MemcheckTest : public ::testing::Test {
+  protected:
+    std::optional<CoreConnection> start() {
+        session.launch();
+        if (!session.waitForAnnouncement(slow)) {
+            return std::nullopt;
+        }
+        auto connection = session.answer(slow);
+        if (connection) {
+            EXPECT_EQ(connection->receive(slow), "kerrow.updateDeviceTwin");
+        }
+        return connection;
+    }
+
+    void expectCleanExit() {
+        session.host().closeInput();
+        const auto status = session.host().waitForExit(slow);
+        const std::string text = report(session.host().pid());
+        EXPECT_EQ(status, 0) << text;
+        EXPECT_NE(text.find("ERROR SUMMARY: 0 errors"), std::string::npos) << text;
+    }
+
+    HostSession session;
+};
+
+TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
+    auto connection = start();
+    ASSERT_TRUE(connection) << session.log() << session.standardError();
+    for (int i = 0; i < 50; ++i) {
+        session.host().send(R"({"tabs":[)" + std::to_string(i) + "]}");
+        EXPECT_EQ(connection->receive(slow),
+                  R"({"tabs":[)" + std::to_string(i) + "]}kerrow.tabList");
+    }
+    for (const std::string command :
+         {"kerrow.closeTab-42", "kerrow.closeTab-abc", "kerrow.disableInternetSchool/hours",
+          "kerrow.enableInternet",
+          R"(kerrow.websiteList{"name":"n","websites":["a.example"],"listType":0})",
+          R"(kerrow.websiteList{"name":"n","websites":["b.example"],"listType":1})",
+          R"(kerrow.websiteList{"name":"n","websites":[],"listType":9})", "kerrow.websiteList[",
+          "\xFF\xFE"}) {
+        connection->send(command);
+    }
+    connection->send("kerrow.closeTab-43");
+    for (int frames = 0;; ++frames) {
+        const auto next = session.host().receive(slow);
+        ASSERT_TRUE(next) << "after " << frames << " frames\n" << session.log();
+        if (*next == R"({"action":"closeTab","payload":{"id":43}})") {
+            break;
+        }
+    }
+
+    connection->close();  // the host reconnects
+    auto second = session.core().accept(slow);
+    ASSERT_TRUE(second) << session.log();
+    session.postStart();  // and starts again, retiring the service and channel it has
+    auto third = session.core().accept(slow);
+    ASSERT_TRUE(third) << session.log();
+    EXPECT_EQ(third->receive(slow), "kerrow.updateDeviceTwin");
+    session.host().send("last");
+    EXPECT_EQ(third->receive(slow), "lastkerrow.tabList");
+    expectCleanExit();
+}
+
+TEST_F(MemcheckTest, EndsCleanlyWhileRetryingAMissingCoreService) {
+    auto connection = start();
+    ASSERT_TRUE(connection) << session.log() << session.standardError();
+    session.stopCore();
+    connection->close();
+    session.host().send("nobody listens");
+    ASSERT_TRUE(session.waitForLog("info Sending Tab Data to Browser Messaging", slow));
+    expectCleanExit();
+}
+
+}  // namespace
+}  // namespace kerrow::test
