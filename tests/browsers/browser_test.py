@@ -251,7 +251,7 @@ class Scenario:
             self.core.close()
         leftovers = self.processes.close()
         if leftovers:
-            print("ended at the close: " + "; ".join(leftovers))
+            print("browser helpers killed at the close: " + "; ".join(leftovers))
         if keep:
             print(f"run folder kept: {self.folder.root}")
         else:

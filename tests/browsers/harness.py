@@ -179,12 +179,14 @@ class ProcessGroup:
                 self._kill_group(process.pid)
         leftovers = []
         for pid in self.descendants():
-            if process_state(pid) not in (None, "Z"):
-                leftovers.append(f"{pid} {' '.join(process_command_line(pid))[:120]}")
-                try:
-                    os.kill(pid, signal.SIGKILL)
-                except ProcessLookupError:
-                    pass
+            if process_state(pid) in (None, "Z"):
+                continue
+            command = " ".join(process_command_line(pid))[:100]
+            try:
+                os.kill(pid, signal.SIGKILL)
+            except ProcessLookupError:
+                continue
+            leftovers.append(f"{pid} {command}")
         for process in self.started:
             try:
                 process.wait(timeout=10)
