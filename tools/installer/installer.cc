@@ -238,6 +238,10 @@ std::vector<Target> selectTargets(const Options& options, const Environment& env
 
 int run(const Options& options, const Environment& environment, std::ostream& out,
         std::ostream& err) {
+    if (options.scope == Scope::user && !environment.home.is_absolute()) {
+        err << "HOME is not an absolute path; use --system or --user-data-dir\n";
+        return 2;
+    }
     switch (options.action) {
         case Action::install:
             return install(options, environment, out, err);

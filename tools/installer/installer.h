@@ -14,6 +14,7 @@ namespace kerrow::installer {
 
 /// What the installer takes from its process environment.
 struct Environment {
+    /// $HOME; empty when it is unset (the current user's folders are then unknown).
     std::filesystem::path home;
     /// $XDG_CONFIG_HOME when it is set and absolute.
     std::optional<std::filesystem::path> configHome;

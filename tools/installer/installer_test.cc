@@ -46,7 +46,9 @@ class InstallerTest : public ::testing::Test {
                     const std::map<std::string, std::string>& extraEnvironment = {}) {
         std::map<std::string, std::string> environment{{"HOME", home_.string()},
                                                        {"PATH", "/usr/bin:/bin"}};
-        environment.insert(extraEnvironment.begin(), extraEnvironment.end());
+        for (const auto& [name, value] : extraEnvironment) {
+            environment[name] = value;
+        }
         const fs::path errorFile = directory_.path() / "stderr";
         fs::remove(errorFile);
         test::HostProcess process(KERROW_INSTALLER_BINARY, arguments, environment, errorFile);
@@ -180,6 +182,10 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
         EXPECT_THAT(outcome.err, HasSubstr(message));
     }
     EXPECT_FALSE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts"));
+
+    const auto homeless = install(withIds({}), {{"HOME", "home"}});
+    EXPECT_EQ(homeless.status, 2);
+    EXPECT_THAT(homeless.err, HasSubstr("HOME is not an absolute path"));
 }
 
 TEST_F(InstallerTest, SharedSystemFolderStaysWhenOnlyOneOfItsBrowsersIsRemoved) {

@@ -17,7 +17,9 @@ constexpr std::string_view programName = "kerrow-native-messaging-host-install";
 kerrow::installer::Environment processEnvironment() {
     kerrow::installer::Environment environment;
     const char* const home = std::getenv("HOME");  // NOLINT(concurrency-mt-unsafe)
-    environment.home = home != nullptr ? home : "/";
+    if (home != nullptr) {
+        environment.home = home;
+    }
     const char* const configHome = std::getenv("XDG_CONFIG_HOME");  // NOLINT(concurrency-mt-unsafe)
     if (configHome != nullptr && configHome[0] == '/') {
         environment.configHome = configHome;
