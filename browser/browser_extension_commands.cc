@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "browser/browser_extension_io.h"
-#include "kit/utf8.h"
 #include "kit/website_list.h"
 #include "model/json_text.h"
 #include "model/native_host_message.h"
@@ -40,13 +39,14 @@ NativeHostMessage listMessage(WebsiteList::ListType kind, std::vector<std::strin
 }  // namespace
 
 std::optional<std::string> BrowserExtensionIO::DisableInternet::toJSONString() const {
-    if (!isValidUTF8(action) || !isValidUTF8(payload)) {
+    std::string json = "{\"action\":";
+    if (!appendJSONString(json, action)) {
         return std::nullopt;
     }
-    std::string json = "{\"action\":";
-    appendJSONString(json, action);
     json += ",\"payload\":";
-    appendJSONString(json, payload);
+    if (!appendJSONString(json, payload)) {
+        return std::nullopt;
+    }
     json += '}';
     return json;
 }

@@ -17,9 +17,9 @@ class CommandTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
+        outputHandle = std::make_shared<FileHandle>(output.releaseWriteEnd());
         channel = std::make_shared<BrowserExtensionIO>(
-            std::make_shared<FileHandle>(::dup(input.readEnd())),
-            std::make_shared<FileHandle>(output.releaseWriteEnd()));
+            std::make_shared<FileHandle>(::dup(input.readEnd())), outputHandle);
     }
 
     // Every frame written so far, as bodies.
@@ -39,6 +39,7 @@ class CommandTest : public ::testing::Test {
     test::TemporaryDirectory directory;
     test::Pipe input;
     test::Pipe output;
+    std::shared_ptr<FileHandle> outputHandle;
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
@@ -144,7 +145,7 @@ TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
 
 TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {
     // Two channels on one output handle, as after a repeated start, writing at once.
-    const auto sharedOutput = std::make_shared<FileHandle>(::dup(output.writeEnd()));
+    const auto sharedOutput = outputHandle;
     auto first = std::make_shared<BrowserExtensionIO>(
         std::make_shared<FileHandle>(::dup(input.readEnd())), sharedOutput);
     auto second = std::make_shared<BrowserExtensionIO>(

@@ -121,9 +121,10 @@ TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
     EXPECT_EQ(textView(inputHandle->readDataOfLength(4)), "\x06\0\0\0"s);
 }
 
-// The stop path ends the process, so it runs in a child: frames, then end of input.
+// The stop path ends the process, so it runs in a forked child: frames, then end of input. The
+// child is forked at EXPECT_EXIT (no re-execution), so it shares the directory made here.
 TEST(RelayStop, EndOfInputLogsFlushesAndExitsWithStatusZero) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, "fast");
     test::TemporaryDirectory directory;
     const auto logFile = directory.path() / "kerrow" / "native-messaging-host.log";
     EXPECT_EXIT(

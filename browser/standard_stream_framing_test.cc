@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "tests/support/test_support.h"
 
 namespace kerrow {
@@ -14,21 +16,28 @@ using test::Pipe;
 std::vector<std::string> framesOf(const std::string& bytes) {
     Pipe pipe;
     FileHandle input(pipe.releaseReadEnd());
-    test::writeAll(pipe.writeEnd(), bytes);
-    pipe.closeWriteEnd();
+    std::thread writer([&] {  // more than a pipe holds must be written while we read
+        test::writeAll(pipe.writeEnd(), bytes);
+        pipe.closeWriteEnd();
+    });
     std::vector<std::string> bodies;
     while (const auto body = readFrame(input)) {
         bodies.emplace_back(textView(*body));
     }
+    writer.join();
     return bodies;
 }
 
 std::string written(std::string_view body) {
     Pipe pipe;
     FileHandle output(pipe.releaseWriteEnd());
-    writeFrame(output, body);
-    output.closeFile();
-    return test::readToEnd(pipe.readEnd());
+    std::thread writer([&] {
+        writeFrame(output, body);
+        output.closeFile();
+    });
+    auto bytes = test::readToEnd(pipe.readEnd());
+    writer.join();
+    return bytes;
 }
 
 TEST(StandardStreamReading, ReadsBackToBackFramesUntilEndOfInput) {

@@ -22,9 +22,13 @@ HostSession::HostSession()
 
 HostSession::~HostSession() = default;
 
-void HostSession::startCore() { core_.emplace(socketPath()); }
+void HostSession::startCore() {
+    core_.emplace(socketPath());
+}
 
-std::filesystem::path HostSession::socketPath() const { return runtime_ / "kerrow" / "browser.sock"; }
+std::filesystem::path HostSession::socketPath() const {
+    return runtime_ / "kerrow" / "browser.sock";
+}
 
 std::filesystem::path HostSession::logFile() const {
     return state_ / "kerrow" / "native-messaging-host.log";
@@ -43,15 +47,18 @@ void HostSession::launch(const std::vector<std::string>& arguments) {
 }
 
 bool HostSession::waitForAnnouncement(Duration timeout) {
-    return client_.waitForSignal(std::string(NotificationName::nativeMessagingHostDidFinishLaunching),
-                                 timeout);
+    return client_.waitForSignal(
+        std::string(NotificationName::nativeMessagingHostDidFinishLaunching), timeout);
 }
 
 int HostSession::announcementCount() {
-    return client_.signalCount(std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
+    return client_.signalCount(
+        std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
 }
 
-void HostSession::postStart() { client_.post(std::string(NotificationName::startCoreHostServices)); }
+void HostSession::postStart() {
+    client_.post(std::string(NotificationName::startCoreHostServices));
+}
 
 std::optional<CoreConnection> HostSession::answer(Duration timeout) {
     postStart();
@@ -73,9 +80,13 @@ std::optional<CoreConnection> HostSession::start() {
     return connection;
 }
 
-std::string HostSession::log() const { return readFile(logFile()); }
+std::string HostSession::log() const {
+    return readFile(logFile());
+}
 
-std::vector<std::string> HostSession::logMessages() const { return test::logMessages(logFile()); }
+std::vector<std::string> HostSession::logMessages() const {
+    return test::logMessages(logFile());
+}
 
 bool HostSession::waitForLog(std::string_view message, Duration timeout) const {
     return waitUntil(
@@ -86,6 +97,8 @@ bool HostSession::waitForLog(std::string_view message, Duration timeout) const {
         timeout);
 }
 
-std::string HostSession::standardError() const { return readFile(directory_.path() / "stderr"); }
+std::string HostSession::standardError() const {
+    return readFile(directory_.path() / "stderr");
+}
 
 }  // namespace kerrow::test

@@ -63,8 +63,8 @@ HostProcess::HostProcess(const std::filesystem::path& binary,
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    const int error = ::posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(),
-                                    envp.data());
+    const int error =
+        ::posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(), envp.data());
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
@@ -91,7 +91,9 @@ HostProcess::~HostProcess() {
     }
 }
 
-void HostProcess::send(std::string_view body) { sendRaw(frame(body)); }
+void HostProcess::send(std::string_view body) {
+    sendRaw(frame(body));
+}
 
 void HostProcess::sendRaw(std::string_view bytes) {
     ASSERT_GE(input_, 0) << "standard input already closed";
