@@ -24,6 +24,10 @@ void AppDelegate::applicationDidFinishLaunching() {
     }
 }
 
+void AppDelegate::applicationWillTerminate() {
+    Logger::flushAll();
+}
+
 void AppDelegate::startCoreHostServices() {
     retirePreviousServices();
     socketHelper =

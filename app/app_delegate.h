@@ -42,6 +42,9 @@ class AppDelegate final : public ApplicationDelegate {
     AppDelegate& operator=(const AppDelegate&) = delete;
 
     void applicationDidFinishLaunching() override;
+    /// SIGTERM or SIGINT (the session or a person ending the host): writes out the log, nothing
+    /// else. The host's own end is at end of standard input.
+    void applicationWillTerminate() override;
 
     /// The start sequence, run on every delivery of the start notification.
     void startCoreHostServices();

@@ -37,10 +37,10 @@ DispatchQueue::~DispatchQueue() {
 }
 
 void DispatchQueue::async(std::function<void()> work) {
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->items.push_back(std::move(work));
-    }
+    // Notified under the lock: once it is released, the item may already have run and destroyed
+    // this queue, so nothing of `this` may be touched after it.
+    const std::lock_guard lock(state_->mutex);
+    state_->items.push_back(std::move(work));
     state_->wake.notify_one();
 }
 
