@@ -9,8 +9,8 @@ and listens at the host's browser socket. The run passes when
   - the extension's tab list reaches the core service with the kerrow.tabList suffix, unchanged;
   - the core service's kerrow.closeTab-42 reaches the extension as a closeTab message, which the
     extension sends back and the core service sees;
-  - the browser started the installed host with the arguments it documents, and the host ended
-    once the browser had ended.
+  - the browser started the installed host with the arguments it documents, and the host ended,
+    with status 0 where its status can be seen, once the browser had ended.
 
 Usage: browser_test.py {chromium,firefox} --host PATH --installer PATH [--keep]
 Exit status 0 when the run passes, 1 when it fails (with the browser's and the host's logs).
@@ -226,6 +226,10 @@ class Scenario:
         self.mark("browser ended")
         wait_until(lambda: process_state(connection.peer_pid) in (None, "Z"), 10,
                    f"the host (pid {connection.peer_pid}) to end after the browser ended")
+        status = self.processes.exit_status(connection.peer_pid)
+        if status not in (None, 0):
+            raise TestFailure(f"the host ended with status {status} when the browser closed "
+                              "its standard input")
         self.mark("host ended")
 
     def check_host_process(self, pid: int) -> None:

@@ -196,6 +196,16 @@ class ProcessGroup:
         return leftovers
 
     @staticmethod
+    def exit_status(pid: int) -> Optional[int]:
+        """The exit status of an ended descendant that this process adopted (minus the signal
+        number when a signal ended it), or None when its own parent collected it."""
+        try:
+            reaped, status = os.waitpid(pid, os.WNOHANG)
+        except ChildProcessError:
+            return None
+        return os.waitstatus_to_exitcode(status) if reaped == pid else None
+
+    @staticmethod
     def reap() -> None:
         """Collects the exit status of every ended, adopted descendant."""
         while True:
