@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +20,7 @@ namespace kerrow::bench {
 struct RunSettings {
     std::vector<std::string> wrapper;  // prefixed to each program's argv (valgrind, for one)
     std::chrono::milliseconds timeout{60'000};
+    std::filesystem::path memoryMaps;  // where the footprint keeps memory maps; empty: nowhere
 };
 
 /// Relay extension -> core service: `frames` bodies of `bodySize` bytes written to standard input

@@ -1,5 +1,7 @@
 // Footprint: memory and threads, CPU while idle, CPU while the core service is away.
 // The programs run side by side so that the two long windows are spent once for all of them.
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <thread>
 
@@ -17,6 +19,22 @@ std::vector<ProcessSample> sampleAll(std::vector<std::unique_ptr<BenchSession>>&
     return samples;
 }
 
+// Keeps each program's memory map (/proc/<pid>/smaps) as <directory>/<name>-<moment>.smaps, for
+// reading where its resident pages are.
+void keepMemoryMaps(std::vector<std::unique_ptr<BenchSession>>& sessions,
+                    const std::vector<Program>& programs, const std::filesystem::path& directory,
+                    std::string_view moment) {
+    if (directory.empty()) {
+        return;
+    }
+    for (std::size_t i = 0; i < sessions.size(); ++i) {
+        // /proc files tell no size, so they are copied by reading, not with copy_file().
+        std::ifstream map("/proc/" + std::to_string(sessions[i]->child().pid()) + "/smaps");
+        std::ofstream(directory / (programs[i].name + "-" + std::string(moment) + ".smaps"))
+            << map.rdbuf();
+    }
+}
+
 }  // namespace
 
 std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std::size_t frames,
@@ -29,10 +47,12 @@ std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std
         sessions.back()->start(program, deadline, settings.wrapper);
     }
     const auto started = sampleAll(sessions);
+    keepMemoryMaps(sessions, programs, settings.memoryMaps, "start");
     for (const auto& session : sessions) {
         relay(*session, extensionMessage(1024), frames, deadline);
     }
     const auto relayed = sampleAll(sessions);
+    keepMemoryMaps(sessions, programs, settings.memoryMaps, "relayed");
 
     // Nothing happens for one window: any CPU time now is the program's own doing.
     std::this_thread::sleep_for(window);

@@ -6,7 +6,8 @@
 //   N] kerrow-bench-driver latency   --program SPEC --rate PER_S --count N [--warm-up N]
 //   kerrow-bench-driver startup   --program SPEC
 //   kerrow-bench-driver footprint --program SPEC [--program SPEC ...] --frames N --window-ms MS
-// Common: --wrapper argv0,argv1,... (prefixed to each program), --timeout-ms MS.
+// Common: --wrapper argv0,argv1,... (prefixed to each program), --timeout-ms MS; footprint:
+// --memory-maps DIR keeps each program's /proc/<pid>/smaps after start-up and after the relay.
 // SPEC is name=kind:argv0,argv1,... with kind host, floor, typical or bare.
 #include <sys/prctl.h>
 
@@ -77,6 +78,9 @@ std::vector<kerrow::bench::JsonLine> run(const Arguments& arguments) {
         settings.wrapper = splitCommas(arguments.text("wrapper"));
     }
     settings.timeout = std::chrono::milliseconds(arguments.number("timeout-ms", "60000"));
+    if (arguments.options.contains("memory-maps")) {
+        settings.memoryMaps = arguments.text("memory-maps");
+    }
     std::vector<Program> programs;
     const auto [first, last] = arguments.options.equal_range("program");
     for (auto it = first; it != last; ++it) {
