@@ -126,11 +126,14 @@ def micro_benchmarks(build, plan, out_file):
 
 
 def profile(build, runner):
-    """The host under callgrind: 20,000 relayed 1 KiB frames, then 5,000 close-tab commands."""
+    """The host under callgrind: 20,000 relayed 1 KiB frames, 5,000 close-tab commands and 300
+    allow lists of 1,000 sites, each with its summary (callgrind_annotate --inclusive=yes)."""
     directory = build / 'profile'
     directory.mkdir(exist_ok=True)
-    for name, figure, options in (('relay', 'relay', {'size': 1024, 'frames': 20000}),
-                                  ('commands', 'commands', {'command': 'closeTab', 'count': 5000})):
+    for name, figure, options in (
+            ('relay', 'relay', {'size': 1024, 'frames': 20000}),
+            ('close-tab', 'commands', {'command': 'closeTab', 'count': 5000}),
+            ('website-list', 'commands', {'command': 'websiteList', 'count': 300, 'sites': 1000})):
         out = directory / ('host-%s.callgrind' % name)
         wrapper = 'valgrind,--tool=callgrind,--callgrind-out-file=%s' % out
         runner.measure(figure, ['host'], 0, wrapper=wrapper, timeout_ms=600000, **options)
