@@ -31,9 +31,9 @@ constexpr std::chrono::milliseconds longestRetryDelay = 1s;
 constexpr std::chrono::milliseconds connectPatience = 10s;
 
 // Bytes asked of the kernel by one read; the inbound buffer grows by at most this much per read.
-constexpr std::size_t readChunk = 64 * 1024;
+constexpr std::size_t readChunk = std::size_t{64} * 1024;
 // After a large frame the buffer gives its memory back once it holds no more than this.
-constexpr std::size_t retainedCapacity = 1024 * 1024;
+constexpr std::size_t retainedCapacity = std::size_t{1024} * 1024;
 
 constexpr std::size_t headerLength = 4;
 

@@ -63,7 +63,7 @@ class SocketFrameError : public std::runtime_error {
 
 class SocketHelper {
   public:
-    static constexpr std::size_t maximumFrameLength = 64 * 1024 * 1024;
+    static constexpr std::size_t maximumFrameLength = std::size_t{64} * 1024 * 1024;
 
     /// Throws std::system_error only when the process has no descriptor left for its eventfd.
     SocketHelper(SocketType type, std::string path);
