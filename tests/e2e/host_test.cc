@@ -2,6 +2,7 @@
 // core service listening at the browser socket location, and the host's standard input and output
 // as pipes, exactly as a browser and the core service see it.
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <string>
@@ -238,6 +239,18 @@ TEST_F(HostTest, EndOfInputBeforeTheAnswerKeepsTheHostWaiting) {
     EXPECT_FALSE(session.host().waitForExit(300ms)) << "read standard input before the answer";
     session.postStart();
     EXPECT_EQ(session.host().waitForExit(), 0);
+}
+
+TEST_F(HostTest, SigtermEndsTheHostWithStatusZeroAndItsLogWritten) {
+    auto connection = session.start();
+    ASSERT_TRUE(connection);
+    session.host().send("before the end");
+    EXPECT_EQ(connection->receive(), "before the endkerrow.tabList");
+    ::kill(session.host().pid(), SIGTERM);
+    EXPECT_EQ(session.host().waitForExit(), 0);
+    // Written out at once, not by the next periodic flush, which never comes.
+    const auto lines = session.logMessages();
+    EXPECT_NE(std::find(lines.begin(), lines.end(), sendingLine), lines.end()) << session.log();
 }
 
 }  // namespace
