@@ -35,6 +35,28 @@ void keepMemoryMaps(std::vector<std::unique_ptr<BenchSession>>& sessions,
     }
 }
 
+// Samples every program through `window` and returns what was last seen of each thread, so that a
+// thread that ends inside the window (a reconnecting thread that gives up) still counts.
+std::vector<ProcessSample> watch(std::vector<std::unique_ptr<BenchSession>>& sessions,
+                                 std::chrono::milliseconds window) {
+    constexpr auto interval = std::chrono::milliseconds(100);
+    const auto end = Clock::now() + window;
+    std::vector<ProcessSample> seen = sampleAll(sessions);
+    while (Clock::now() < end) {
+        std::this_thread::sleep_for(std::min<Clock::duration>(interval, end - Clock::now()));
+        const auto latest = sampleAll(sessions);
+        for (std::size_t i = 0; i < seen.size(); ++i) {
+            for (const auto& [id, thread] : latest[i].threadsById) {
+                seen[i].threadsById[id] = thread;  // ended threads keep their last values
+            }
+            seen[i].residentKiB = latest[i].residentKiB;
+            seen[i].privateKiB = latest[i].privateKiB;
+            seen[i].threads = latest[i].threads;
+        }
+    }
+    return seen;
+}
+
 }  // namespace
 
 std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std::size_t frames,
@@ -55,14 +77,12 @@ std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std
     keepMemoryMaps(sessions, programs, settings.memoryMaps, "relayed");
 
     // Nothing happens for one window: any CPU time now is the program's own doing.
-    std::this_thread::sleep_for(window);
-    const auto idle = sampleAll(sessions);
+    const auto idle = watch(sessions, window);
 
     for (const auto& session : sessions) {
         session->stopCore();
     }
-    std::this_thread::sleep_for(window);
-    const auto outage = sampleAll(sessions);
+    const auto outage = watch(sessions, window);
 
     std::vector<JsonLine> lines;
     for (std::size_t i = 0; i < programs.size(); ++i) {
