@@ -14,6 +14,7 @@ Standard library only.
 import argparse
 import json
 import os
+import shutil
 import subprocess
 import sys
 import time
@@ -125,6 +126,39 @@ def micro_benchmarks(build, plan, out_file):
         return json.load(micro)
 
 
+PERF_EVENTS = ('syscalls:sys_enter_read', 'syscalls:sys_enter_poll', 'syscalls:sys_enter_sendmsg',
+               'syscalls:sys_enter_writev', 'syscalls:sys_enter_write', 'syscalls:sys_enter_madvise',
+               'page-faults', 'context-switches', 'task-clock')
+
+
+def count_events(build, runner):
+    """System calls, page faults and CPU per relayed frame of the host and the floor, counted by
+    perf stat around the program (where perf may count them)."""
+    directory = build / 'profile'
+    directory.mkdir(exist_ok=True)
+    # Per frame; perf gives task-clock in milliseconds, shown here in microseconds.
+    lines = ['program body frames ' + ' '.join(e.split(':')[-1].replace('sys_enter_', '') + '/frame' for e in PERF_EVENTS[:-1])
+             + ' cpu-us/frame']
+    for name in ('host', 'floor'):
+        for size, frames in ((1024, 40000), (1048576, 100)):
+            out = directory / ('perf-%s-%d.txt' % (name, size))
+            wrapper = ['perf', 'stat', '-x', ':', '-o', str(out)]
+            for event in PERF_EVENTS:
+                wrapper += ['-e', event]
+            runner.measure('relay', [name], 0, wrapper=','.join(wrapper + ['--']), size=size,
+                           frames=frames)
+            counts = {}
+            for line in out.read_text().splitlines():
+                fields = line.split(':')
+                if len(fields) > 2 and fields[0].replace('.', '').isdigit():
+                    counts[fields[2] if not fields[2].startswith('sys') else fields[2] + ':' + fields[3]] = float(fields[0])
+            lines.append('%s %d %d ' % (name, size, frames) + ' '.join(
+                '%.2f' % (counts.get(event, 0) * (1000 if event == 'task-clock' else 1) / frames)
+                for event in PERF_EVENTS))
+    (directory / 'events.txt').write_text('\n'.join(lines) + '\n')
+    print('bench: event counts written to %s' % (directory / 'events.txt'), flush=True)
+
+
 def profile(build, runner):
     """The host under callgrind: 20,000 relayed 1 KiB frames, 5,000 close-tab commands and 300
     allow lists of 1,000 sites, each with its summary (callgrind_annotate --inclusive=yes)."""
@@ -141,6 +175,9 @@ def profile(build, runner):
             subprocess.run(['callgrind_annotate', '--inclusive=yes', str(out)], stdout=summary,
                            check=True)
         print('bench: profile of the %s written to %s' % (name, directory), flush=True)
+    if shutil.which('perf') and subprocess.run(['perf', 'stat', '-e', 'syscalls:sys_enter_read', 'true'],
+                                               capture_output=True).returncode == 0:
+        count_events(build, runner)
 
 
 def main():
