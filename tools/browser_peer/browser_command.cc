@@ -9,8 +9,9 @@ namespace {
 constexpr std::string_view help = R"(Lines (blank lines and lines starting with # are skipped):
   JSON TEXT        sent to the host as one frame, byte for byte as typed: {"tabs":[]}
   raw TEXT         TEXT sent unchecked as one frame, after the escapes \\ \n \r \t \0 \xHH
-  expect TEXT      wait until the host writes a frame containing TEXT; a frame counts once:
-                   not if an earlier expect matched it or a later one
+                   (blanks at either end are dropped: write \x20)
+  expect TEXT      wait until the host writes a frame containing TEXT (also one written
+                   before, as long as it came after the frame the last expect matched)
   sleep SECONDS    wait (fractions allowed: 0.5)
   close            close the host's standard input, as a browser does when the extension
                    disconnects; the host should then exit with status 0

@@ -22,15 +22,16 @@ constexpr std::string_view help =
   block [SITE...]       set the block list             the same with "listType":1
   clear                 clear both lists               the same with no sites and "listType":2
   list TYPE [SITE...]   a website list of any listType from 0 to 255
-  raw TEXT              TEXT exactly as typed, after the escapes \\ \n \r \t \0 \xHH
+  raw TEXT              TEXT as typed, after the escapes \\ \n \r \t \0 \xHH (blanks at
+                        either end are dropped: write \x20)
   @N COMMAND            to host N only (without @N: to every connected host); also
                         applies to disconnect and expect
   hosts                 list the connected hosts
   start                 post com.kerrowsoftware.startCoreHostServices on the session bus
   disconnect            close the connection to the host(s); a host then connects again
   wait-hosts N          wait until exactly N hosts are connected
-  expect TEXT           wait until a host sends a message containing TEXT; a message
-                        counts once: not if an earlier expect matched it or a later one
+  expect TEXT           wait until a host sends a message containing TEXT (also one sent
+                        before, as long as it came after the message the last expect matched)
   sleep SECONDS         wait (fractions allowed: 0.5)
   help                  this text
   quit                  close every connection, remove the socket and end
