@@ -1,7 +1,8 @@
 // Starting the host as a browser does: standard input and standard output are pipes held by the
 // browser, standard error is inherited, the signal mask and dispositions are the defaults, and
 // the arguments are the caller's origin (Chrome family) or the manifest path and the add-on id
-// (Firefox). The environment is the peer's own.
+// (Firefox). The environment is the peer's own. Any thread; the caller owns the returned
+// descriptors and reaps the process.
 #pragma once
 
 #include <sys/types.h>
