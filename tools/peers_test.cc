@@ -288,6 +288,52 @@ TEST_F(PeersTest, CommandsGoToOneHostOrToAll) {
         << core.errors();
 }
 
+TEST_F(PeersTest, HostConnectsAgainAfterTheCoreServiceDropsIt) {
+    const auto script = write("core.script", R"(wait-hosts 1
+disconnect
+wait-hosts 1
+close-tab 5
+wait-hosts 0
+)");
+    auto core = startCore({"--script", script.string()});
+    ASSERT_TRUE(core.out->waitFor("core: listening"));
+    auto browser = startBrowser();
+    EXPECT_EQ(browser.out->next(), R"({"action":"closeTab","payload":{"id":5}})");
+    ASSERT_TRUE(core.out->waitFor("to host 2: kerrow.closeTab-5"));
+    browser.process->closeInput();
+    EXPECT_EQ(browser.process->waitForExit(10000ms), 0) << browser.errors();
+    EXPECT_EQ(core.process->waitForExit(10000ms), 0) << core.errors();
+    EXPECT_NE(core.out->seen().find("core: host 1 disconnected (closed by the core peer)\n"
+                                    "core: host 2 connected (pid "),
+              std::string::npos)
+        << core.out->seen();
+}
+
+TEST_F(PeersTest, FailedWaitsEndScripts) {
+    const auto coreScript = write("core.script", "wait-hosts 1\nweb-on\n");
+    auto core = startCore({"--no-bus", "--timeout", "0.2", "--script", coreScript.string()});
+    EXPECT_EQ(core.process->waitForExit(), 1);
+    EXPECT_EQ(core.errors(), "core-peer: " + coreScript.string() +
+                                 ":1: wait-hosts 1: still 0 connected (none) after 0.2 s\n");
+    EXPECT_FALSE(std::filesystem::exists(socketPath()));
+
+    // A host that records its input: nothing after the failed expect may reach it.
+    const auto input = directory_.path() / "input";
+    const auto fakeHost = write("fake-host", "#!/bin/sh\ncat > " + input.string() + "\n",
+                                std::filesystem::perms(0700));
+    const auto browserScript = write("browser.script", "expect never\n{\"late\":1}\n");
+    auto browser = startBrowser(
+        {"--host", fakeHost.string(), "--timeout", "0.2", "--script", browserScript.string()});
+    EXPECT_EQ(browser.process->waitForExit(), 1);
+    EXPECT_EQ(readFile(input), "");
+    EXPECT_NE(browser.errors().find(browserScript.string() +
+                                    ":1: expect: the host wrote no frame containing 'never' "
+                                    "within 0.2 s\nbrowser-peer: script stopped\n"),
+              std::string::npos)
+        << browser.errors();
+    EXPECT_NE(browser.errors().find("the host exited with status 0"), std::string::npos);
+}
+
 TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
     auto bogus = startCore({"--bogus"});
     EXPECT_EQ(bogus.process->waitForExit(), 2);
