@@ -321,6 +321,10 @@ def write(results, micro, context, bench_dir):
         'programs try to reconnect). Wake-ups are context switches summed over threads.\n',
         footprint_section(results),
         '## Micro-benchmarks (Google Benchmark, bench/micro)\n',
+        'Three repetitions; the median and the coefficient of variation across them. The log '
+        'benchmarks write a real file; ReadFrame reads back-to-back frames from an in-memory file, '
+        'system calls included. (Debian\'s libbenchmark warns that it was built as DEBUG: that is '
+        'the library itself; the code measured is built in Release mode.)\n',
         micro_section(micro),
         '## How to run\n',
         '`scripts/bench` (about five minutes on two cores; `--quick` for a smoke test, '

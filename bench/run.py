@@ -20,7 +20,8 @@ import sys
 import time
 from pathlib import Path
 
-import report
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
+import report  # noqa: E402  (after the line above)
 
 REPOSITORY = Path(__file__).resolve().parent.parent
 PYTHON = '/usr/bin/python3' if os.path.exists('/usr/bin/python3') else sys.executable
