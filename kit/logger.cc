@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
@@ -20,6 +21,32 @@
 
 namespace kerrow {
 namespace {
+
+// Messages carry text from the peers (a tab id, a disable-internet text). One call must stay one
+// line, so control characters other than tab are written as escapes and no peer can forge lines.
+bool isLineBreaking(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return (byte < 0x20 && byte != '\t') || byte == 0x7F;
+}
+
+std::string escapedControls(std::string_view message) {
+    std::string escaped;
+    escaped.reserve(message.size() + 16);
+    for (const char character : message) {
+        if (character == '\n') {
+            escaped += "\\n";
+        } else if (character == '\r') {
+            escaped += "\\r";
+        } else if (isLineBreaking(character)) {
+            constexpr std::string_view hex = "0123456789abcdef";
+            const auto byte = static_cast<unsigned char>(character);
+            escaped.append("\\x").append(1, hex[byte >> 4]).append(1, hex[byte & 0xF]);
+        } else {
+            escaped += character;
+        }
+    }
+    return escaped;
+}
 
 constexpr std::size_t maximumFileSize = 8 * 1024 * 1024;
 constexpr int rotatedFiles = 2;  // native-messaging-host.log.1 and .2
@@ -166,7 +193,11 @@ class LogChannel {
     }
 
     void write(Date timeStamp, spdlog::level::level_enum level, std::string_view message) {
-        logger_.log(timeStamp, spdlog::source_loc{}, level, message);
+        if (std::none_of(message.begin(), message.end(), isLineBreaking)) {
+            logger_.log(timeStamp, spdlog::source_loc{}, level, message);
+        } else {
+            logger_.log(timeStamp, spdlog::source_loc{}, level, escapedControls(message));
+        }
     }
 
     void flush() { logger_.flush(); }

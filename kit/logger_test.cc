@@ -41,6 +41,17 @@ TEST_F(LoggerTest, WritesTheCallersTimeStampLevelAndMessage) {
               "directory\n");
 }
 
+TEST_F(LoggerTest, AMessageStaysOneLineWhateverItCarries) {
+    const Logger logger(now(), logsDir);
+    logger.logInformation(
+        "Received Disable Internet: a\n2026-01-01T00:00:00.000Z error forged\r\x1b[2J\tend\x7f",
+        exampleTime());
+    Logger::flushAll();
+    EXPECT_EQ(test::readFile(logFile),
+              "2026-11-22T09:14:03.042Z info Received Disable Internet: "
+              "a\\n2026-01-01T00:00:00.000Z error forged\\r\\x1b[2J\tend\\x7f\n");
+}
+
 TEST_F(LoggerTest, CreatesAPrivateDirectoryAndFile) {
     Logger(now(), logsDir).logInformation("line", now());
     Logger::flushAll();
