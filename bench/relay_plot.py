@@ -10,7 +10,7 @@ SIZES = ((64, '64 B'), (1024, '1 KiB'), (65536, '64 KiB'), (1048576, '1 MiB'))
 PANELS = (('frames_per_s', 'frames per second'), ('mb_per_s', 'MB per second'),
           ('cpu_us_per_frame', 'CPU µs per frame'))
 WIDTH, HEIGHT = 330, 300
-LEFT, RIGHT, TOP, BOTTOM = 62, 12, 34, 46
+LEFT, RIGHT, TOP, BOTTOM = 62, 24, 34, 46
 
 
 def _points(results, key, program):

@@ -201,7 +201,9 @@ def main():
         runner.startup(plan)
         runner.footprint(plan)
         micro = micro_benchmarks(build, plan, bench_out / 'micro.json')
-        if arguments.profile:
+    if arguments.profile:
+        # Runs under a profiler are slow by design: they stay out of the figures.
+        with open(bench_out / 'profile.jsonl', 'w') as raw:
             profile(build, Runner(build, raw))
     context = report.Context(
         repository=REPOSITORY, build=build, python=PYTHON, quick=arguments.quick,
