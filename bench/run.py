@@ -160,6 +160,32 @@ def count_events(build, runner):
     print('bench: event counts written to %s' % (directory / 'events.txt'), flush=True)
 
 
+def memory_maps(build, runner):
+    """Where the resident pages of the host and the floor lie, by mapping, after start-up and after
+    10,000 relayed frames (from /proc/<pid>/smaps)."""
+    directory = build / 'profile'
+    runner.measure('footprint', ['host', 'floor'], 0, frames=10000, window_ms=0,
+                   memory_maps=directory)
+    lines = []
+    for smaps in sorted(directory.glob('*.smaps')):
+        resident, private, name = {}, {}, None
+        for line in smaps.read_text().splitlines():
+            fields = line.split()
+            if '-' in fields[0] and len(fields) >= 5 and not fields[0].endswith(':'):
+                name = os.path.basename(fields[5]) if len(fields) > 5 else '[anonymous]'
+            elif fields[0] == 'Rss:':
+                resident[name] = resident.get(name, 0) + int(fields[1])
+            elif fields[0] in ('Private_Clean:', 'Private_Dirty:'):
+                private[name] = private.get(name, 0) + int(fields[1])
+        lines.append('%s: %d KiB resident, %d KiB private' % (
+            smaps.stem, sum(resident.values()), sum(private.values())))
+        for name, kib in sorted(resident.items(), key=lambda item: -item[1]):
+            if kib:
+                lines.append('  %6d KiB (private %5d)  %s' % (kib, private.get(name, 0), name))
+    (directory / 'memory.txt').write_text('\n'.join(lines) + '\n')
+    print('bench: resident pages by mapping written to %s' % (directory / 'memory.txt'), flush=True)
+
+
 def profile(build, runner):
     """The host under callgrind: 20,000 relayed 1 KiB frames, 5,000 close-tab commands and 300
     allow lists of 1,000 sites, each with its summary (callgrind_annotate --inclusive=yes)."""
@@ -176,6 +202,7 @@ def profile(build, runner):
             subprocess.run(['callgrind_annotate', '--inclusive=yes', str(out)], stdout=summary,
                            check=True)
         print('bench: profile of the %s written to %s' % (name, directory), flush=True)
+    memory_maps(build, runner)
     if shutil.which('perf') and subprocess.run(['perf', 'stat', '-e', 'syscalls:sys_enter_read', 'true'],
                                                capture_output=True).returncode == 0:
         count_events(build, runner)
