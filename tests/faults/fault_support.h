@@ -21,6 +21,8 @@
 
 namespace kerrow::test {
 
+class HostSession;
+
 /// The resident set and its peak, in KiB, from /proc/<pid>/status (0 when unreadable).
 [[nodiscard]] std::int64_t residentKilobytes(pid_t pid);
 [[nodiscard]] std::int64_t peakResidentKilobytes(pid_t pid);
@@ -46,7 +48,7 @@ void markInheritedDescriptorsCloseOnExec();
 /// a frame from the browser read after that goes over it. (A core service that has accepted may
 /// still see the host's connection being installed: a frame the host reads in that instant is
 /// dropped like any frame read while the core service is away.)
-[[nodiscard]] bool waitForConnections(const class HostSession& session, long count,
+[[nodiscard]] bool waitForConnections(const HostSession& session, long count,
                                       Duration timeout = 15'000ms);
 
 /// A little-endian 32-bit length prefix on its own (for hostile and partial frames).
