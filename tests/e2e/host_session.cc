@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "kit/notification_names.h"
 
@@ -35,14 +36,20 @@ std::filesystem::path HostSession::logFile() const {
 }
 
 void HostSession::launch(const std::vector<std::string>& arguments) {
-    host_ = std::make_unique<HostProcess>(KERROW_HOST_BINARY, arguments,
-                                          std::map<std::string, std::string>{
-                                              {"PATH", "/usr/bin:/bin"},
-                                              {"HOME", directory_.path().string()},
-                                              {"XDG_RUNTIME_DIR", runtime_.string()},
-                                              {"XDG_STATE_HOME", state_.string()},
-                                              {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
-                                          },
+    std::map<std::string, std::string> environment{
+        {"PATH", "/usr/bin:/bin"},
+        {"HOME", directory_.path().string()},
+        {"XDG_RUNTIME_DIR", runtime_.string()},
+        {"XDG_STATE_HOME", state_.string()},
+        {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
+    };
+    // A sanitizer build's host must stop on a report just as the test process does.
+    for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        if (const char* value = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
+            environment.emplace(name, value);
+        }
+    }
+    host_ = std::make_unique<HostProcess>(KERROW_HOST_BINARY, arguments, environment,
                                           directory_.path() / "stderr");
 }
 
