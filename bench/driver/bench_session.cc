@@ -61,15 +61,15 @@ std::string readLine(int fd, Deadline deadline) {
 
 }  // namespace
 
-Program parseProgram(std::string_view spec) {
-    const std::size_t equals = spec.find('=');
-    const std::size_t colon = spec.find(':', equals);
+Program parseProgram(std::string_view description) {
+    const std::size_t equals = description.find('=');
+    const std::size_t colon = description.find(':', equals);
     if (equals == std::string_view::npos || colon == std::string_view::npos) {
-        throw BenchError("a program is name=kind:argv0,argv1,...: " + std::string(spec));
+        throw BenchError("a program is name=kind:argv0,argv1,...: " + std::string(description));
     }
     Program program;
-    program.name = spec.substr(0, equals);
-    const std::string_view kind = spec.substr(equals + 1, colon - equals - 1);
+    program.name = description.substr(0, equals);
+    const std::string_view kind = description.substr(equals + 1, colon - equals - 1);
     if (kind == "host") {
         program.kind = ProgramKind::host;
     } else if (kind == "floor") {
@@ -81,7 +81,7 @@ Program parseProgram(std::string_view spec) {
     } else {
         throw BenchError("unknown program kind: " + std::string(kind));
     }
-    program.argv = split(spec.substr(colon + 1), ',');
+    program.argv = split(description.substr(colon + 1), ',');
     return program;
 }
 

@@ -32,7 +32,7 @@ struct Program {
 };
 
 /// Parses "name=kind:argv0,argv1,...", e.g. "host=host:/path/kerrow-native-messaging-host".
-[[nodiscard]] Program parseProgram(std::string_view spec);
+[[nodiscard]] Program parseProgram(std::string_view description);
 
 /// A directory of our own under $TMPDIR or /tmp, removed with everything in it.
 class TemporaryDirectory {
