@@ -1,11 +1,13 @@
 // kerrow-bench-driver: measures one figure of one program (several for the footprint) and prints
 // one JSON line per program on standard output. bench/run.py calls it, interleaving programs.
 //
+// clang-format off
 //   kerrow-bench-driver relay     --program PROGRAM --size BYTES --frames N
-//   kerrow-bench-driver commands  --program PROGRAM --command closeTab|websiteList --count N
-//   [--sites N] kerrow-bench-driver latency   --program PROGRAM --rate PER_S --count N [--warm-up
-//   N] kerrow-bench-driver startup   --program PROGRAM kerrow-bench-driver footprint --program
-//   PROGRAM [--program PROGRAM ...] --frames N --window-ms MS
+//   kerrow-bench-driver commands  --program PROGRAM --command closeTab|websiteList --count N [--sites N]
+//   kerrow-bench-driver latency   --program PROGRAM --rate PER_S --count N [--warm-up N]
+//   kerrow-bench-driver startup   --program PROGRAM
+//   kerrow-bench-driver footprint --program PROGRAM [--program PROGRAM ...] --frames N --window-ms MS
+// clang-format on
 // Common: --wrapper argv0,argv1,... (prefixed to each program), --timeout-ms MS; footprint:
 // --memory-maps DIR keeps each program's /proc/<pid>/smaps after start-up and after the relay.
 // PROGRAM is name=kind:argv0,argv1,... with kind host, floor, typical or bare.
