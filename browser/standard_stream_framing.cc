@@ -1,9 +1,9 @@
 #include "browser/standard_stream_framing.h"
 
-#include <array>
 #include <cstdint>
 
 #include "kit/file_handle_write.h"
+#include "kit/frame_codec.h"
 
 namespace kerrow {
 
@@ -12,9 +12,7 @@ std::optional<Data> readFrame(FileHandle& input) {
     if (prefix.size() < 4) {
         return std::nullopt;  // end of input, possibly inside a prefix
     }
-    const auto length = static_cast<std::int32_t>(
-        static_cast<std::uint32_t>(prefix[0]) | static_cast<std::uint32_t>(prefix[1]) << 8 |
-        static_cast<std::uint32_t>(prefix[2]) << 16 | static_cast<std::uint32_t>(prefix[3]) << 24);
+    const auto length = static_cast<std::int32_t>(decodeFrameLength(prefix.data()));
     if (length < 0) {
         return std::nullopt;  // no browser sends 2 GiB or more; the stream cannot be trusted
     }
@@ -22,11 +20,7 @@ std::optional<Data> readFrame(FileHandle& input) {
 }
 
 void writeFrame(FileHandle& output, std::string_view body) {
-    const std::size_t n = body.size();
-    const std::array<std::uint8_t, 4> prefix = {
-        static_cast<std::uint8_t>(n & 0xFF), static_cast<std::uint8_t>((n >> 8) & 0xFF),
-        static_cast<std::uint8_t>((n >> 16) & 0xFF), static_cast<std::uint8_t>((n >> 24) & 0xFF)};
-    output.writeData(prefix);
+    output.writeData(encodeFrameLength(body.size()));
     write(output, body);
 }
 

@@ -19,6 +19,8 @@
 #include <system_error>
 #include <utility>
 
+#include "kit/frame_codec.h"
+
 namespace kerrow {
 namespace {
 
@@ -34,8 +36,6 @@ constexpr std::chrono::milliseconds connectPatience = 10s;
 constexpr std::size_t readChunk = std::size_t{64} * 1024;
 // After a large frame the buffer gives its memory back once it holds no more than this.
 constexpr std::size_t retainedCapacity = std::size_t{1024} * 1024;
-
-constexpr std::size_t headerLength = 4;
 
 [[noreturn]] void throwErrno(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -76,31 +76,7 @@ void checkTrust(const std::filesystem::path& path) {
     }
 }
 
-std::uint32_t littleEndianLength(const std::uint8_t* bytes) {
-    return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8 |
-           static_cast<std::uint32_t>(bytes[2]) << 16 | static_cast<std::uint32_t>(bytes[3]) << 24;
-}
-
 }  // namespace
-
-SocketHelper::Descriptor::~Descriptor() {
-    if (descriptor_ >= 0) {
-        ::close(descriptor_);
-    }
-}
-
-SocketHelper::Descriptor::Descriptor(Descriptor&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)) {}
-
-SocketHelper::Descriptor& SocketHelper::Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        if (descriptor_ >= 0) {
-            ::close(descriptor_);
-        }
-        descriptor_ = std::exchange(other.descriptor_, -1);
-    }
-    return *this;
-}
 
 SocketHelper::SocketHelper(SocketType type, std::string path)
     : type_(type), path_(std::move(path)), wakeDescriptor_(::eventfd(0, EFD_CLOEXEC)) {
@@ -205,18 +181,19 @@ bool SocketHelper::waitForInput() const {
 
 void SocketHelper::deliverCompleteFrames() {
     std::size_t consumed = 0;
-    while (inbound_.size() - consumed >= headerLength) {
-        const std::uint32_t length = littleEndianLength(inbound_.data() + consumed);
+    while (inbound_.size() - consumed >= frameHeaderLength) {
+        const std::uint32_t length = decodeFrameLength(inbound_.data() + consumed);
         if (length > maximumFrameLength) {
             throw SocketFrameError("inbound frame of " + std::to_string(length) +
                                    " bytes exceeds the 64 MiB limit");
         }
-        if (inbound_.size() - consumed - headerLength < length) {
+        if (inbound_.size() - consumed - frameHeaderLength < length) {
             break;
         }
-        const auto body = inbound_.begin() + static_cast<std::ptrdiff_t>(consumed + headerLength);
+        const auto body =
+            inbound_.begin() + static_cast<std::ptrdiff_t>(consumed + frameHeaderLength);
         const Data message(body, body + length);
-        consumed += headerLength + length;
+        consumed += frameHeaderLength + length;
         if (const auto delegate = readerDelegate()) {
             delegate->didReadData(message);
         }
@@ -232,9 +209,7 @@ void SocketHelper::sendData(const Data& data) {
         throw std::system_error(EMSGSIZE, std::generic_category(), "send to core service");
     }
     const auto length = static_cast<std::uint32_t>(data.size());
-    std::array<std::uint8_t, headerLength> header{
-        static_cast<std::uint8_t>(length), static_cast<std::uint8_t>(length >> 8),
-        static_cast<std::uint8_t>(length >> 16), static_cast<std::uint8_t>(length >> 24)};
+    auto header = encodeFrameLength(length);
     // sendmsg() only reads the body; iovec just has no const member.
     std::array<iovec, 2> parts{iovec{header.data(), header.size()},
                                iovec{const_cast<std::uint8_t*>(data.data()), data.size()}};
@@ -294,7 +269,7 @@ bool SocketHelper::waitBeforeRetry(std::chrono::milliseconds delay) const {
     return !readingStopped_ && ::poll(&entry, 1, static_cast<int>(delay.count())) <= 0;
 }
 
-SocketHelper::Descriptor SocketHelper::connectOnce() const {
+Descriptor SocketHelper::connectOnce() const {
     const std::filesystem::path path(path_);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -26,6 +26,7 @@
 #include <string>
 
 #include "platform/data.h"
+#include "platform/descriptor.h"
 
 namespace kerrow {
 
@@ -111,22 +112,6 @@ class SocketHelper {
     void stopReading();
 
   private:
-    /// Owns one descriptor (-1 for none) and closes it when destroyed or replaced.
-    class Descriptor {
-      public:
-        Descriptor() = default;
-        explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-        ~Descriptor();
-        Descriptor(Descriptor&& other) noexcept;
-        Descriptor& operator=(Descriptor&& other) noexcept;
-        Descriptor(const Descriptor&) = delete;
-        Descriptor& operator=(const Descriptor&) = delete;
-        [[nodiscard]] int get() const { return descriptor_; }
-
-      private:
-        int descriptor_ = -1;
-    };
-
     [[nodiscard]] Descriptor connectOnce() const;  // a trusted, connected socket, or throws
     [[nodiscard]] bool waitBeforeRetry(std::chrono::milliseconds delay) const;
     [[nodiscard]] bool waitForInput() const;

@@ -22,7 +22,7 @@
 #include "tools/browser_peer/host_launcher.h"
 #include "tools/common/console.h"
 #include "tools/common/event_loop.h"
-#include "tools/common/frames.h"
+#include "kit/frame_codec.h"
 #include "tools/common/line_input.h"
 
 namespace kerrow::tools {

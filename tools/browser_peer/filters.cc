@@ -9,7 +9,7 @@
 #include <string>
 
 #include "tools/browser_peer/json_lines.h"
-#include "tools/common/frames.h"
+#include "kit/frame_codec.h"
 #include "tools/common/text.h"
 
 namespace kerrow::tools {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/common/descriptor.h"
+#include "platform/descriptor.h"
 
 namespace kerrow::tools {
 

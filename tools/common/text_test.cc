@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/common/frames.h"
+#include "kit/frame_codec.h"
 
 namespace kerrow::tools {
 namespace {

@@ -13,9 +13,9 @@
 #include <string>
 #include <string_view>
 
-#include "tools/common/descriptor.h"
+#include "platform/descriptor.h"
 #include "tools/common/event_loop.h"
-#include "tools/common/frames.h"
+#include "kit/frame_codec.h"
 
 namespace kerrow::tools {
 

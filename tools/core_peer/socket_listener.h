@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "tools/common/descriptor.h"
+#include "platform/descriptor.h"
 #include "tools/common/event_loop.h"
 
 namespace kerrow::tools {

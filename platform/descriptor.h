@@ -1,16 +1,19 @@
 // Descriptor: sole owner of one POSIX file descriptor, closed on destruction or reset.
-// A move-only value; use it from one thread at a time.
+//
+// Every class of the project that keeps a descriptor in a field keeps it in one of these. A
+// move-only value; use it from one thread at a time (or guard it as its owner says).
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace kerrow::tools {
+namespace kerrow {
 
 class Descriptor {
   public:
     Descriptor() = default;
+    /// Takes ownership of `descriptor` (-1 for none).
     explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
     ~Descriptor() { reset(); }
     Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
@@ -35,8 +38,11 @@ class Descriptor {
         descriptor_ = descriptor;
     }
 
+    /// Gives the descriptor up without closing it.
+    [[nodiscard]] int release() { return std::exchange(descriptor_, -1); }
+
   private:
     int descriptor_ = -1;  // -1: none
 };
 
-}  // namespace kerrow::tools
+}  // namespace kerrow
