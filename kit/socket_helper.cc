@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -39,41 +38,6 @@ constexpr std::size_t retainedCapacity = std::size_t{1024} * 1024;
 
 [[noreturn]] void throwErrno(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
-}
-
-bool isTrustedOwner(uid_t owner) {
-    return owner == ::geteuid() || owner == 0;
-}
-
-// The core service creates the directory and the socket when it starts: until then both may be
-// missing (ENOENT, which setupSocket() waits out). What exists must be ours or root's, and no one
-// else may be able to put another socket in its place.
-void checkTrust(const std::filesystem::path& path) {
-    const std::string directory = path.parent_path().string();
-    struct stat status {};
-    if (::lstat(directory.c_str(), &status) != 0) {
-        throwErrno("socket directory " + directory);
-    }
-    if (S_ISLNK(status.st_mode)) {
-        throw SocketTrustError("socket directory " + directory + " is a symbolic link");
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        throw SocketTrustError("socket directory " + directory + " is not a directory");
-    }
-    if (!isTrustedOwner(status.st_uid)) {
-        throw SocketTrustError("socket directory " + directory + " is owned by uid " +
-                               std::to_string(status.st_uid));
-    }
-    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-        throw SocketTrustError("socket directory " + directory + " is writable by group or others");
-    }
-    if (::lstat(path.c_str(), &status) != 0) {
-        throwErrno("socket " + path.string());
-    }
-    if (!isTrustedOwner(status.st_uid)) {
-        throw SocketTrustError("socket " + path.string() + " is owned by uid " +
-                               std::to_string(status.st_uid));
-    }
 }
 
 }  // namespace
@@ -276,7 +240,7 @@ Descriptor SocketHelper::connectOnce() const {
     if (path_.size() >= sizeof address.sun_path) {
         throw std::system_error(ENAMETOOLONG, std::generic_category(), "socket " + path_);
     }
-    checkTrust(path);
+    checkSocketTrust(path);
     std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
 
     Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -289,15 +253,7 @@ Descriptor SocketHelper::connectOnce() const {
             throwErrno("connect to " + path_);
         }
     }
-    ucred peer{};
-    socklen_t peerLength = sizeof peer;
-    if (::getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &peerLength) != 0) {
-        throwErrno("credentials of the core service at " + path_);
-    }
-    if (!isTrustedOwner(peer.uid)) {
-        throw SocketTrustError("core service at " + path_ + " runs as uid " +
-                               std::to_string(peer.uid));
-    }
+    checkPeerTrust(connection.get(), path);
     return connection;
 }
 

@@ -25,6 +25,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "kit/trust.h"
 #include "platform/data.h"
 #include "platform/descriptor.h"
 
@@ -49,12 +50,6 @@ class HostToCoreSocketProtocol {
 
 /// The kinds of socket the kit connects. The host uses the browser socket only.
 enum class SocketType { browser };
-
-/// Thrown by setupSocket() for a socket, directory or peer that fails the trust rules.
-class SocketTrustError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
 
 /// Thrown by readSocket() for an inbound frame that announces more than maximumFrameLength bytes.
 class SocketFrameError : public std::runtime_error {
