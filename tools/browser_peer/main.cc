@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "kerrow_version.h"
 #include "tools/browser_peer/browser_peer.h"
 #include "tools/browser_peer/filters.h"
 #include "tools/common/arguments.h"
@@ -33,6 +34,7 @@ Options:
   --timeout SECONDS    how long expect waits (default 10)
   --encode             filter: JSON lines on standard input to frames on standard output
   --decode             filter: frames on standard input to JSON lines on standard output
+  --version            print the version
   -h, --help           show this text
 
 At the end of the input (Ctrl-D, or the end of the script) the host's input is closed; the peer
@@ -81,6 +83,10 @@ Mode parseOptions(int argc, char** argv, BrowserPeerOptions& options) {
         if (*option == "-h" || *option == "--help") {
             arguments.noValue();
             std::cout << usage << browserCommandHelp() << epilogue;
+            std::exit(0);
+        } else if (*option == "--version") {
+            arguments.noValue();
+            std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
             std::exit(0);
         } else if (*option == "--host") {
             options.hostPath = arguments.value();

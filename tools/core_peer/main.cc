@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "kerrow_version.h"
 #include "kit/socket_helper.h"
 #include "tools/common/arguments.h"
 #include "tools/core_peer/core_peer.h"
@@ -26,6 +27,7 @@ Options:
                      at start-up (the command start still posts it)
   --no-bus           do not use the session bus at all
   --timeout SECONDS  how long wait-hosts and expect wait (default 10)
+  --version          print the version
   -h, --help         show this text
 
 On the session bus, every nativeMessagingHostDidFinishLaunching is answered with
@@ -55,6 +57,10 @@ CorePeerOptions parseOptions(int argc, char** argv) {
         if (*option == "-h" || *option == "--help") {
             arguments.noValue();
             std::cout << usage << commandHelp() << epilogue;
+            std::exit(0);
+        } else if (*option == "--version") {
+            arguments.noValue();
+            std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
             std::exit(0);
         } else if (*option == "--socket") {
             options.socketPath = arguments.value();

@@ -1,13 +1,17 @@
 #include "tools/installer/installer.h"
 
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 
+#include "tools/installer/doctor.h"
 #include "tools/installer/manifest.h"
 #include "tools/installer/manifest_file.h"
 
@@ -15,17 +19,66 @@ namespace kerrow::installer {
 namespace {
 
 constexpr mode_t manifestMode = 0644;
+constexpr mode_t launcherMode = 0755;
 constexpr mode_t systemFolderMode = 0755;
 // Browsers create their profile folders private; folders made for one user follow suit.
 constexpr mode_t userFolderMode = 0700;
 constexpr std::string_view hostFileName = "kerrow-native-messaging-host";
 
-std::filesystem::path userDirectory(const Browser& browser, const Environment& environment) {
-    const std::filesystem::path base =
-        browser.family == BrowserFamily::firefox
-            ? environment.home
-            : environment.configHome.value_or(environment.home / ".config");
-    return base / browser.userFolder;
+std::filesystem::path resolve(const UserFolder& folder, const Environment& environment) {
+    return (folder.base == UserFolder::Base::home ? environment.home
+                                                  : environment.configDirectory()) /
+           folder.path;
+}
+
+// The text with every character the shell treats specially quoted.
+std::string shellQuoted(const std::string& text) {
+    std::string quoted = "'";
+    for (const char c : text) {
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return quoted + "'";
+}
+
+// Runs `command` with its output on ours; true when it ended with status 0.
+bool runCommand(const std::vector<std::string>& command) {
+    std::vector<char*> argv;
+    for (const auto& argument : command) {
+        argv.push_back(const_cast<char*>(argument.c_str()));  // NOLINT: execvp takes char*
+    }
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    if (::posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+        return false;
+    }
+    int status = 0;
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// Writes the Flatpak launcher beside the manifest's app folder and asks for (or grants) the
+// permission it needs; false when the grant was asked for and failed.
+bool setUpFlatpak(const Target& target, const std::filesystem::path& host, const Options& options,
+                  std::ostream& out, std::ostream& err) {
+    createDirectories(target.launcherPath().parent_path(), userFolderMode);
+    writeFileAtomically(target.launcherPath(), launcherText(host), launcherMode);
+    const auto command = flatpakGrantCommand(target.flatpakId);
+    std::string line;
+    for (const auto& part : command) {
+        line += (line.empty() ? "" : " ") + part;
+    }
+    if (!options.grantFlatpak) {
+        out << target.label() << ": the browser needs permission to start the host: " << line
+            << "\n";
+        return true;
+    }
+    if (runCommand(command)) {
+        out << target.label() << ": granted: " << line << "\n";
+        return true;
+    }
+    err << target.label() << ": FAILED: " << line << "\n";
+    return false;
 }
 
 std::optional<std::string> readFile(const std::filesystem::path& path) {
@@ -52,6 +105,9 @@ std::optional<std::filesystem::path> hostToInstall(const Options& options,
                                                    std::ostream& err) {
     const std::filesystem::path host =
         options.hostPath.value_or(environment.programDirectory / hostFileName);
+    if (!options.root.empty()) {
+        return host;  // a staging root: the host is where the package will put it
+    }
     struct stat status {};
     if (::stat(host.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
         err << "host binary " << host << " does not exist"
@@ -75,23 +131,25 @@ int install(const Options& options, const Environment& environment, std::ostream
     int status = 0;
     int written = 0;
     for (const Target& target : selectTargets(options, environment)) {
-        const auto& ids = options.extensionIds(target.family);
-        if (ids.empty()) {
-            out << target.label() << ": skipped, no " << familyName(target.family)
-                << " extension id given\n";
+        if (!target.named && !target.inUse()) {
             continue;
         }
-        if (!target.named && target.browserFolder &&
-            !std::filesystem::is_directory(*target.browserFolder)) {
-            out << target.label() << ": skipped, " << target.browserFolder->string()
-                << " does not exist (name the browser with --browser to write anyway)\n";
+        const auto& ids = options.extensionIds(target.family);
+        if (ids.empty()) {
+            err << target.label() << ": not registered: no " << familyName(target.family)
+                << " extension id given\n";
+            status = 1;
             continue;
         }
         try {
             createDirectories(target.directory, folderMode);
-            writeFileAtomically(target.manifestPath(), manifestText(target.family, *host, ids),
+            const auto named = target.flatpakFolder ? target.launcherPath() : *host;
+            writeFileAtomically(target.manifestPath(), manifestText(target.family, named, ids),
                                 manifestMode);
             out << target.label() << ": wrote " << target.manifestPath().string() << "\n";
+            if (target.flatpakFolder && !setUpFlatpak(target, *host, options, out, err)) {
+                status = 1;
+            }
             ++written;
         } catch (const std::system_error& error) {
             err << target.label() << ": cannot write the manifest: " << error.what() << "\n";
@@ -99,8 +157,8 @@ int install(const Options& options, const Environment& environment, std::ostream
         }
     }
     if (written == 0 && status == 0) {
-        err << "no manifest written: no selected browser is in use here; name one with "
-               "--browser\n";
+        err << "no manifest written: no browser found in use here (looked for ~/.mozilla, "
+               "~/.config/google-chrome, ~/.var/app/<id>, ...); name one with --browser\n";
         status = 1;
     }
     return status;
@@ -124,7 +182,8 @@ int check(const Options& options, const Environment& environment, std::ostream& 
         }
         ++found;
         auto problems = manifestProblems(
-            *text, {target.family, options.hostPath, options.extensionIds(target.family)});
+            *text, {target.family, target.flatpakFolder ? target.launcherPath() : options.hostPath,
+                    options.extensionIds(target.family)});
         struct stat fileStatus {};
         if (options.scope == Scope::system && ::stat(path.c_str(), &fileStatus) == 0 &&
             (fileStatus.st_mode & S_IROTH) == 0) {
@@ -165,6 +224,9 @@ int remove(const Options& options, const Environment& environment, std::ostream&
         try {
             out << target.label() << (removeFile(path) ? ": removed " : ": not present ")
                 << path.string() << "\n";
+            if (target.flatpakFolder) {
+                removeFile(target.launcherPath());
+            }
         } catch (const std::system_error& error) {
             err << target.label() << ": cannot remove the manifest: " << error.what() << "\n";
             status = 1;
@@ -179,6 +241,16 @@ std::filesystem::path Target::manifestPath() const {
     return directory / manifestFileName();
 }
 
+std::filesystem::path Target::launcherPath() const {
+    return flatpakFolder.value_or(std::filesystem::path()) / "kerrow" / hostFileName;
+}
+
+bool Target::inUse() const {
+    return inUseFolders.empty() ||
+           std::any_of(inUseFolders.begin(), inUseFolders.end(),
+                       [](const auto& folder) { return std::filesystem::is_directory(folder); });
+}
+
 std::string Target::label() const {
     if (selected.empty()) {
         return "user data dir";
@@ -187,17 +259,27 @@ std::string Target::label() const {
     for (const Browser* browser : selected) {
         text += (text.empty() ? "" : "+") + std::string(browser->name);
     }
-    return text;
+    return flatpakFolder ? text + " (flatpak)" : text;
+}
+
+std::string launcherText(const std::filesystem::path& host) {
+    return "#!/bin/sh\n"
+           "# Written by kerrow-native-messaging-host-install. The browser runs in a Flatpak\n"
+           "# sandbox; the host runs outside it, with the session bus and the core service.\n"
+           "exec flatpak-spawn --host " +
+           shellQuoted(host.string()) + " \"$@\"\n";
+}
+
+std::vector<std::string> flatpakGrantCommand(std::string_view id) {
+    return {"flatpak", "override", "--user", "--talk-name=org.freedesktop.Flatpak",
+            std::string(id)};
 }
 
 std::vector<Target> selectTargets(const Options& options, const Environment& environment) {
     if (options.scope == Scope::userDataDir) {
-        return {Target{options.userDataDir / "NativeMessagingHosts",
-                       BrowserFamily::chromium,
-                       {},
-                       {},
-                       true,
-                       std::nullopt}};
+        Target target{options.userDataDir / "NativeMessagingHosts", BrowserFamily::chromium};
+        target.named = true;
+        return {target};
     }
     const bool all = options.browsers.empty();
     std::vector<const Browser*> browsers = options.browsers;
@@ -206,32 +288,53 @@ std::vector<Target> selectTargets(const Options& options, const Environment& env
             browsers.push_back(&browser);
         }
     }
+    const std::filesystem::path root = options.root.empty() ? "/" : options.root;
     std::vector<Target> targets;
     for (const Browser* browser : browsers) {
         if (options.scope == Scope::user) {
-            const auto folder = userDirectory(*browser, environment);
-            targets.push_back(Target{folder / browser->userManifestSubfolder,
-                                     browser->family,
-                                     {browser},
-                                     {browser},
-                                     !all,
-                                     folder});
-            continue;
-        }
-        const std::filesystem::path directory = browser->systemDirectory;
-        auto existing = std::find_if(targets.begin(), targets.end(),
-                                     [&](const Target& t) { return t.directory == directory; });
-        if (existing != targets.end()) {
-            existing->selected.push_back(browser);
-            continue;
-        }
-        Target target{directory, browser->family, {browser}, {}, !all, std::nullopt};
-        for (const Browser& reader : knownBrowsers()) {
-            if (reader.systemDirectory == browser->systemDirectory) {
-                target.readers.push_back(&reader);
+            Target target{resolve(browser->userManifests, environment),
+                          browser->family,
+                          {browser},
+                          {browser},
+                          !all};
+            for (const auto& folder : browser->inUse) {
+                if (!folder.path.empty()) {
+                    target.inUseFolders.push_back(resolve(folder, environment));
+                }
             }
+            targets.push_back(std::move(target));
+            if (!browser->flatpakId.empty()) {
+                const auto app = environment.home / ".var/app" / browser->flatpakId;
+                Target flatpak{
+                    app / browser->flatpakManifests, browser->family, {browser}, {browser}};
+                flatpak.inUseFolders = {app};
+                flatpak.flatpakFolder = app;
+                flatpak.flatpakId = browser->flatpakId;
+                targets.push_back(std::move(flatpak));
+            }
+            continue;
         }
-        targets.push_back(std::move(target));
+        for (const std::string_view system : browser->systemDirectories) {
+            if (system.empty() || (system.starts_with("/usr/lib64/") &&
+                                   !std::filesystem::is_directory(root / "usr/lib64"))) {
+                continue;
+            }
+            const auto directory = root / std::filesystem::path(system).relative_path();
+            auto existing = std::find_if(targets.begin(), targets.end(),
+                                         [&](const Target& t) { return t.directory == directory; });
+            if (existing != targets.end()) {
+                existing->selected.push_back(browser);
+                continue;
+            }
+            Target target{directory, browser->family, {browser}, {}, !all};
+            for (const Browser& reader : knownBrowsers()) {
+                const auto& readers = reader.systemDirectories;
+                if (std::find(readers.begin(), readers.end(), system) != readers.end()) {
+                    target.readers.push_back(&reader);
+                }
+            }
+            targets.push_back(std::move(target));
+        }
     }
     return targets;
 }
@@ -249,6 +352,8 @@ int run(const Options& options, const Environment& environment, std::ostream& ou
             return check(options, environment, out, err);
         case Action::remove:
             return remove(options, environment, out, err);
+        case Action::doctor:
+            return doctor(options, environment, out, err);
     }
     return 2;
 }

@@ -20,24 +20,46 @@ struct Environment {
     std::optional<std::filesystem::path> configHome;
     /// The folder holding the installer itself, where the host is looked for by default.
     std::filesystem::path programDirectory;
+
+    /// $XDG_CONFIG_HOME or ~/.config.
+    [[nodiscard]] std::filesystem::path configDirectory() const {
+        return configHome.value_or(home / ".config");
+    }
 };
+
+/// The launcher that a Flatpak browser starts in place of the host: a shell script running
+/// `flatpak-spawn --host <host> <arguments>`, which passes the standard streams through and
+/// forwards signals to the host.
+[[nodiscard]] std::string launcherText(const std::filesystem::path& host);
+
+/// The command that lets the Flatpak app `id` ask for the host to be started outside it.
+[[nodiscard]] std::vector<std::string> flatpakGrantCommand(std::string_view id);
 
 /// One manifest folder and the browsers that read it.
 struct Target {
     std::filesystem::path directory;
     BrowserFamily family = BrowserFamily::chromium;
     /// The selected browsers reading this folder (empty for a --user-data-dir folder).
-    std::vector<const Browser*> selected;
+    std::vector<const Browser*> selected = {};
     /// Every browser reading this folder in this scope; more than `selected` when a folder is
     /// shared with a browser that was not selected.
-    std::vector<const Browser*> readers;
+    std::vector<const Browser*> readers = {};
     /// Named on the command line (--browser or --user-data-dir), not implied by "every browser".
     bool named = false;
-    /// For the current user: the browser's own folder, whose absence means the browser is unused.
-    std::optional<std::filesystem::path> browserFolder;
+    /// For the current user: the folders of which any one tells that the browser is in use.
+    std::vector<std::filesystem::path> inUseFolders = {};
+    /// A Flatpak browser's folder: the manifest names a launcher written here
+    /// (launcherPath()), which starts the host outside the sandbox.
+    std::optional<std::filesystem::path> flatpakFolder = {};
+    /// The Flatpak app id (empty for a browser outside a sandbox).
+    std::string_view flatpakId = {};
+
+    /// True when no in-use folder is known or one of them exists.
+    [[nodiscard]] bool inUse() const;
+    [[nodiscard]] std::filesystem::path launcherPath() const;
 
     [[nodiscard]] std::filesystem::path manifestPath() const;
-    /// "chrome", "chrome+brave+vivaldi", "user data dir".
+    /// "chrome", "chrome+brave+vivaldi", "chromium (flatpak)", "user data dir".
     [[nodiscard]] std::string label() const;
 };
 
@@ -46,7 +68,7 @@ struct Target {
                                                 const Environment& environment);
 
 /// Runs the action; returns the exit status (0, 1 or 2 as the usage text says). Progress goes to
-/// `out`, failures to `err`.
+/// `out`, failures to `err`. The doctor lives in doctor.h.
 [[nodiscard]] int run(const Options& options, const Environment& environment, std::ostream& out,
                       std::ostream& err);
 

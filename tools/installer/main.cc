@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kerrow_version.h"
 #include "tools/installer/installer.h"
 #include "tools/installer/options.h"
 
@@ -43,6 +44,10 @@ int main(int argc, char** argv) {
     const auto& options = std::get<kerrow::installer::Options>(parsed);
     if (options.help) {
         std::cout << kerrow::installer::usageText(programName);
+        return 0;
+    }
+    if (options.version) {
+        std::cout << programName << " " << kerrow::projectVersion << "\n";
         return 0;
     }
     return kerrow::installer::run(options, processEnvironment(), std::cout, std::cerr);

@@ -84,7 +84,7 @@ std::optional<UsageError> addBrowser(Options& options, std::string_view name) {
 
 std::optional<UsageError> setAction(Options& options, Action action, bool& actionGiven) {
     if (actionGiven && options.action != action) {
-        return UsageError{"--check and --remove exclude each other"};
+        return UsageError{"--check, --remove and --doctor exclude each other"};
     }
     options.action = action;
     actionGiven = true;
@@ -102,6 +102,12 @@ std::optional<UsageError> validate(const Options& options, bool systemGiven) {
         return UsageError{
             "--user-data-dir is a Chromium-family profile folder; Firefox reads "
             "manifests only from ~/.mozilla or the system folder"};
+    }
+    if (!options.root.empty() && options.scope != Scope::system) {
+        return UsageError{"--root is for --system (a package's staging root)"};
+    }
+    if (options.json && options.action != Action::doctor) {
+        return UsageError{"--json is for --doctor"};
     }
     if (options.action != Action::install) {
         return std::nullopt;
@@ -131,7 +137,8 @@ std::variant<Options, UsageError> parseOptions(std::span<const std::string_view>
     while (!reader.done()) {
         const std::string_view option = reader.option();
         const bool takesValue = option == "--browser" || option == "--extension-id" ||
-                                option == "--host" || option == "--user-data-dir";
+                                option == "--host" || option == "--user-data-dir" ||
+                                option == "--root";
         if (!takesValue && reader.hasInlineValue()) {
             return UsageError{std::string(option) + " takes no value"};
         }
@@ -139,6 +146,15 @@ std::variant<Options, UsageError> parseOptions(std::span<const std::string_view>
         if (option == "--help" || option == "-h") {
             options.help = true;
             return options;
+        } else if (option == "--version") {
+            options.version = true;
+            return options;
+        } else if (option == "--doctor") {
+            error = setAction(options, Action::doctor, actionGiven);
+        } else if (option == "--json") {
+            options.json = true;
+        } else if (option == "--grant-flatpak") {
+            options.grantFlatpak = true;
         } else if (option == "--check") {
             error = setAction(options, Action::check, actionGiven);
         } else if (option == "--remove") {
@@ -157,6 +173,8 @@ std::variant<Options, UsageError> parseOptions(std::span<const std::string_view>
                 error = addBrowser(options, *value);
             } else if (option == "--extension-id") {
                 error = addExtensionId(options, *value);
+            } else if (option == "--root") {
+                options.root = std::filesystem::absolute(*value).lexically_normal();
             } else if (option == "--host") {
                 if (!value->starts_with('/')) {
                     return UsageError{"--host must be an absolute path, not '" +
@@ -183,36 +201,47 @@ std::variant<Options, UsageError> parseOptions(std::span<const std::string_view>
 std::string usageText(std::string_view programName) {
     const std::string name(programName);
     return "Usage: " + name + " [WHERE] [--browser NAME]... --extension-id ID... [--host PATH]\n" +
-           "       " + name +
-           " [WHERE] [--browser NAME]... [--extension-id ID]... [--host PATH] "
-           "--check\n" +
-           "       " + name + " [WHERE] [--browser NAME]... --remove\n" +
-           R"(
+           "       " + name + " [WHERE] [--browser NAME]... [--extension-id ID]... --check\n" +
+           "       " + name + " [WHERE] [--browser NAME]... --remove\n" + "       " + name +
+           " [--extension-id ID]... --doctor [--json]\n" + R"(
 Writes (default), verifies (--check) or removes (--remove) the manifest that lets a browser start
-the Kerrow native messaging host (com.kerrowsoftware.native_messaging_host).
+the Kerrow native messaging host (com.kerrowsoftware.native_messaging_host), or diagnoses the
+whole chain from browser to core service (--doctor).
 
 WHERE
   (none)               for the current user, in each browser's folder under $HOME
-                       (Chrome family: $XDG_CONFIG_HOME, default ~/.config)
-  --system             for every user (run as root): /etc/opt/chrome (also read by Brave and
-                       Vivaldi), /etc/chromium, /etc/opt/edge, /usr/lib/mozilla
+                       (Chrome family: $XDG_CONFIG_HOME, default ~/.config), and inside
+                       ~/.var/app/<id> for each browser installed as a Flatpak
+  --system             for every user (run as root): /etc/opt/chrome, /etc/chromium,
+                       /etc/opt/edge, /etc/opt/vivaldi, /usr/lib/mozilla (and /usr/lib64/mozilla
+                       where /usr/lib64 exists), /usr/lib/librewolf, /usr/lib/waterfox
+  --root DIR           with --system: write under DIR (a package's staging root)
   --user-data-dir DIR  for a Chromium-family browser started with --user-data-dir=DIR:
                        DIR/NativeMessagingHosts
 
-  --browser NAME       chrome, chromium, edge, brave, vivaldi or firefox; repeatable. Without it:
-                       every browser; for the current user only those whose folder exists
-                       (~/.config/google-chrome, ~/.mozilla, ...).
+  --browser NAME       )" +
+           browserNames() + R"(;
+                       repeatable. Without it: every browser; for the current user only those
+                       in use (~/.config/google-chrome, ~/.mozilla, ~/snap/firefox, ...).
   --extension-id ID    an extension allowed to start the host; repeatable. A Chrome extension
                        id is 32 letters a-p; a Firefox add-on id is name@domain or {GUID}.
-                       With --check: the manifest must allow exactly these.
+                       With --check or --doctor: the manifest must allow exactly these.
   --host PATH          the host binary, an absolute path. Default: kerrow-native-messaging-host
                        in this program's folder. With --check: the manifest must name it.
+  --grant-flatpak      run `flatpak override --user --talk-name=org.freedesktop.Flatpak <id>`
+                       for each Flatpak browser (otherwise the command is only printed)
   --check              verify each manifest: JSON, name, type, host executable, extension ids
   --remove             remove the manifests (a folder shared with a browser not named stays)
+  --doctor             check every manifest of every browser in use, each Flatpak launcher and
+                       permission, the session bus and the core service's socket; one line per
+                       finding, saying what to do
+  --json               with --doctor: the findings as JSON
+  --version            print the version
 
 Manifests are written atomically with mode 0644.
-Exit status: 0 done (or every manifest checked is sound), 1 a manifest is missing or unsound or
-could not be written or removed, 2 bad command line.
+Exit status: 0 done (or every manifest checked is sound, or the doctor found nothing wrong),
+1 a browser in use could not be registered, none was found, or a manifest or the chain is
+unsound, 2 bad command line.
 )";
 }
 

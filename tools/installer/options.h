@@ -14,7 +14,7 @@
 
 namespace kerrow::installer {
 
-enum class Action { install, check, remove };
+enum class Action { install, check, remove, doctor };
 enum class Scope {
     user,         ///< each browser's folder in the user's home
     system,       ///< the folders read for every user
@@ -32,7 +32,14 @@ struct Options {
     std::vector<std::string> firefoxExtensionIds;
     /// Absolute when set.
     std::optional<std::filesystem::path> hostPath;
+    /// Prefixed to every system folder (a package's staging root); empty for the real system.
+    std::filesystem::path root;
+    /// --grant-flatpak: run the permission command for each Flatpak browser, not only print it.
+    bool grantFlatpak = false;
+    /// --json: the doctor's findings as JSON.
+    bool json = false;
     bool help = false;
+    bool version = false;
 
     [[nodiscard]] const std::vector<std::string>& extensionIds(BrowserFamily family) const {
         return family == BrowserFamily::chromium ? chromiumExtensionIds : firefoxExtensionIds;
