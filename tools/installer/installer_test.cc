@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/support/host_process.h"
+#include "tests/support/private_bus.h"
 #include "tests/support/test_support.h"
 
 namespace kerrow::installer {
@@ -27,6 +28,16 @@ struct Outcome {
     std::string out;
     std::string err;
 };
+
+std::size_t manifestCount(const fs::path& root) {
+    std::size_t count = 0;
+    if (fs::exists(root)) {
+        for (const auto& entry : fs::recursive_directory_iterator(root)) {
+            count += entry.path().filename() == manifestName ? 1 : 0;
+        }
+    }
+    return count;
+}
 
 mode_t modeOf(const fs::path& path) {
     struct stat status {};
@@ -73,57 +84,83 @@ class InstallerTest : public ::testing::Test {
     fs::path host_;
 };
 
-TEST_F(InstallerTest, WritesChecksAndRemovesForTheBrowsersInUse) {
-    fs::create_directories(home_ / ".config/chromium");
-    fs::create_directories(home_ / ".mozilla");
-    const fs::path chromium = home_ / ".config/chromium/NativeMessagingHosts" / manifestName;
-    const fs::path firefox = home_ / ".mozilla/native-messaging-hosts" / manifestName;
-
-    const auto written = install(withIds({}));
-    ASSERT_EQ(written.status, 0) << written.err;
-    EXPECT_THAT(written.out, HasSubstr("chromium: wrote " + chromium.string()));
-    EXPECT_THAT(written.out, HasSubstr("firefox: wrote " + firefox.string()));
-    EXPECT_THAT(written.out, HasSubstr("chrome: skipped"));
-    EXPECT_FALSE(fs::exists(home_ / ".config/google-chrome"));
-    EXPECT_EQ(modeOf(chromium), 0644);
-
-    const auto chromiumManifest = nlohmann::json::parse(test::readFile(chromium));
-    EXPECT_EQ(chromiumManifest["path"], host_.string());
-    EXPECT_EQ(chromiumManifest["allowed_origins"],
-              nlohmann::json::array({"chrome-extension://" + std::string(chromeId) + "/"}));
-    EXPECT_EQ(nlohmann::json::parse(test::readFile(firefox))["allowed_extensions"],
-              nlohmann::json::array({firefoxId}));
-
-    const auto checked = install(withIds({"--check"}));
-    EXPECT_EQ(checked.status, 0) << checked.err;
-    EXPECT_THAT(checked.out, HasSubstr("chromium: ok " + chromium.string()));
-    EXPECT_THAT(checked.out, HasSubstr("firefox: ok " + firefox.string()));
-
-    const auto removed = install({"--remove"});
-    EXPECT_EQ(removed.status, 0) << removed.err;
-    EXPECT_THAT(removed.out, HasSubstr("chromium: removed " + chromium.string()));
-    EXPECT_FALSE(fs::exists(chromium));
-    EXPECT_FALSE(fs::exists(firefox));
-
-    const auto checkedAgain = install({"--check"});
-    EXPECT_EQ(checkedAgain.status, 1);
-    EXPECT_THAT(checkedAgain.err, HasSubstr("no manifest found"));
-}
-
-TEST_F(InstallerTest, NamedBrowserIsWrittenUnderXdgConfigHomeInAPrivateFolder) {
+TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
+    // The folders that tell a browser is in use, and the manifest folders written for them.
+    // "flatpak" ones must name an executable launcher in the app's folder.
+    const struct {
+        std::string inUse;
+        std::vector<std::string> manifests;
+    } cases[] = {
+        {"snap/firefox", {".mozilla/native-messaging-hosts"}},
+        {"config/mozilla", {".mozilla/native-messaging-hosts"}},
+        {".var/app/org.mozilla.firefox",
+         {".mozilla/native-messaging-hosts",
+          ".var/app/org.mozilla.firefox/.mozilla/native-messaging-hosts"}},
+        {".librewolf", {".librewolf/native-messaging-hosts"}},
+        {".waterfox", {".waterfox/native-messaging-hosts"}},
+        {".var/app/io.gitlab.librewolf-community",
+         {".var/app/io.gitlab.librewolf-community/.librewolf/native-messaging-hosts"}},
+        {".var/app/org.chromium.Chromium",
+         {".var/app/org.chromium.Chromium/config/chromium/NativeMessagingHosts"}},
+        {".var/app/com.brave.Browser",
+         {".var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser/NativeMessagingHosts"}},
+        {"config/google-chrome-unstable", {"config/google-chrome-unstable/NativeMessagingHosts"}},
+        {"config/microsoft-edge-dev", {"config/microsoft-edge-dev/NativeMessagingHosts"}},
+        {"config/BraveSoftware/Brave-Browser-Nightly",
+         {"config/BraveSoftware/Brave-Browser-Nightly/NativeMessagingHosts"}},
+        {"config/vivaldi-snapshot", {"config/vivaldi-snapshot/NativeMessagingHosts"}},
+        {"config/opera", {"config/opera/NativeMessagingHosts"}},
+    };
     const fs::path config = directory_.path() / "config";
-    const auto written =
-        install(withIds({"--browser", "edge"}), {{"XDG_CONFIG_HOME", config.string()}});
-    ASSERT_EQ(written.status, 0) << written.err;
-    EXPECT_TRUE(fs::exists(config / "microsoft-edge/NativeMessagingHosts" / manifestName));
-    EXPECT_EQ(modeOf(config / "microsoft-edge"), 0700);
-    EXPECT_FALSE(fs::exists(home_ / ".mozilla"));
+    const std::map<std::string, std::string> xdg{{"XDG_CONFIG_HOME", config.string()}};
+    for (const auto& [inUse, manifests] : cases) {
+        SCOPED_TRACE(inUse);
+        fs::remove_all(home_);
+        fs::remove_all(config);
+        fs::create_directories(inUse.starts_with("config/") ? directory_.path() / inUse
+                                                            : home_ / inUse);
+        const auto written = install(withIds({}), xdg);
+        ASSERT_EQ(written.status, 0) << written.err;
+        EXPECT_EQ(manifestCount(home_) + manifestCount(config), manifests.size());
+        for (const fs::path folder : manifests) {
+            const fs::path base = *folder.begin() == "config" ? directory_.path() : home_;
+            const auto text = test::readFile(base / folder / manifestName);
+            ASSERT_FALSE(text.empty()) << folder;
+            const fs::path named = nlohmann::json::parse(text)["path"].get<std::string>();
+            if (*folder.begin() != ".var") {
+                EXPECT_EQ(named, host_);
+                continue;
+            }
+            const fs::path app = home_ / ".var/app" / *std::next(folder.begin(), 2);
+            EXPECT_EQ(named, app / "kerrow/kerrow-native-messaging-host");
+            EXPECT_EQ(modeOf(named), 0755);
+            EXPECT_THAT(test::readFile(named),
+                        HasSubstr("exec flatpak-spawn --host '" + host_.string() + "' \"$@\""));
+            EXPECT_THAT(written.out,
+                        HasSubstr("flatpak override --user --talk-name=org.freedesktop.Flatpak " +
+                                  std::next(folder.begin(), 2)->string()));
+        }
+        EXPECT_EQ(install(withIds({"--check"}), xdg).status, 0);
+        const auto removed = install({"--remove"}, xdg);
+        EXPECT_EQ(removed.status, 0) << removed.err;
+        EXPECT_EQ(install({"--check"}, xdg).status, 1);
+    }
 
-    const auto missing = install({"--check", "--browser", "edge", "--browser", "chrome"},
-                                 {{"XDG_CONFIG_HOME", config.string()}});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_THAT(missing.out, HasSubstr("edge: ok"));
-    EXPECT_THAT(missing.err, HasSubstr("chrome: missing " + (config / "google-chrome").string()));
+    fs::remove_all(home_);
+    fs::create_directories(home_);
+    const auto empty = install(withIds({}));
+    EXPECT_EQ(empty.status, 1);
+    EXPECT_THAT(empty.err, HasSubstr("no browser found in use"));
+
+    // A browser in use whose family has no id is reported, and the others still registered.
+    fs::create_directories(home_ / ".mozilla");
+    fs::create_directories(home_ / ".config/chromium");
+    const auto partial =
+        install({"--extension-id", std::string(chromeId), "--host", host_.string()});
+    EXPECT_EQ(partial.status, 1);
+    EXPECT_THAT(partial.err, HasSubstr("firefox: not registered: no Firefox family extension id"));
+    EXPECT_TRUE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts" / manifestName));
+    EXPECT_EQ(modeOf(home_ / ".config/chromium/NativeMessagingHosts"), 0700);
 }
 
 TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
@@ -163,13 +200,15 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
     } cases[] = {
         {{"--extension-id", "kerrow"}, "'kerrow' is neither a Chrome extension id"},
         {{"--extension-id", id + "a"}, "is neither a Chrome extension id"},
-        {{"--browser", "opera", "--extension-id", id}, "unknown browser 'opera' (known: chrome,"},
+        {{"--browser", "mosaic", "--extension-id", id}, "unknown browser 'mosaic' (known: chrome,"},
         {{"--host", "bin/host", "--extension-id", id}, "--host must be an absolute path"},
         {{"--host", "/nonexistent/kerrow-host", "--extension-id", id},
          "host binary \"/nonexistent/kerrow-host\" does not exist"},
         {{"--browser", "firefox", "--extension-id", id}, "--browser firefox needs a Firefox"},
+        {{"--root", "/tmp/stage", "--extension-id", id}, "--root is for --system"},
+        {{"--json"}, "--json is for --doctor"},
         {{"--host", host_.string()}, "give at least one --extension-id"},
-        {{"--check", "--remove"}, "--check and --remove exclude each other"},
+        {{"--check", "--remove"}, "--check, --remove and --doctor exclude"},
         {{"--system", "--user-data-dir", "/tmp/p", "--extension-id", id}, "exclude each other"},
         {{"--user-data-dir", "/tmp/p", "--browser", "firefox"}, "Chromium-family profile folder"},
         {{"--browser"}, "--browser needs a value"},
@@ -188,28 +227,72 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
     EXPECT_THAT(homeless.err, HasSubstr("HOME is not an absolute path"));
 }
 
-TEST_F(InstallerTest, SharedSystemFolderStaysWhenOnlyOneOfItsBrowsersIsRemoved) {
-    // Touches nothing: Google Chrome's folder is also read by Chrome and Vivaldi.
-    const auto kept = install({"--system", "--browser", "brave", "--remove"});
+TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
+    const fs::path root = directory_.path() / "stage";
+    fs::create_directories(root / "usr/lib64");  // as on Fedora and openSUSE
+    const auto written = install(withIds({"--system", "--root", root.string()}));
+    ASSERT_EQ(written.status, 0) << written.err;
+    std::vector<std::string> folders;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::end(it); ++it) {
+        if (it->path().filename() == manifestName) {
+            folders.push_back(it->path().parent_path().lexically_relative(root).string());
+            EXPECT_EQ(modeOf(it->path()), 0644);
+        }
+    }
+    std::sort(folders.begin(), folders.end());
+    EXPECT_EQ(folders, (std::vector<std::string>{
+                           "etc/chromium/native-messaging-hosts",
+                           "etc/opt/chrome/native-messaging-hosts",
+                           "etc/opt/edge/native-messaging-hosts",
+                           "etc/opt/vivaldi/native-messaging-hosts",
+                           "usr/lib/librewolf/native-messaging-hosts",
+                           "usr/lib/mozilla/native-messaging-hosts",
+                           "usr/lib/waterfox/native-messaging-hosts",
+                           "usr/lib64/mozilla/native-messaging-hosts",
+                       }));
+    // Google Chrome's folder stays while another of its readers is not named.
+    const auto kept =
+        install({"--system", "--root", root.string(), "--browser", "brave", "--remove"});
     EXPECT_EQ(kept.status, 0) << kept.err;
-    EXPECT_EQ(kept.out, "brave: kept /etc/opt/chrome/native-messaging-hosts/" +
-                            std::string(manifestName) + ", also read by chrome, vivaldi\n");
+    EXPECT_THAT(kept.out,
+                HasSubstr("brave: kept " +
+                          (root / "etc/opt/chrome/native-messaging-hosts" / manifestName).string() +
+                          ", also read by chrome, chrome-beta,"));
 }
 
-TEST(SelectTargetsTest, SystemScopeHasOneEntryPerFolder) {
-    Options options;
-    options.scope = Scope::system;
-    const auto targets = selectTargets(options, Environment{});
-    std::vector<std::string> described;
-    for (const auto& target : targets) {
-        described.push_back(target.label() + " " + target.directory.string());
-    }
-    EXPECT_EQ(described, (std::vector<std::string>{
-                             "chrome+brave+vivaldi /etc/opt/chrome/native-messaging-hosts",
-                             "chromium /etc/chromium/native-messaging-hosts",
-                             "edge /etc/opt/edge/native-messaging-hosts",
-                             "firefox /usr/lib/mozilla/native-messaging-hosts",
-                         }));
+TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
+    const fs::path runtime = directory_.path() / "runtime";
+    fs::create_directories(runtime);
+    ::chmod(runtime.c_str(), 0700);
+    test::PrivateBus bus;
+    test::TestCoreService core(runtime / "kerrow/browser.sock");
+    fs::create_directories(home_ / ".config/chromium");
+    ASSERT_EQ(install(withIds({})).status, 0);
+    std::map<std::string, std::string> environment{{"XDG_RUNTIME_DIR", runtime.string()},
+                                                   {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
+
+    const auto sound = install({"--doctor", "--extension-id", std::string(chromeId)}, environment);
+    EXPECT_EQ(sound.status, 0) << sound.out;
+    EXPECT_THAT(sound.out, HasSubstr("ok       session bus: reachable"));
+    EXPECT_THAT(sound.out, HasSubstr("trusted, and the core service listens"));
+
+    fs::remove(host_);
+    ::chmod((runtime / "kerrow").c_str(), 0777);
+    environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (runtime / "nobus").string();
+    const auto broken = install({"--doctor"}, environment);
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_THAT(
+        broken.out,
+        HasSubstr("PROBLEM  chromium: manifest " +
+                  (home_ / ".config/chromium/NativeMessagingHosts" / manifestName).string() +
+                  ": host " + host_.string() + " does not exist"));
+    EXPECT_THAT(broken.out, HasSubstr("PROBLEM  session bus: unreachable"));
+    EXPECT_THAT(broken.out, HasSubstr("PROBLEM  core service socket: "));
+    EXPECT_THAT(broken.out, HasSubstr("writable by group or others"));
+
+    const auto json = nlohmann::json::parse(install({"--doctor", "--json"}, environment).out);
+    EXPECT_EQ(json["ok"], false);
+    EXPECT_EQ(json["findings"].size(), 3U);
 }
 
 }  // namespace
