@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Real browsers drive the real host.
 
-A headless browser with a fresh profile loads the test extension (extension/), which connects to
-the host with runtime.connectNative; the host's manifest is written by the installer exactly as a
-user would write it. A test core service answers the host's announcement on a private session bus
-and listens at the host's browser socket. The run passes when
+A headless browser with a fresh profile in its default place loads the test extension (extension/),
+which connects to the host with runtime.connectNative; the host's manifest is written by the
+installer exactly as a person would write it, into a home that holds nothing else (for Firefox,
+only the XDG profile layout of Firefox 147 and later). A test core service answers the host's
+announcement on a private session bus and listens at the host's browser socket. The run passes when
 
   - the extension's tab list reaches the core service with the kerrow.tabList suffix, unchanged;
   - the core service's kerrow.closeTab-42 reaches the extension as a closeTab message, which the
@@ -60,7 +61,9 @@ def firefox_addon_id(manifest: Path) -> str:
 
 
 def run_installer(installer: Path, arguments: List[str], env: Dict[str, str]) -> None:
-    for extra in ([], ["--check"]):
+    ids = ["--extension-id", chromium_extension_id(EXTENSION / "manifest.json"),
+           "--extension-id", firefox_addon_id(EXTENSION / "manifest.json")]
+    for extra in (ids, ["--check"]):
         result = subprocess.run([str(installer), *arguments, *extra], env=env, capture_output=True,
                                 text=True, timeout=30, check=False)
         if result.returncode != 0:
@@ -79,14 +82,15 @@ class Chromium:
                             if candidate and os.access(candidate, os.X_OK)), None)
         if self.binary is None:
             raise TestFailure("chromium is not installed (scripts/install-deps installs it)")
-        self.profile = folder.root / "profile"
+        # Headless Chromium takes a throw-away profile unless told its default one.
+        self.profile = folder.home / ".config" / "chromium"
         self.extension = extension
         self.extension_id = chromium_extension_id(extension / "manifest.json")
 
-    def register_host(self, installer: Path, host: Path, env: Dict[str, str]) -> None:
-        # With --user-data-dir, Chromium reads host manifests only from <dir>/NativeMessagingHosts.
-        run_installer(installer, ["--user-data-dir", str(self.profile), "--extension-id",
-                                  self.extension_id, "--host", str(host)], env)
+    @staticmethod
+    def register_host(installer: Path, host: Path, env: Dict[str, str]) -> None:
+        # Before the first start, as a person installing first would: the browser is named.
+        run_installer(installer, ["--browser", "chromium", "--host", str(host)], env)
 
     def host_arguments(self) -> List[str]:
         return [f"chrome-extension://{self.extension_id}/"]
@@ -112,18 +116,19 @@ class Firefox:
         if self.binary is None:
             raise TestFailure("firefox-esr is not installed (scripts/install-deps installs it)")
         self.home = folder.home
-        self.profile = folder.root / "profile"
-        self.profile.mkdir()
+        # Firefox 147 and later keep a new profile under $XDG_CONFIG_HOME/mozilla.
+        self.profile = folder.home / ".config" / "mozilla" / "firefox" / "test.default"
+        self.profile.mkdir(parents=True)
         # Marionette listens on a free port and writes it to <profile>/MarionetteActivePort, so
         # runs never collide on 2828; Marionette sets its own quiet, offline preferences.
         (self.profile / "user.js").write_text('user_pref("marionette.port", 0);\n')
         self.extension = extension
         self.addon_id = firefox_addon_id(extension / "manifest.json")
 
-    def register_host(self, installer: Path, host: Path, env: Dict[str, str]) -> None:
-        # Firefox reads user manifests only from $HOME/.mozilla/native-messaging-hosts.
-        run_installer(installer, ["--browser", "firefox", "--extension-id", self.addon_id,
-                                  "--host", str(host)], env)
+    @staticmethod
+    def register_host(installer: Path, host: Path, env: Dict[str, str]) -> None:
+        # Found through the XDG profile; the manifest still goes to ~/.mozilla, which Firefox reads.
+        run_installer(installer, ["--host", str(host)], env)
 
     def host_arguments(self) -> List[str]:
         return [str(self.home / ".mozilla" / "native-messaging-hosts" / MANIFEST_NAME),
