@@ -87,10 +87,8 @@ class Chromium:
         self.extension = extension
         self.extension_id = chromium_extension_id(extension / "manifest.json")
 
-    @staticmethod
-    def register_host(installer: Path, host: Path, env: Dict[str, str]) -> None:
-        # Before the first start, as a person installing first would: the browser is named.
-        run_installer(installer, ["--browser", "chromium", "--host", str(host)], env)
+    # Registered before its first start, as a person installing first would: by name.
+    installer_arguments = ["--browser", "chromium"]
 
     def host_arguments(self) -> List[str]:
         return [f"chrome-extension://{self.extension_id}/"]
@@ -125,10 +123,8 @@ class Firefox:
         self.extension = extension
         self.addon_id = firefox_addon_id(extension / "manifest.json")
 
-    @staticmethod
-    def register_host(installer: Path, host: Path, env: Dict[str, str]) -> None:
-        # Found through the XDG profile; the manifest still goes to ~/.mozilla, which Firefox reads.
-        run_installer(installer, ["--host", str(host)], env)
+    # Found through the XDG profile; the manifest still goes to ~/.mozilla, which Firefox reads.
+    installer_arguments: List[str] = []
 
     def host_arguments(self) -> List[str]:
         return [str(self.home / ".mozilla" / "native-messaging-hosts" / MANIFEST_NAME),
@@ -195,7 +191,8 @@ class Scenario:
         self.bus = PrivateBus(self.processes, self.folder)
         self.core = TestCoreService(self.folder)
         env = self.folder.environment(self.bus.address)
-        self.browser.register_host(self.installer, self.host, env)
+        run_installer(self.installer, [*self.browser.installer_arguments, "--host", str(self.host)],
+                      env)
         self.mark("setup")
         browser = self.browser.launch(self.processes, env, self.browser_log)
         self.mark("browser started")

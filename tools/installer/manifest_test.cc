@@ -11,6 +11,7 @@
 namespace kerrow::installer {
 namespace {
 
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 TEST(ExtensionIdTest, ChromeIdsAreThirtyTwoLettersFromAToP) {
@@ -57,17 +58,11 @@ TEST(ManifestTextTest, ChromeFamilyManifestListsOrigins) {
 }
 
 TEST(ManifestTextTest, FirefoxManifestListsAddOnIdsAndEscapesThePath) {
-    EXPECT_EQ(manifestText(BrowserFamily::firefox, "/opt/a \"b\"\\c/host", {"x@kerrow.example"}),
-              R"({
-  "name": "com.kerrowsoftware.native_messaging_host",
-  "description": "Kerrow native messaging host",
-  "path": "/opt/a \"b\"\\c/host",
-  "type": "stdio",
-  "allowed_extensions": [
-    "x@kerrow.example"
-  ]
-}
-)");
+    const auto text = manifestText(BrowserFamily::firefox, "/opt/a \"b\"\\c/host", {"x@k.example"});
+    EXPECT_THAT(text, HasSubstr(R"("path": "/opt/a \"b\"\\c/host",)"));
+    EXPECT_THAT(text, HasSubstr(R"("allowed_extensions": [
+    "x@k.example"
+  ])"));
 }
 
 class ManifestProblemsTest : public ::testing::Test {
@@ -89,18 +84,6 @@ class ManifestProblemsTest : public ::testing::Test {
     const std::string origin_ = R"(["chrome-extension://pjemfmlmnlcehcppgfmabofnjojcgifc/"])";
 };
 
-TEST_F(ManifestProblemsTest, WrittenManifestsPassTheirOwnCheck) {
-    const std::vector<std::string> chromeIds{"pjemfmlmnlcehcppgfmabofnjojcgifc"};
-    EXPECT_THAT(manifestProblems(manifestText(BrowserFamily::chromium, host_, chromeIds),
-                                 {BrowserFamily::chromium, host_, chromeIds}),
-                IsEmpty());
-    const std::vector<std::string> firefoxIds{"a@kerrow.example",
-                                              "{daf44bf7-a45e-4450-979c-91cf07434c3d}"};
-    EXPECT_THAT(manifestProblems(manifestText(BrowserFamily::firefox, host_, firefoxIds),
-                                 {BrowserFamily::firefox, std::nullopt, {}}),
-                IsEmpty());
-}
-
 TEST_F(ManifestProblemsTest, NamesEveryBrokenMember) {
     const auto problemsOf = [](std::string_view text) {
         return manifestProblems(text, {BrowserFamily::chromium, std::nullopt, {}});
@@ -121,22 +104,6 @@ TEST_F(ManifestProblemsTest, NamesEveryBrokenMember) {
     EXPECT_EQ(problemsOf(chromeManifest(host_.string(), R"(["chrome-extension://abc/"])")),
               std::vector<std::string>{"allowed_origins entry \"chrome-extension://abc/\" is not "
                                        "chrome-extension://<32 letters a-p>/"});
-}
-
-TEST_F(ManifestProblemsTest, HostMustExistAndBeExecutable) {
-    const auto problemsOf = [&](const std::filesystem::path& path) {
-        return manifestProblems(chromeManifest(path.string(), origin_),
-                                {BrowserFamily::chromium, std::nullopt, {}});
-    };
-    EXPECT_EQ(problemsOf(directory_.path() / "missing"),
-              std::vector<std::string>{"host " + (directory_.path() / "missing").string() +
-                                       " does not exist or is not a file"});
-    EXPECT_EQ(problemsOf(directory_.path()),
-              std::vector<std::string>{"host " + directory_.path().string() +
-                                       " does not exist or is not a file"});
-    ::chmod(host_.c_str(), 0644);  // no execute bit: not even root may run it
-    EXPECT_EQ(problemsOf(host_),
-              std::vector<std::string>{"host " + host_.string() + " is not executable"});
 }
 
 TEST_F(ManifestProblemsTest, ExpectationsPinPathAndExactIdSet) {
