@@ -7,9 +7,7 @@
 
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <system_error>
 
 #include "kit/socket_helper.h"
@@ -17,6 +15,7 @@
 #include "platform/descriptor.h"
 #include "platform/distributed_notification_center.h"
 #include "tools/installer/manifest.h"
+#include "tools/installer/manifest_file.h"
 
 namespace kerrow::installer {
 namespace {
@@ -25,24 +24,6 @@ namespace {
 constexpr std::string_view probeName = "com.kerrowsoftware.nativeMessagingHostDoctorProbe";
 constexpr auto busTimeout = std::chrono::seconds(2);
 constexpr std::string_view installCommand = "kerrow-native-messaging-host-install";
-
-std::optional<std::string> readText(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream) {
-        return std::nullopt;
-    }
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
-std::string joined(const std::vector<std::string>& parts, std::string_view separator) {
-    std::string text;
-    for (const auto& part : parts) {
-        text += (text.empty() ? "" : std::string(separator)) + part;
-    }
-    return text;
-}
 
 // The findings of one manifest file; false when it is missing.
 bool checkManifest(const Target& target, const std::string& subject, const Options& options,

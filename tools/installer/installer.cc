@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <sstream>
 #include <system_error>
 
 #include "tools/installer/doctor.h"
@@ -57,17 +55,14 @@ bool runCommand(const std::vector<std::string>& command) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// Writes the Flatpak launcher beside the manifest's app folder and asks for (or grants) the
-// permission it needs; false when the grant was asked for and failed.
+// Writes the Flatpak launcher into the app's folder and asks for (or grants) the permission it
+// needs; false when the grant was asked for and failed.
 bool setUpFlatpak(const Target& target, const std::filesystem::path& host, const Options& options,
                   std::ostream& out, std::ostream& err) {
     createDirectories(target.launcherPath().parent_path(), userFolderMode);
     writeFileAtomically(target.launcherPath(), launcherText(host), launcherMode);
     const auto command = flatpakGrantCommand(target.flatpakId);
-    std::string line;
-    for (const auto& part : command) {
-        line += (line.empty() ? "" : " ") + part;
-    }
+    const auto line = joined(command, " ");
     if (!options.grantFlatpak) {
         out << target.label() << ": the browser needs permission to start the host: " << line
             << "\n";
@@ -79,24 +74,6 @@ bool setUpFlatpak(const Target& target, const std::filesystem::path& host, const
     }
     err << target.label() << ": FAILED: " << line << "\n";
     return false;
-}
-
-std::optional<std::string> readFile(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    if (!stream) {
-        return std::nullopt;
-    }
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
-std::string joined(const std::vector<std::string>& parts) {
-    std::string text;
-    for (const auto& part : parts) {
-        text += (text.empty() ? "" : "; ") + part;
-    }
-    return text;
 }
 
 // The host the manifest should name, or a usage error on `err`.
@@ -170,7 +147,7 @@ int check(const Options& options, const Environment& environment, std::ostream& 
     int found = 0;
     for (const Target& target : selectTargets(options, environment)) {
         const auto path = target.manifestPath();
-        const auto text = readFile(path);
+        const auto text = readText(path);
         if (!text) {
             if (target.named) {
                 err << target.label() << ": missing " << path.string() << "\n";
@@ -192,7 +169,7 @@ int check(const Options& options, const Environment& environment, std::ostream& 
         if (problems.empty()) {
             out << target.label() << ": ok " << path.string() << "\n";
         } else {
-            err << target.label() << ": FAILED " << path.string() << ": " << joined(problems)
+            err << target.label() << ": FAILED " << path.string() << ": " << joined(problems, "; ")
                 << "\n";
             status = 1;
         }

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -114,6 +116,24 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view tex
     TemporaryFile file(path);
     file.write(text);
     file.commit(path, mode);
+}
+
+std::optional<std::string> readText(const std::filesystem::path& path) {
+    std::ifstream stream(path, std::ios::binary);
+    if (!stream) {
+        return std::nullopt;
+    }
+    std::ostringstream text;
+    text << stream.rdbuf();
+    return text.str();
+}
+
+std::string joined(const std::vector<std::string>& parts, std::string_view separator) {
+    std::string text;
+    for (const auto& part : parts) {
+        text += (text.empty() ? "" : std::string(separator)) + part;
+    }
+    return text;
 }
 
 bool removeFile(const std::filesystem::path& path) {
