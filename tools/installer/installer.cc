@@ -133,6 +133,12 @@ int install(const Options& options, const Environment& environment, std::ostream
             status = 1;
         }
     }
+    if (options.scope == Scope::user && options.browsers.empty() &&
+        std::filesystem::is_directory(environment.home / "snap/chromium")) {
+        err << "chromium (snap): not registered: the snap of Chromium cannot start native "
+               "messaging hosts\n";
+        status = 1;
+    }
     if (written == 0 && status == 0) {
         err << "no manifest written: no browser found in use here (looked for ~/.mozilla, "
                "~/.config/google-chrome, ~/.var/app/<id>, ...); name one with --browser\n";

@@ -152,13 +152,15 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     EXPECT_EQ(empty.status, 1);
     EXPECT_THAT(empty.err, HasSubstr("no browser found in use"));
 
-    // A browser in use whose family has no id is reported, and the others still registered.
+    // A browser in use that cannot be registered is reported, and the others still registered.
     fs::create_directories(home_ / ".mozilla");
     fs::create_directories(home_ / ".config/chromium");
+    fs::create_directories(home_ / "snap/chromium");
     const auto partial =
         install({"--extension-id", std::string(chromeId), "--host", host_.string()});
     EXPECT_EQ(partial.status, 1);
     EXPECT_THAT(partial.err, HasSubstr("firefox: not registered: no Firefox family extension id"));
+    EXPECT_THAT(partial.err, HasSubstr("chromium (snap): not registered: the snap of Chromium"));
     EXPECT_TRUE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts" / manifestName));
     EXPECT_EQ(modeOf(home_ / ".config/chromium/NativeMessagingHosts"), 0700);
 }
