@@ -267,9 +267,6 @@ class PrivateBus:
         self.monitor.wait_for(lambda lines: any("member=NameLost" in line for line in lines), 10,
                               "dbus-monitor to start monitoring")
 
-    def notification_count(self, name: str) -> int:
-        return sum(1 for line in self.monitor.lines if line.strip() == f'string "{name}"')
-
     def wait_for_notification(self, name: str, seconds: float) -> None:
         self.monitor.wait_for(
             lambda lines: any(line.strip() == f'string "{name}"' for line in lines), seconds,
