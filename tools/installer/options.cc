@@ -54,6 +54,28 @@ std::string browserNames() {
     return names;
 }
 
+// `text` cut at spaces into lines of the help's second column, each line started anew.
+std::string wrapped(const std::string& text) {
+    constexpr std::size_t indent = 23;
+    constexpr std::size_t width = 99;
+    std::string lines;
+    std::size_t column = width;
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = std::min(text.find(' ', start), text.size());
+        if (column + 1 + (end - start) > width) {
+            lines += "\n" + std::string(indent, ' ');
+            column = indent;
+        } else {
+            lines += ' ';
+            ++column;
+        }
+        lines += text.substr(start, end - start);
+        column += end - start;
+        start = end + 1;
+    }
+    return lines;
+}
+
 std::optional<UsageError> addExtensionId(Options& options, std::string_view id) {
     const auto family = extensionIdFamily(id);
     if (!family) {
@@ -219,10 +241,10 @@ WHERE
   --user-data-dir DIR  for a Chromium-family browser started with --user-data-dir=DIR:
                        DIR/NativeMessagingHosts
 
-  --browser NAME       )" +
-           browserNames() + R"(;
-                       repeatable. Without it: every browser; for the current user only those
-                       in use (~/.config/google-chrome, ~/.mozilla, ~/snap/firefox, ...).
+  --browser NAME       a browser below; repeatable. Without it: every browser; for the current
+                       user only those in use (~/.config/google-chrome, ~/.mozilla,
+                       ~/snap/firefox, ~/.var/app/<id>, ...):)" +
+           wrapped(browserNames()) + R"(
   --extension-id ID    an extension allowed to start the host; repeatable. A Chrome extension
                        id is 32 letters a-p; a Firefox add-on id is name@domain or {GUID}.
                        With --check or --doctor: the manifest must allow exactly these.
