@@ -43,17 +43,33 @@ class CommandTest : public ::testing::Test {
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
-TEST_F(CommandTest, CloseTabWritesTheEnvelopeAnnouncedByItsExactText) {
+TEST_F(CommandTest, EachCommandWritesItsEnvelopeAnnouncedByItsExactText) {
     channel->closeTab("42");
-    channel->closeTab("-7");
     channel->closeTab("+5");
-    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"closeTab","payload":{"id":42}})",
-                                                  R"({"action":"closeTab","payload":{"id":-7}})",
-                                                  R"({"action":"closeTab","payload":{"id":5}})"}));
-    EXPECT_EQ(logLines(), (std::vector<std::string>{
-                              R"(info Closing Tab: {"action":"closeTab","payload":{"id":42}})",
-                              R"(info Closing Tab: {"action":"closeTab","payload":{"id":-7}})",
-                              R"(info Closing Tab: {"action":"closeTab","payload":{"id":5}})"}));
+    channel->disableInternet(R"(say "no" to a/b\c)");
+    channel->enableInternet();
+    channel->setWebsiteList(
+        dataFromText(R"({"name":"S","websites":["c.example","a.example/x"],"listType":0})"));
+    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":[],"listType":1})"));
+    // A list of neither kind clears allow, then block.
+    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":["x"],"listType":2})"));
+    const std::vector<std::string> written = {
+        R"({"action":"closeTab","payload":{"id":42}})",
+        R"({"action":"closeTab","payload":{"id":5}})",
+        R"({"action":"disableWeb","payload":"say \"no\" to a\/b\\c"})",
+        R"({"action":"enableWeb","payload":{}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example\/x"]}})",
+        R"({"action":"setBlacklist","payload":{"blacklist":[]}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
+        R"({"action":"setBlacklist","payload":{"blacklist":[]}})"};
+    EXPECT_EQ(frames(), written);
+    EXPECT_EQ(
+        logLines(),
+        (std::vector<std::string>{
+            "info Closing Tab: " + written[0], "info Closing Tab: " + written[1],
+            "info Disabling Internet: " + written[2], "info Enabling Internet: " + written[3],
+            "info Setting Website List: " + written[4], "info Setting Website List: " + written[5],
+            "info Clearing Allow Website Lists", "info Clearing Block Website Lists"}));
 }
 
 TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
@@ -84,51 +100,6 @@ TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
     for (std::size_t index = 0; index < refused.size(); ++index) {
         EXPECT_EQ(lines[index], "info Could not cast to Int: " + refused[index]);
     }
-}
-
-TEST_F(CommandTest, DisableInternetCarriesTheTextAsAnEscapedString) {
-    channel->disableInternet(R"(say "no" to a/b\c)");
-    channel->disableInternet("abc");
-    EXPECT_EQ(frames(), (std::vector<std::string>{
-                            R"({"action":"disableWeb","payload":"say \"no\" to a\/b\\c"})",
-                            R"({"action":"disableWeb","payload":"abc"})"}));
-    EXPECT_EQ(
-        logLines(),
-        (std::vector<std::string>{
-            R"(info Disabling Internet: {"action":"disableWeb","payload":"say \"no\" to a\/b\\c"})",
-            R"(info Disabling Internet: {"action":"disableWeb","payload":"abc"})"}));
-}
-
-TEST_F(CommandTest, EnableInternetWritesTheEmptyPayload) {
-    channel->enableInternet();
-    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"enableWeb","payload":{}})"}));
-    EXPECT_EQ(logLines(), (std::vector<std::string>{
-                              R"(info Enabling Internet: {"action":"enableWeb","payload":{}})"}));
-}
-
-TEST_F(CommandTest, WebsiteListsBecomeAllowOrBlockEnvelopesInTheirOrder) {
-    channel->setWebsiteList(dataFromText(
-        R"({"name":"School","websites":["c.example","a.example/x","c.example"],"listType":0})"));
-    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":[],"listType":1})"));
-    EXPECT_EQ(
-        frames(),
-        (std::vector<std::string>{
-            R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example\/x","c.example"]}})",
-            R"({"action":"setBlacklist","payload":{"blacklist":[]}})"}));
-    EXPECT_EQ(
-        logLines(),
-        (std::vector<std::string>{
-            R"(info Setting Website List: {"action":"setWhitelist","payload":{"whitelist":["c.example","a.example\/x","c.example"]}})",
-            R"(info Setting Website List: {"action":"setBlacklist","payload":{"blacklist":[]}})"}));
-}
-
-TEST_F(CommandTest, AListOfNeitherKindClearsAllowThenBlock) {
-    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":["x"],"listType":2})"));
-    EXPECT_EQ(frames(), (std::vector<std::string>{
-                            R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
-                            R"({"action":"setBlacklist","payload":{"blacklist":[]}})"}));
-    EXPECT_EQ(logLines(), (std::vector<std::string>{"info Clearing Allow Website Lists",
-                                                    "info Clearing Block Website Lists"}));
 }
 
 TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
