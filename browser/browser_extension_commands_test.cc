@@ -10,7 +10,6 @@ namespace kerrow {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace std::string_literals;
 
 // A channel whose standard output is a pipe; its log goes to a private directory.
 class CommandTest : public ::testing::Test {
