@@ -83,7 +83,7 @@ def write(results, path):
         out.append('<rect x="%d" y="%d" width="14" height="4" fill="%s"/>' % (legend_x, HEIGHT + 6, colour))
         out.append('<text x="%d" y="%d" font-size="11">%s</text>' % (legend_x + 18, HEIGHT + 12, label))
         legend_x += 30 + 7 * len(label)
-    out.append('<text x="%d" y="%d" font-size="10" fill="#555">solid: streamed; dashed: paced; median '
-               'of the rounds; bars: min–max; log scales</text>' % (legend_x + 10, HEIGHT + 12))
+    out.append('<text x="%d" y="%d" font-size="10" fill="#555">solid: streamed, dashed: paced; '
+               'medians, bars min–max; log scales</text>' % (legend_x + 10, HEIGHT + 12))
     out.append('</svg>')
     path.write_text('\n'.join(out) + '\n')
