@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "kit/const.h"
+#include "kit/frame_codec.h"
 
 namespace {
 
@@ -111,9 +112,8 @@ bool writeAll(int fd, iovec* parts, int count) {
 }
 
 void putLength(char* out, std::size_t length) {
-    for (int i = 0; i < 4; ++i) {
-        out[i] = static_cast<char>((length >> (8 * i)) & 0xFF);
-    }
+    const auto header = kerrow::encodeFrameLength(length);
+    std::memcpy(out, header.data(), header.size());
 }
 
 std::string socketPath() {
@@ -309,8 +309,7 @@ void readCommands(CoreLink& link) {
             }
             continue;
         }
-        std::uint32_t length = 0;
-        std::memcpy(&length, prefix, 4);  // little-endian, as the machine
+        const std::uint32_t length = kerrow::decodeFrameLength(std::string_view(prefix, 4));
         command.resize(length);
         if (readExactly(fd, command.data(), length)) {
             route(command);
@@ -333,8 +332,8 @@ int main() {
         if (!input.fill(4)) {
             _exit(0);
         }
-        std::int32_t length = 0;
-        std::memcpy(&length, input.data(), 4);
+        const auto length =
+            static_cast<std::int32_t>(kerrow::decodeFrameLength(std::string_view(input.data(), 4)));
         if (length < 0 || !input.fill(4 + static_cast<std::size_t>(length))) {
             _exit(0);
         }
