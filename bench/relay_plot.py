@@ -1,11 +1,14 @@
-"""bench/relay.svg: the relay figures of the three programs against the body size, drawn by hand
-as SVG (standard library only). Three panels: frames/s, MB/s and CPU µs per frame, both axes
-logarithmic; a point is the median over the rounds, its bar the range (min-max)."""
+"""bench/relay.svg: the relay figures of the four programs against the body size, in both
+regimes (streamed: solid lines; paced: dashed), drawn by hand as SVG (standard library only).
+Three panels: frames/s, MB/s and CPU µs per frame, both axes logarithmic; a point is the median
+over the rounds, its bar the range (min-max)."""
 import math
 import statistics
 
 PROGRAMS = (('host', '#1f77b4', 'host'), ('floor', '#2ca02c', 'floor (C++)'),
-            ('typical', '#d62728', 'typical host (Python)'))
+            ('typical', '#d62728', 'typical host (Python)'),
+            ('plain', '#ff7f0e', 'plain host (Python)'))
+REGIMES = (('streamed', None), ('paced', '5,3'))
 SIZES = ((64, '64 B'), (1024, '1 KiB'), (65536, '64 KiB'), (1048576, '1 MiB'))
 PANELS = (('frames_per_s', 'frames per second'), ('mb_per_s', 'MB per second'),
           ('cpu_us_per_frame', 'CPU µs per frame'))
@@ -13,11 +16,11 @@ WIDTH, HEIGHT = 330, 300
 LEFT, RIGHT, TOP, BOTTOM = 62, 24, 34, 46
 
 
-def _points(results, key, program):
+def _points(results, key, program, regime=None):
     points = []
     for size, _ in SIZES:
         found = [r[key] for r in results if r.get('figure') == 'relay' and r.get('program') == program
-                 and r.get('size') == size and r.get(key)]
+                 and r.get('size') == size and r.get(key) and regime in (None, r.get('regime'))]
         if found:
             points.append((size, statistics.median(found), min(found), max(found)))
     return points
@@ -54,12 +57,13 @@ def _panel(results, key, title, x0):
                    % (x(size), TOP + plot_h + 14, name))
     out.append('<text x="%g" y="%g" font-size="10" text-anchor="middle">body size</text>'
                % (x0 + LEFT + plot_w / 2, TOP + plot_h + 28))
-    for program, colour, _ in PROGRAMS:
-        points = _points(results, key, program)
+    for (program, colour, _), (regime, dashes) in ((p, r) for p in PROGRAMS for r in REGIMES):
+        points = _points(results, key, program, regime)
         if not points:
             continue
-        out.append('<polyline fill="none" stroke="%s" stroke-width="2" points="%s"/>'
-                   % (colour, ' '.join('%.1f,%.1f' % (x(s), y(m)) for s, m, _, _ in points)))
+        out.append('<polyline fill="none" stroke="%s" stroke-width="2"%s points="%s"/>'
+                   % (colour, ' stroke-dasharray="%s"' % dashes if dashes else '',
+                      ' '.join('%.1f,%.1f' % (x(s), y(m)) for s, m, _, _ in points)))
         for size, middle, least, most in points:
             out.append('<line x1="%.1f" x2="%.1f" y1="%.1f" y2="%.1f" stroke="%s"/>'
                        % (x(size), x(size), y(least), y(most), colour))
@@ -79,7 +83,7 @@ def write(results, path):
         out.append('<rect x="%d" y="%d" width="14" height="4" fill="%s"/>' % (legend_x, HEIGHT + 6, colour))
         out.append('<text x="%d" y="%d" font-size="11">%s</text>' % (legend_x + 18, HEIGHT + 12, label))
         legend_x += 30 + 7 * len(label)
-    out.append('<text x="%d" y="%d" font-size="10" fill="#555">median of the rounds; bars: min–max; '
-               'log scales</text>' % (legend_x + 10, HEIGHT + 12))
+    out.append('<text x="%d" y="%d" font-size="10" fill="#555">solid: streamed, dashed: paced; '
+               'medians, bars min–max; log scales</text>' % (legend_x + 10, HEIGHT + 12))
     out.append('</svg>')
     path.write_text('\n'.join(out) + '\n')

@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
 """Runs every benchmark of bench/ and writes bench/results.md and bench/relay.svg.
 
-The host, the floor (baselines/floor_relay.cc) and the typical host (baselines/typical_host.py)
-are measured by kerrow-bench-driver in the same run, interleaved: each round measures every
-program once per figure, in an order that rotates from round to round, so that a slow spell of the
-machine touches all of them alike. Ratios are taken within a round and then summarised.
+The host, the floor (baselines/floor_relay.cc), the typical host (baselines/typical_host.py) and
+the plain host (baselines/plain_host.py) are measured by kerrow-bench-driver in the same run,
+interleaved: each round measures every program once per figure, in an order that rotates from
+round to round, so that a slow spell of the machine touches all of them alike. Ratios are taken
+within a round and then summarised. Relay and command bursts are measured in two regimes:
+streamed (the feeder writes many frames per write, as a browser's pipe holds them when the
+extension sends faster than the program reads) and paced (one frame per write).
 
 Usage: bench/run.py --build BUILD_DIR [--quick] [--profile]
   --quick    fewer rounds and shorter windows (a smoke test, not for the record)
@@ -53,8 +56,13 @@ def programs(build):
         'host': 'host=host:%s,chrome-extension://kerrow/' % (bin_dir / 'kerrow-native-messaging-host'),
         'floor': 'floor=floor:%s' % (bin_dir / 'kerrow-bench-floor'),
         'typical': 'typical=typical:%s,%s' % (PYTHON, REPOSITORY / 'bench' / 'baselines' / 'typical_host.py'),
+        'plain': 'plain=typical:%s,%s' % (PYTHON, REPOSITORY / 'bench' / 'baselines' / 'plain_host.py'),
         'bare': 'bare=bare:%s' % (bin_dir / 'kerrow-bench-bare-bus'),
     }
+
+
+RELAYING = ['host', 'floor', 'typical', 'plain']
+REGIMES = ('streamed', 'paced')
 
 
 def rotated(items, round_index):
@@ -87,32 +95,34 @@ class Runner:
     def relay(self, plan):
         for round_index in range(plan.rounds):
             for size, (frames, python_frames) in plan.relay_frames.items():
-                for name in rotated(['host', 'floor', 'typical'], round_index):
-                    self.measure('relay', [name], round_index, size=size,
-                                 frames=python_frames if name == 'typical' else frames)
+                for regime in REGIMES:
+                    for name in rotated(RELAYING, round_index):
+                        self.measure('relay', [name], round_index, size=size, regime=regime,
+                                     frames=python_frames if name in ('typical', 'plain') else frames)
             print('bench: relay round %d of %d done' % (round_index + 1, plan.rounds), flush=True)
 
     def commands(self, plan):
         for round_index in range(plan.rounds):
             for command, count in plan.command_counts.items():
-                for name in rotated(['host', 'floor', 'typical'], round_index):
-                    self.measure('commands', [name], round_index, command=command, count=count,
-                                 sites=1000)
+                for regime in REGIMES:
+                    for name in rotated(RELAYING, round_index):
+                        self.measure('commands', [name], round_index, command=command, count=count,
+                                     sites=1000, regime=regime)
         print('bench: command rate done', flush=True)
         for round_index in range(plan.latency_rounds):
-            for name in rotated(['host', 'floor', 'typical'], round_index):
+            for name in rotated(RELAYING, round_index):
                 self.measure('latency', [name], round_index, rate=1000, count=plan.latency_count,
                              warm_up=plan.latency_warm_up)
         print('bench: command latency done', flush=True)
 
     def startup(self, plan):
         for round_index in range(plan.startup_rounds):
-            for name in rotated(['host', 'bare', 'floor', 'typical'], round_index):
+            for name in rotated(['host', 'bare', 'floor', 'typical', 'plain'], round_index):
                 self.measure('startup', [name], round_index)
         print('bench: start-up done', flush=True)
 
     def footprint(self, plan):
-        self.measure('footprint', ['host', 'floor', 'typical'], 0, frames=plan.footprint_frames,
+        self.measure('footprint', RELAYING, 0, frames=plan.footprint_frames,
                      window_ms=plan.footprint_window_ms, timeout_ms=120000)
         print('bench: footprint done', flush=True)
 

@@ -3,12 +3,23 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 
 #include "browser/standard_stream_framing.h"
 #include "kit/const.h"
 
 namespace kerrow {
+namespace {
+
+Descriptor makeRetireEvent(int& error) {
+    Descriptor event(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    error = event ? 0 : errno;
+    return event;
+}
+
+}  // namespace
 
 BrowserExtensionIO::BrowserExtensionIO(std::shared_ptr<FileHandle> inputHandle,
                                        std::shared_ptr<FileHandle> outputHandle)
@@ -16,11 +27,9 @@ BrowserExtensionIO::BrowserExtensionIO(std::shared_ptr<FileHandle> inputHandle,
       outputHandle(std::move(outputHandle)),
       logger(now(), std::nullopt),
       queue("com.kerrowsoftware.native-messaging-host.filehandle"),
-      retireEvent_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      retireEvent_(makeRetireEvent(retireEventError_)) {}
 
-BrowserExtensionIO::~BrowserExtensionIO() {
-    ::close(retireEvent_);
-}
+BrowserExtensionIO::~BrowserExtensionIO() = default;
 
 void BrowserExtensionIO::start() {
     queue.async([weakSelf = weak_from_this()] {
@@ -32,15 +41,27 @@ void BrowserExtensionIO::start() {
 
 void BrowserExtensionIO::readLoop() {
     logger.logInformation("Starting KerrowNativeMessagingHost:BrowserExtensionIO", now());
-    const std::lock_guard reading(inputHandle->readingLock());
-    while (inputHandle->waitForInput(retireEvent_)) {
-        const auto body = readFrame(*inputHandle);
-        if (!body) {
-            stop();
-        }
-        sendTabData(*body);
+    if (!retireEvent_) {
+        logger.logInformation(std::string("No wake descriptor for BrowserExtensionIO (eventfd: ") +
+                                  std::strerror(retireEventError_) +
+                                  "); a retirement waits for the next frame",
+                              now());
     }
-    // Retired: the channel that replaced this one reads on from this frame boundary.
+    const std::lock_guard reading(inputHandle->readingLock());
+    Data body;  // one buffer for every frame: it keeps the capacity of the largest so far
+    while (!retired_.load(std::memory_order_acquire)) {
+        switch (readFrame(*inputHandle, body, retireEvent_.get())) {
+            case FrameRead::body:
+                sendTabData(body);
+                break;
+            case FrameRead::endOfInput:
+                stop();
+            case FrameRead::cancelled:
+                return;
+        }
+    }
+    // Retired: the channel that replaced this one reads on from this frame boundary, starting
+    // with the bytes the handle has read ahead.
 }
 
 void BrowserExtensionIO::stop() {
@@ -52,17 +73,14 @@ void BrowserExtensionIO::stop() {
     ::_exit(0);
 }
 
-void BrowserExtensionIO::sendTabData(const Data& body) {
+void BrowserExtensionIO::sendTabData(Data& body) {
     logger.logInformation("Sending Tab Data to Browser Messaging", now());
     if (!browserSocket) {
         return;
     }
-    Data outgoing;
-    outgoing.reserve(body.size() + Const::Browser::tabList.size());
-    outgoing.insert(outgoing.end(), body.begin(), body.end());
-    outgoing.insert(outgoing.end(), Const::Browser::tabList.begin(), Const::Browser::tabList.end());
+    body.insert(body.end(), Const::Browser::tabList.begin(), Const::Browser::tabList.end());
     try {
-        browserSocket->sendData(outgoing);
+        browserSocket->sendData(body);
     } catch (const std::exception&) {
         // The core service is away; the extension's next message is forwarded as usual.
     }
@@ -74,8 +92,12 @@ void BrowserExtensionIO::writeMessage(std::string_view message) {
 }
 
 void BrowserExtensionIO::retire() {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto wrote = ::write(retireEvent_, &one, sizeof one);
+    retired_.store(true, std::memory_order_release);
+    if (retireEvent_) {
+        // Cannot fail: the counter of a fresh eventfd is far from its limit.
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto wrote = ::write(retireEvent_.get(), &one, sizeof one);
+    }
 }
 
 }  // namespace kerrow

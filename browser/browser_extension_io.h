@@ -14,9 +14,13 @@
 //
 // Handover: standard input has exactly one reader. A read loop holds the input handle's
 // readingLock() while it reads; retire() makes it stop at the next frame boundary, without having
-// consumed a byte of the next frame, and release the lock to the channel that replaces it.
+// consumed a byte of the next frame, and release the lock to the channel that replaces it. The
+// bytes read ahead belong to the handle, so the next reader starts with them. retire() wakes a
+// loop blocked in a read through an eventfd; a channel that could not make one (logged when its
+// loop starts) stops once the read it is blocked in returns, still at a frame boundary.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +29,7 @@
 #include "kit/logger.h"
 #include "kit/socket_helper.h"
 #include "platform/data.h"
+#include "platform/descriptor.h"
 #include "platform/dispatch_queue.h"
 #include "platform/file_handle.h"
 
@@ -50,8 +55,9 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     /// Queues the read loop on `queue`, holding this channel weakly until it runs.
     void start();
 
-    /// Forwards one body to the core service with the tabList suffix; silent on failure.
-    void sendTabData(const Data& body);
+    /// Forwards one body to the core service with the tabList suffix; silent on failure. The
+    /// suffix is appended to `body` in place: the read loop's buffer, reused for the next frame.
+    void sendTabData(Data& body);
 
     /// The commands to the extension: each logs its line, then writes its frame.
     void closeTab(const std::string& id);
@@ -78,7 +84,9 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     const std::shared_ptr<FileHandle> outputHandle;
     const Logger logger;
     DispatchQueue queue;
-    const int retireEvent_;  // eventfd, readable once retire() was called
+    std::atomic<bool> retired_ = false;  // checked at every frame boundary, without a system call
+    int retireEventError_ = 0;           // errno of the eventfd that could not be made, else 0
+    const Descriptor retireEvent_;       // eventfd, readable once retire() was called; may be none
 };
 
 }  // namespace kerrow

@@ -48,7 +48,7 @@ class RelayTest : public ::testing::Test {
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
-TEST_F(RelayTest, ForwardsEveryFrameWithTheSuffixInOrder) {
+TEST_F(RelayTest, ForwardsEveryFrameWithTheSuffixInOrderAndKeepsReadingWhenSendsFail) {
     channel->browserSocket = socket;
     channel->start();
     test::writeAll(input.writeEnd(), frame(R"({"tabs":[1,2]})") + frame("") + frame("not json") +
@@ -57,32 +57,23 @@ TEST_F(RelayTest, ForwardsEveryFrameWithTheSuffixInOrder) {
     EXPECT_EQ(connection->receive(), "kerrow.tabList");
     EXPECT_EQ(connection->receive(), "not jsonkerrow.tabList");
     EXPECT_EQ(connection->receive(), "\xff\xfe\x00 byteskerrow.tabList"s);
-}
-
-TEST_F(RelayTest, KeepsReadingWhenSendsFailOrThereIsNoSocket) {
-    channel->browserSocket = socket;
-    channel->start();
-    test::writeAll(input.writeEnd(), frame("first"));
-    EXPECT_EQ(connection->receive(), "firstkerrow.tabList");
     socket->closeSocket();  // sends now throw; the channel drops them silently
-    test::writeAll(input.writeEnd(), frame("lost"));
-    test::writeAll(input.writeEnd(), frame("also lost"));
+    test::writeAll(input.writeEnd(), frame("lost") + frame("also lost"));
     const auto logFile = directory.path() / "state" / "kerrow" / "native-messaging-host.log";
     EXPECT_TRUE(test::waitUntil([&] {
         Logger::flushAll();
         const auto lines = test::logMessages(logFile);
         return std::count(lines.begin(), lines.end(),
-                          "info Sending Tab Data to Browser Messaging") == 3;
+                          "info Sending Tab Data to Browser Messaging") == 6;
     }));
 }
 
 TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
-    channel.reset();
-    auto first = std::make_shared<BrowserExtensionIO>(
-        inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
-    first->browserSocket = socket;
-    first->start();
-    test::writeAll(input.writeEnd(), frame("before"));
+    // One write holds a frame and the start of the next: the first channel reads both ahead.
+    const std::string after = frame("after");
+    channel->browserSocket = socket;
+    channel->start();
+    test::writeAll(input.writeEnd(), frame("before") + after.substr(0, 6));
     EXPECT_EQ(connection->receive(), "beforekerrow.tabList");
 
     // A second endpoint stands for the new connection of a repeated start.
@@ -90,17 +81,14 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     second->setupSocket();
     auto newConnection = core.accept();
     ASSERT_TRUE(newConnection);
-    first->retire();
+    channel->retire();
     auto next = std::make_shared<BrowserExtensionIO>(
         inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
     next->browserSocket = second;
     next->start();
 
-    // A frame written in pieces after the switch arrives whole, once, over the new connection.
-    const std::string after = frame("after");
-    test::writeAll(input.writeEnd(), after.substr(0, 3));
-    std::this_thread::sleep_for(20ms);
-    test::writeAll(input.writeEnd(), after.substr(3));
+    // The frame begun before the switch arrives whole, once, over the new connection.
+    test::writeAll(input.writeEnd(), after.substr(6));
     EXPECT_EQ(newConnection->receive(), "afterkerrow.tabList");
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
     channel = next;  // retired by TearDown

@@ -7,16 +7,36 @@
 
 namespace kerrow {
 
-std::optional<Data> readFrame(FileHandle& input) {
-    const Data prefix = input.readDataOfLength(4);
-    if (prefix.size() < 4) {
-        return std::nullopt;  // end of input, possibly inside a prefix
+FrameRead readFrame(FileHandle& input, Data& body, int cancelDescriptor) {
+    const auto prefix = input.peek(frameHeaderLength, cancelDescriptor);
+    if (!prefix) {
+        return FrameRead::cancelled;
     }
-    const auto length = static_cast<std::int32_t>(decodeFrameLength(prefix.data()));
+    if (prefix->size() < frameHeaderLength) {
+        return FrameRead::endOfInput;  // possibly inside a prefix
+    }
+    const auto length = static_cast<std::int32_t>(decodeFrameLength(prefix->data()));
     if (length < 0) {
-        return std::nullopt;  // no browser sends 2 GiB or more; the stream cannot be trusted
+        return FrameRead::endOfInput;  // no browser sends 2 GiB or more; the stream is not sound
     }
-    return input.readDataOfLength(static_cast<std::size_t>(length));
+    const std::size_t frameLength = frameHeaderLength + static_cast<std::size_t>(length);
+    const auto frame = input.peek(frameLength, cancelDescriptor);
+    if (!frame) {
+        return FrameRead::cancelled;
+    }
+    const std::size_t taken = std::min(frameLength, frame->size());  // short only at end of file
+    body.assign(frame->begin() + frameHeaderLength,
+                frame->begin() + static_cast<std::ptrdiff_t>(taken));
+    input.consume(taken);
+    return FrameRead::body;
+}
+
+std::optional<Data> readFrame(FileHandle& input) {
+    Data body;
+    if (readFrame(input, body) != FrameRead::body) {
+        return std::nullopt;
+    }
+    return body;
 }
 
 void writeFrame(FileHandle& output, std::string_view body) {

@@ -7,6 +7,8 @@
 // Frames follow back to back. Reading treats as end of input: an empty read, a prefix cut short
 // (1 to 3 bytes, then end of file), and a prefix with the top bit set (negative once read as
 // signed), which must never size a read. A body cut short by end of file is returned as it is.
+// A frame is consumed from the handle only once it is whole (or cut short by end of file), so a
+// reader that is cancelled leaves the handle at a frame boundary.
 // Free functions over a caller's handle; the caller keeps one reader and one writer at a time.
 #pragma once
 
@@ -18,7 +20,17 @@
 
 namespace kerrow {
 
-/// The next frame's body, or no value at end of input (see above).
+enum class FrameRead {
+    body,        // the next body is in the caller's buffer
+    endOfInput,  // see above; nothing more is read
+    cancelled,   // the cancel descriptor became readable first; nothing was consumed
+};
+
+/// Reads the next frame's body into `body`, replacing its contents and reusing its capacity.
+/// Waits on `cancelDescriptor` too (-1 for none) while the frame is not whole.
+[[nodiscard]] FrameRead readFrame(FileHandle& input, Data& body, int cancelDescriptor = -1);
+
+/// The next frame's body, or no value at end of input.
 [[nodiscard]] std::optional<Data> readFrame(FileHandle& input);
 
 /// Writes `body` as one frame: the prefix in one write, then the body with the kit's write().

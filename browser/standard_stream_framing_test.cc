@@ -1,6 +1,7 @@
 #include "browser/standard_stream_framing.h"
 
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 
 #include <thread>
 
@@ -21,8 +22,9 @@ std::vector<std::string> framesOf(const std::string& bytes) {
         pipe.closeWriteEnd();
     });
     std::vector<std::string> bodies;
-    while (const auto body = readFrame(input)) {
-        bodies.emplace_back(textView(*body));
+    Data body;
+    while (readFrame(input, body) == FrameRead::body) {
+        bodies.emplace_back(textView(body));
     }
     writer.join();
     return bodies;
@@ -40,48 +42,43 @@ std::string written(std::string_view body) {
     return bytes;
 }
 
-TEST(StandardStreamReading, ReadsBackToBackFramesUntilEndOfInput) {
-    EXPECT_EQ(framesOf("\x05\0\0\0hello"s + "\x02\0\0\0{}"s),
-              (std::vector<std::string>{"hello", "{}"}));
+TEST(StandardStreamReading, ReadsFramesUntilEndOfInput) {
+    const std::string big(0x010203, 'z');  // the length is little-endian over all four bytes
+    const struct {
+        std::string input;
+        std::vector<std::string> bodies;
+    } cases[] = {
+        {"\x05\0\0\0hello"s + "\x02\0\0\0{}"s, {"hello", "{}"}},
+        {"\0\0\0\0"s + "\x01\0\0\0x"s, {"", "x"}},  // an empty body is handed on
+        {"\x0a\0\0\0abc"s, {"abc"}},                // a body cut short is handed on, then end
+        {"\x01\0\0\0a"s + "\x05\0"s, {"a"}},        // a prefix cut short is end of input
+        {"\x05"s, {}},
+        {"", {}},
+        // 0x80000000 and 0xFFFFFFFF are negative once read as signed: end of input.
+        {"\x01\0\0\0a"s + "\0\0\0\x80"s + "\x01\0\0\0b"s, {"a"}},
+        {"\xff\xff\xff\xff"s + "rest"s, {}},
+        {"\x03\x02\x01\0"s + big + "\x01\0\0\0!"s, {big, "!"}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(framesOf(c.input), c.bodies) << testing::PrintToString(c.input.substr(0, 16));
+    }
 }
 
-TEST(StandardStreamReading, HandsOnAnEmptyBodyAndReadsOn) {
-    EXPECT_EQ(framesOf("\0\0\0\0"s + "\x01\0\0\0x"s), (std::vector<std::string>{"", "x"}));
-}
-
-TEST(StandardStreamReading, HandsOnABodyCutShortThenEnds) {
-    EXPECT_EQ(framesOf("\x0a\0\0\0abc"s), (std::vector<std::string>{"abc"}));
-}
-
-TEST(StandardStreamReading, TreatsAPrefixCutShortAsEndOfInput) {
-    EXPECT_EQ(framesOf("\x01\0\0\0a"s + "\x05\0"s), (std::vector<std::string>{"a"}));
-    EXPECT_TRUE(framesOf("\x05"s).empty());
-    EXPECT_TRUE(framesOf("").empty());
-}
-
-TEST(StandardStreamReading, TreatsAPrefixWithTheTopBitSetAsEndOfInput) {
-    // 0x80000000 and 0xFFFFFFFF are negative once read as signed; nothing after them is read.
-    EXPECT_EQ(framesOf("\x01\0\0\0a"s + "\0\0\0\x80"s + "\x01\0\0\0b"s),
-              (std::vector<std::string>{"a"}));
-    EXPECT_TRUE(framesOf("\xff\xff\xff\xff"s + "rest"s).empty());
-}
-
-TEST(StandardStreamReading, LengthIsLittleEndianOverAllFourBytes) {
-    const std::string body(0x010203, 'z');
-    const auto bodies = framesOf("\x03\x02\x01\0"s + body);
-    ASSERT_EQ(bodies.size(), 1u);
-    EXPECT_EQ(bodies[0].size(), 0x010203u);
-}
-
-TEST(StandardStreamReading, AHugeAnnouncedLengthCostsOnlyWhatArrives) {
+TEST(StandardStreamReading, CancelledReaderLeavesTheFrameToTheNextReader) {
     Pipe pipe;
     FileHandle input(pipe.releaseReadEnd());
-    test::writeAll(pipe.writeEnd(), "\xff\xff\xff\x7f"s + "0123456789"s);
+    const Descriptor cancel(::eventfd(0, EFD_CLOEXEC));
+    test::writeAll(pipe.writeEnd(), "\x01\0\0\0a"s + "\x05\0\0\0he"s);
+    Data body;
+    ASSERT_EQ(readFrame(input, body, cancel.get()), FrameRead::body);
+    EXPECT_EQ(textView(body), "a");
+    ASSERT_EQ(::eventfd_write(cancel.get(), 1), 0);
+    EXPECT_EQ(readFrame(input, body, cancel.get()), FrameRead::cancelled);
+    test::writeAll(pipe.writeEnd(), "llo"s + "\x01\0\0\0b"s);
     pipe.closeWriteEnd();
-    const auto body = readFrame(input);
-    ASSERT_TRUE(body);
-    EXPECT_EQ(body->size(), 10u);
-    EXPECT_LE(body->capacity(), 128u * 1024u);
+    EXPECT_EQ(readFrame(input), dataFromText("hello"));
+    EXPECT_EQ(readFrame(input), dataFromText("b"));
+    EXPECT_EQ(readFrame(input), std::nullopt);
 }
 
 TEST(StandardStreamWriting, WritesTheLittleEndianByteCountThenTheBody) {

@@ -6,21 +6,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 
 namespace kerrow {
 namespace {
 
-// Bytes requested from the kernel per read while a long body arrives. The buffer grows by at most
-// this much beyond what has arrived, so a hostile length prefix costs nothing up front.
+// The read-ahead: what one read asks for at least (a pipe holds 64 KiB by default), so that a
+// burst of small frames costs one system call per pipeful rather than two per frame.
+constexpr std::size_t readAhead = 64 * 1024;
+// How far the buffer may grow beyond what has arrived while a long record comes in, so a hostile
+// length costs nothing up front.
 constexpr std::size_t readChunk = 64 * 1024;
 
 }  // namespace
 
 FileHandle::FileHandle(int fileDescriptor) : descriptor_(fileDescriptor) {}
-
-FileHandle::~FileHandle() {
-    closeFile();
-}
 
 std::shared_ptr<FileHandle> FileHandle::standardInput() {
     static const auto handle = std::make_shared<FileHandle>(STDIN_FILENO);
@@ -36,41 +36,78 @@ std::shared_ptr<FileHandle> FileHandle::standardOutput() {
 }
 
 Data FileHandle::readDataOfLength(std::size_t length) {
-    Data data;
-    while (data.size() < length) {
-        const std::size_t wanted = std::min(length - data.size(), readChunk);
-        const std::size_t filled = data.size();
-        data.resize(filled + wanted);
-        const ssize_t got = ::read(descriptor_, data.data() + filled, wanted);
-        if (got < 0 && errno == EINTR) {
-            data.resize(filled);
-            continue;
-        }
-        data.resize(filled + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        if (got <= 0) {
-            break;
-        }
-    }
+    const auto held = peek(length).value();  // without a cancel descriptor there is always one
+    const std::size_t taken = std::min(length, held.size());
+    Data data(held.begin(), held.begin() + static_cast<std::ptrdiff_t>(taken));
+    consume(taken);
     return data;
 }
 
-bool FileHandle::waitForInput(int cancelDescriptor) {
-    pollfd fds[2] = {{cancelDescriptor, POLLIN, 0}, {descriptor_, POLLIN, 0}};
+std::optional<std::span<const std::uint8_t>> FileHandle::peek(std::size_t count,
+                                                              int cancelDescriptor) {
+    while (end_ - begin_ < count) {
+        makeRoom(count);
+        const Fill filled = fill(cancelDescriptor);
+        if (filled == Fill::cancelled) {
+            return std::nullopt;
+        }
+        if (filled == Fill::ended) {
+            break;
+        }
+    }
+    return std::span<const std::uint8_t>(buffer_.data() + begin_, end_ - begin_);
+}
+
+void FileHandle::consume(std::size_t count) {
+    begin_ += std::min(count, end_ - begin_);
+    if (begin_ == end_) {
+        begin_ = end_ = 0;
+    }
+}
+
+void FileHandle::makeRoom(std::size_t count) {
+    if (begin_ > 0) {  // at most one partial record moves, once per read
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+    }
+    const std::size_t wanted = std::max(readAhead, std::min(count, end_ + readChunk));
+    if (buffer_.size() < wanted) {
+        buffer_.resize(wanted);
+    }
+}
+
+FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
+    if (!descriptor_) {
+        return Fill::ended;
+    }
+    if (cancelDescriptor >= 0) {
+        pollfd fds[2] = {{cancelDescriptor, POLLIN, 0}, {descriptor_.get(), POLLIN, 0}};
+        while (::poll(fds, 2, -1) < 0) {
+            if (errno != EINTR) {
+                return Fill::ended;  // the descriptor cannot be waited on, so it cannot be read
+            }
+        }
+        if (fds[0].revents != 0) {
+            return Fill::cancelled;
+        }
+    }
     for (;;) {
-        const int ready = ::poll(fds, 2, -1);
-        if (ready < 0 && errno == EINTR) {
+        const ssize_t got = ::read(descriptor_.get(), buffer_.data() + end_, buffer_.size() - end_);
+        if (got < 0 && errno == EINTR) {
             continue;
         }
-        if (ready < 0) {
-            return true;  // let the read itself report the failure as end of input
+        if (got <= 0) {
+            return Fill::ended;
         }
-        return fds[0].revents == 0;
+        end_ += static_cast<std::size_t>(got);
+        return Fill::more;
     }
 }
 
 bool FileHandle::writeData(std::span<const std::uint8_t> bytes) {
     while (!bytes.empty()) {
-        const ssize_t wrote = ::write(descriptor_, bytes.data(), bytes.size());
+        const ssize_t wrote = ::write(descriptor_.get(), bytes.data(), bytes.size());
         if (wrote < 0 && errno == EINTR) {
             continue;
         }
@@ -83,10 +120,8 @@ bool FileHandle::writeData(std::span<const std::uint8_t> bytes) {
 }
 
 void FileHandle::closeFile() {
-    if (descriptor_ >= 0) {
-        ::close(descriptor_);
-        descriptor_ = -1;
-    }
+    descriptor_.reset();
+    begin_ = end_ = 0;
 }
 
 }  // namespace kerrow

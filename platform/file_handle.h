@@ -1,18 +1,29 @@
-// FileHandle: a POSIX file descriptor with blocking, whole-length reads and whole writes.
+// FileHandle: a POSIX file descriptor with read-ahead, whole-length reads and whole writes.
 //
 // A handle owns its descriptor and closes it when destroyed (or on closeFile()). Standard input
 // and standard output are process-wide shared handles, so every user of them shares one handle,
-// and with it the handle's two serialising locks (see readingLock() and writingLock()).
-// Reads, writes and closeFile() may be called from any thread; the caller keeps one reader and
-// one writer at a time by taking the locks where its records span several calls.
+// and with it the handle's read-ahead and its two serialising locks (see readingLock() and
+// writingLock()).
+//
+// Read-ahead: a read asks the kernel for as much as the buffer holds, so one system call serves
+// many small records. The bytes read but not yet consumed belong to the handle, not to a reader:
+// a reader that stops (a retired channel) leaves them for the next holder of readingLock(), so
+// nothing is lost and nothing is read twice. Memory grows with the bytes that actually arrive,
+// never with the length asked for.
+//
+// Threads: reads (peek, consume, readDataOfLength) by one reader at a time, the holder of
+// readingLock(); writes by any thread, the holder of writingLock() where a record spans several
+// writes. closeFile() on the reading thread or while nobody reads.
 #pragma once
 
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 
 #include "platform/data.h"
+#include "platform/descriptor.h"
 
 namespace kerrow {
 
@@ -20,7 +31,6 @@ class FileHandle {
   public:
     /// Takes ownership of `fileDescriptor`.
     explicit FileHandle(int fileDescriptor);
-    ~FileHandle();
     FileHandle(const FileHandle&) = delete;
     FileHandle& operator=(const FileHandle&) = delete;
 
@@ -31,14 +41,17 @@ class FileHandle {
     static std::shared_ptr<FileHandle> standardOutput();
 
     /// Blocks until `length` bytes have arrived or the input reaches end of file (or fails), and
-    /// returns what arrived: empty at end of file, empty at once for a length of 0. Memory grows
-    /// with the bytes that actually arrive, never with the length asked for.
+    /// returns what arrived: empty at end of file, empty at once for a length of 0.
     [[nodiscard]] Data readDataOfLength(std::size_t length);
 
-    /// Waits until the handle has input (or end of file) or `cancelDescriptor` becomes readable.
-    /// Returns false when cancelled; a cancellation that coincides with input still wins, so a
-    /// cancelled caller has consumed nothing.
-    [[nodiscard]] bool waitForInput(int cancelDescriptor);
+    /// The unconsumed bytes, at least `count` of them: reads (blocking) while fewer are held.
+    /// Fewer only at end of file or on a read failure. No value when `cancelDescriptor` (-1 for
+    /// none) became readable before enough bytes arrived; a cancellation that coincides with
+    /// input wins. Consumes nothing; the view is valid until the next peek, consume or read.
+    [[nodiscard]] std::optional<std::span<const std::uint8_t>> peek(std::size_t count,
+                                                                    int cancelDescriptor = -1);
+    /// Drops the first `count` unconsumed bytes. REQUIRES: count <= the bytes peek() showed.
+    void consume(std::size_t count);
 
     /// Writes all bytes. A failure (a closed descriptor, a reader that has gone) is quiet: the
     /// call returns false and the process goes on.
@@ -47,15 +60,24 @@ class FileHandle {
     /// Closes the descriptor. Later reads give end of file and later writes fail quietly.
     void closeFile();
 
-    [[nodiscard]] int fileDescriptor() const { return descriptor_; }
+    [[nodiscard]] int fileDescriptor() const { return descriptor_.get(); }
 
-    /// Held by whoever reads records spanning several reads from this handle (one reader).
+    /// Held by whoever reads from this handle (one reader, who owns the read-ahead meanwhile).
     [[nodiscard]] std::mutex& readingLock() { return readingLock_; }
     /// Held by whoever writes a record as several writes to this handle (records never interleave).
     [[nodiscard]] std::mutex& writingLock() { return writingLock_; }
 
   private:
-    int descriptor_;  // -1 once closed
+    /// Makes room after the held bytes for a read that brings them towards `count`.
+    void makeRoom(std::size_t count);
+    /// One read into the room, waiting on `cancelDescriptor` too (-1: a plain blocking read).
+    enum class Fill { more, ended, cancelled };
+    Fill fill(int cancelDescriptor);
+
+    Descriptor descriptor_;  // invalid once closed
+    Data buffer_;            // read-ahead; bytes [begin_, end_) are read and not yet consumed
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
     std::mutex readingLock_;
     std::mutex writingLock_;
 };

@@ -4,7 +4,7 @@
 //
 //  - extension -> core: each standard-input frame (4-byte little-endian length, body) goes to the
 //    core service's socket as one frame (4-byte little-endian length) of the body followed by
-//    Const::Browser::tabList, in one writev();
+//    Const::Browser::tabList, in one writev(); standard input is read through a 1 MiB buffer;
 //  - core -> extension: each socket frame is routed by the first command keyword it holds and
 //    written to standard output as the same JSON text the host writes, built by hand;
 //  - the socket is $XDG_RUNTIME_DIR/kerrow/browser.sock; connecting retries with capped
@@ -18,6 +18,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
@@ -33,6 +34,7 @@
 #include <vector>
 
 #include "kit/const.h"
+#include "kit/frame_codec.h"
 
 namespace {
 
@@ -53,6 +55,39 @@ bool readExactly(int fd, char* out, std::size_t length) {
     }
     return true;
 }
+
+// Standard input through a 1 MiB read-ahead buffer: one read serves every frame it holds, and a
+// body is sent from where it was read, without a copy.
+class StandardInput {
+  public:
+    /// At least `count` bytes held (the buffer grows for a larger frame); false at end of input.
+    bool fill(std::size_t count) {
+        while (end_ - begin_ < count) {
+            if (begin_ + count > buffer_.size()) {
+                std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+                end_ -= begin_;
+                begin_ = 0;
+                buffer_.resize(std::max(buffer_.size(), count));
+            }
+            const ssize_t got = ::read(STDIN_FILENO, buffer_.data() + end_, buffer_.size() - end_);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                return false;
+            }
+            end_ += static_cast<std::size_t>(got);
+        }
+        return true;
+    }
+    [[nodiscard]] const char* data() const { return buffer_.data() + begin_; }
+    void consume(std::size_t count) { begin_ += count; }
+
+  private:
+    std::vector<char> buffer_ = std::vector<char>(1 << 20);
+    std::size_t begin_ = 0;  // bytes [begin_, end_) are read and not yet consumed
+    std::size_t end_ = 0;
+};
 
 bool writeAll(int fd, iovec* parts, int count) {
     while (count > 0) {
@@ -77,9 +112,8 @@ bool writeAll(int fd, iovec* parts, int count) {
 }
 
 void putLength(char* out, std::size_t length) {
-    for (int i = 0; i < 4; ++i) {
-        out[i] = static_cast<char>((length >> (8 * i)) & 0xFF);
-    }
+    const auto header = kerrow::encodeFrameLength(length);
+    std::memcpy(out, header.data(), header.size());
 }
 
 std::string socketPath() {
@@ -275,8 +309,7 @@ void readCommands(CoreLink& link) {
             }
             continue;
         }
-        std::uint32_t length = 0;
-        std::memcpy(&length, prefix, 4);  // little-endian, as the machine
+        const std::uint32_t length = kerrow::decodeFrameLength(std::string_view(prefix, 4));
         command.resize(length);
         if (readExactly(fd, command.data(), length)) {
             route(command);
@@ -294,21 +327,18 @@ int main() {
     }
     std::thread(readCommands, std::ref(link)).detach();
 
-    std::vector<char> body;
+    StandardInput input;
     for (;;) {
-        char prefix[4];
-        if (!readExactly(STDIN_FILENO, prefix, 4)) {
+        if (!input.fill(4)) {
             _exit(0);
         }
-        std::int32_t length = 0;
-        std::memcpy(&length, prefix, 4);
-        if (length < 0) {
+        const auto length =
+            static_cast<std::int32_t>(kerrow::decodeFrameLength(std::string_view(input.data(), 4)));
+        if (length < 0 || !input.fill(4 + static_cast<std::size_t>(length))) {
             _exit(0);
         }
-        body.resize(static_cast<std::size_t>(length));
-        if (!readExactly(STDIN_FILENO, body.data(), body.size())) {
-            _exit(0);
-        }
-        link.send({std::string_view(body.data(), body.size()), Browser::tabList});
+        link.send({std::string_view(input.data() + 4, static_cast<std::size_t>(length)),
+                   Browser::tabList});
+        input.consume(4 + static_cast<std::size_t>(length));
     }
 }

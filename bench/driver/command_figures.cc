@@ -65,17 +65,30 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
     ChildProcess& child = session.child();
     FrameReader output(child.output());
 
-    // Every command, framed, written in large pieces so that the driver stays out of the way.
+    // Every command, framed; streamed, written in large pieces so that the driver stays out of
+    // the way; paced, one command per write.
     std::string stream;
+    std::vector<std::size_t> ends;
     const std::string list = closeTab ? std::string() : framed(websiteListCommand(sites));
     for (std::size_t i = 0; i < count; ++i) {
         stream.append(closeTab ? framed(closeTabCommand(i)) : list);
+        ends.push_back(stream.size());
     }
     const std::string expectedList = closeTab ? std::string() : setWhitelistMessage(sites);
 
     const ProcessSample before = sampleProcess(child.pid());
     const auto started = Clock::now();
-    WriterThread writer(child, [&] { writeAll(session.coreConnection(), stream); });
+    WriterThread writer(child, [&] {
+        if (!settings.paced) {
+            writeAll(session.coreConnection(), stream);
+            return;
+        }
+        std::size_t begin = 0;
+        for (const std::size_t end : ends) {
+            writeAll(session.coreConnection(), std::string_view(stream).substr(begin, end - begin));
+            begin = end;
+        }
+    });
     for (std::size_t i = 0; i < count; ++i) {
         const std::string_view message = output.next(deadline);
         const bool right =
@@ -93,6 +106,7 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
     const double seconds = std::chrono::duration<double>(ended - started).count();
     return JsonLine()
         .add("figure", "commands")
+        .add("regime", regimeName(settings))
         .add("program", program.name)
         .add("command", command)
         .add("count", static_cast<std::int64_t>(count))

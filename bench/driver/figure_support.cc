@@ -52,11 +52,11 @@ void WriterThread::join() {
     }
 }
 
-RelayRun relay(BenchSession& session, const std::string& body, std::size_t frames,
+RelayRun relay(BenchSession& session, const std::string& body, std::size_t frames, bool paced,
                Deadline deadline) {
     const std::string frame = framed(body);
-    std::size_t perBatch = 0;
-    const std::string batch = batchOf(frame, perBatch);
+    std::size_t perBatch = 1;
+    const std::string batch = paced ? frame : batchOf(frame, perBatch);
     const std::size_t expectedLength = body.size() + Const::Browser::tabList.size();
     ChildProcess& child = session.child();
 

@@ -42,9 +42,10 @@ struct RelayRun {
     std::int64_t cpuNanoseconds = 0;  // the program's, during the relay
 };
 
-/// Writes `frames` frames of `body` to the program and reads them all at the core service,
-/// checking each (length, suffix; the first byte for byte).
-RelayRun relay(BenchSession& session, const std::string& body, std::size_t frames,
+/// Writes `frames` frames of `body` to the program, one per write when `paced`, else in writes of
+/// about 256 KiB, and reads them all at the core service, checking each (length, suffix; the
+/// first byte for byte).
+RelayRun relay(BenchSession& session, const std::string& body, std::size_t frames, bool paced,
                Deadline deadline);
 
 /// Ends the program's standard input and returns its exit status; throws if it does not end.

@@ -21,14 +21,24 @@ struct RunSettings {
     std::vector<std::string> wrapper;  // prefixed to each program's argv (valgrind, for one)
     std::chrono::milliseconds timeout{60'000};
     std::filesystem::path memoryMaps;  // where the footprint keeps memory maps; empty: nowhere
+    /// The feeder of relay and commands: false (streamed) writes many frames per write, as a
+    /// browser's pipe holds them when the extension sends faster than the program reads; true
+    /// (paced) writes one frame per write.
+    bool paced = false;
 };
 
+[[nodiscard]] inline const char* regimeName(const RunSettings& settings) {
+    return settings.paced ? "paced" : "streamed";
+}
+
 /// Relay extension -> core service: `frames` bodies of `bodySize` bytes written to standard input
-/// as fast as the program takes them; each must reach the core service with the tabList suffix.
+/// as fast as the program takes them (in the settings' regime); each must reach the core service
+/// with the tabList suffix.
 JsonLine measureRelay(const Program& program, std::size_t bodySize, std::size_t frames,
                       const RunSettings& settings);
 
-/// Commands core service -> extension as fast as the program takes them. `command` is
+/// Commands core service -> extension as fast as the program takes them (in the settings'
+/// regime). `command` is
 /// "closeTab" or "websiteList" (an allow list of `sites` sites).
 JsonLine measureCommands(const Program& program, std::string_view command, std::size_t count,
                          std::size_t sites, const RunSettings& settings);

@@ -2,15 +2,16 @@
 // one JSON line per program on standard output. bench/run.py calls it, interleaving programs.
 //
 // clang-format off
-//   kerrow-bench-driver relay     --program PROGRAM --size BYTES --frames N
-//   kerrow-bench-driver commands  --program PROGRAM --command closeTab|websiteList --count N [--sites N]
+//   kerrow-bench-driver relay     --program PROGRAM --size BYTES --frames N [--regime R]
+//   kerrow-bench-driver commands  --program PROGRAM --command closeTab|websiteList --count N [--sites N] [--regime R]
 //   kerrow-bench-driver latency   --program PROGRAM --rate PER_S --count N [--warm-up N]
 //   kerrow-bench-driver startup   --program PROGRAM
 //   kerrow-bench-driver footprint --program PROGRAM [--program PROGRAM ...] --frames N --window-ms MS
 // clang-format on
 // Common: --wrapper argv0,argv1,... (prefixed to each program), --timeout-ms MS; footprint:
 // --memory-maps DIR keeps each program's /proc/<pid>/smaps after start-up and after the relay.
-// PROGRAM is name=kind:argv0,argv1,... with kind host, floor, typical or bare.
+// PROGRAM is name=kind:argv0,argv1,... with kind host, floor, typical or bare. R, the feeder of
+// relay and commands: streamed (many frames per write, the default) or paced (one per write).
 #include <sys/prctl.h>
 
 #include <csignal>
@@ -76,6 +77,13 @@ std::vector<std::string> splitCommas(const std::string& text) {
 std::vector<kerrow::bench::JsonLine> run(const Arguments& arguments) {
     using namespace kerrow::bench;
     RunSettings settings;
+    if (arguments.options.contains("regime")) {
+        const std::string regime = arguments.text("regime");
+        if (regime != "paced" && regime != "streamed") {
+            throw BenchError("--regime is paced or streamed, not " + regime);
+        }
+        settings.paced = regime == "paced";
+    }
     if (arguments.options.contains("wrapper")) {
         settings.wrapper = splitCommas(arguments.text("wrapper"));
     }
