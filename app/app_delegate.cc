@@ -11,6 +11,8 @@ AppDelegate::AppDelegate()
 
 void AppDelegate::applicationDidFinishLaunching() {
     logger.logInformation("KerrowNativeMessagingHost started", now());
+    // SIGTERM and SIGINT end the host also while the start sequence waits in setupSocket().
+    SocketHelper::setStopSignalDescriptor(Application::shared().stopSignalDescriptor());
     try {
         if (!notificationsStarted) {
             notificationsStarted = true;
