@@ -69,16 +69,6 @@ TEST_F(LoggerTest, AMessageStaysOneLineOfAtMost64KiBWhateverItCarries) {
         << second.substr(second.size() - 40);
 }
 
-TEST_F(LoggerTest, CreatesAPrivateDirectoryAndFile) {
-    Logger(now(), logsDir).logInformation("line", now());
-    Logger::flushAll();
-    struct stat status {};
-    ASSERT_EQ(::stat(logsDir.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0700u);
-    ASSERT_EQ(::stat(logFile.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
-}
-
 TEST_F(LoggerTest, LinesReachTheFileWithinASecondWithoutAnExplicitFlush) {
     Logger(now(), logsDir).logInformation("soon on disk", now());
     EXPECT_TRUE(test::waitUntil([&] { return !test::readFile(logFile).empty(); }, 3000ms));
