@@ -23,8 +23,8 @@
 // Threads: readSocket(), resetSocket(), setupSocket() and closeSocket() are called by one thread at
 // a time (the host-to-core service's queue, or the main thread before that service starts).
 // sendData() may be called from any thread at any time, also while a read blocks in another
-// thread; sends are serialised by sendLock_ and never wait for a read. stopReading() may be called
-// from any thread. isConnected is atomic.
+// thread; sends are serialised by sendLock_ and never wait for a read. stopReading() and retire()
+// may be called from any thread. isConnected is atomic.
 #pragma once
 
 #include <atomic>
