@@ -11,6 +11,8 @@ AppDelegate::AppDelegate()
 
 void AppDelegate::applicationDidFinishLaunching() {
     logger.logInformation("KerrowNativeMessagingHost started", now());
+    // SIGTERM and SIGINT end the host also while the start sequence waits in setupSocket().
+    SocketHelper::setStopSignalDescriptor(Application::shared().stopSignalDescriptor());
     try {
         if (!notificationsStarted) {
             notificationsStarted = true;
@@ -30,9 +32,12 @@ void AppDelegate::applicationWillTerminate() {
 
 void AppDelegate::startCoreHostServices() {
     retirePreviousServices();
-    socketHelper =
-        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
+    socketHelper.reset();
     try {
+        // Without a descriptor left for the endpoint's wake-up there is no endpoint: the start
+        // sequence goes on without one, as the channel and the service allow.
+        socketHelper = std::make_shared<SocketHelper>(SocketType::browser,
+                                                      SocketHelper::browserSocketLocation());
         socketHelper->setupSocket();
     } catch (const std::exception& error) {
         logger.logError(error, "Error setting up socket", now());
@@ -62,13 +67,18 @@ void AppDelegate::setUpHostToCoreService() {
     hostToCoreSocketService = std::make_shared<HostToCoreSocketService>();
     hostToCoreSocketService->browserConnection = browserConnection;
     hostToCoreSocketService->socketHelper = socketHelper;
-    socketHelper->setReaderDelegate(hostToCoreSocketService);
+    if (socketHelper) {
+        socketHelper->setReaderDelegate(hostToCoreSocketService);
+    }
     hostToCoreSocketService->setup();
     requestDeviceTwinUpdate();
 }
 
 void AppDelegate::requestDeviceTwinUpdate() {
     logger.logInformation("Requesting Device Twin update", now());
+    if (!socketHelper) {
+        return;
+    }
     try {
         socketHelper->sendData(dataFromText(Const::Browser::updateDeviceTwin));
     } catch (const std::exception&) {

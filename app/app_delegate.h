@@ -15,9 +15,12 @@
 //    new channel's loop waits for. No byte is lost, read twice or split between two readers; a
 //    frame that was being read when the switch came is finished and forwarded by the previous
 //    channel over its own connection, and every later frame goes over the new connection.
-//  - the previous service is retired: its endpoint stops reading (a blocked read returns) and
-//    its loop ends without reconnecting; its endpoint stays open for the previous channel's last
-//    frame and closes when the last holder lets go.
+//  - the previous service is retired: its endpoint goes on delivering the commands its
+//    connection already holds until the core service closes it or for a second's grace, then
+//    stops reading, and its loop ends without reconnecting (a reconnect under way gives up at
+//    once). A send on it, the previous channel's last frame included, gives up when the grace
+//    ends, so a core service that stopped reading never holds standard input back from the new
+//    channel. The endpoint closes when the last holder lets go.
 //  - frames on standard output never interleave: every writer takes the output handle's lock.
 //
 // Ownership: one instance per process, kept by the entry point for the process's life.

@@ -1,10 +1,42 @@
 // kerrow-native-messaging-host: the process that a browser starts for the Kerrow extension.
+#include <fcntl.h>
 #include <malloc.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "app/app_delegate.h"
 #include "platform/application.h"
 
+namespace {
+
+// A browser may start the host with a standard stream closed. The next file opened would then
+// take its number, and frames for the extension could land in the log: each closed one of 0, 1
+// and 2 is opened on /dev/null before anything else opens a file. False when that fails.
+bool openClosedStandardStreams() {
+    for (int stream = 0; stream <= 2; ++stream) {
+        if (::fcntl(stream, F_GETFD) >= 0 || errno != EBADF) {
+            continue;
+        }
+        const int opened = ::open("/dev/null", stream == 0 ? O_RDONLY : O_WRONLY);
+        if (opened != stream) {  // the lowest free number, which is `stream`, or a failure
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    // A write to a pipe whose reader left (the browser's, or standard error's) fails with EPIPE
+    // instead of ending the host.
+    ::signal(SIGPIPE, SIG_IGN);
+    if (!openClosedStandardStreams()) {
+        return EXIT_FAILURE;
+    }
+
     // Frame bodies up to a few MiB come from the heap and stay there for the next frame. By
     // default glibc maps each large body afresh and returns the reader thread's memory to the
     // kernel after every frame, so a 1 MiB frame cost hundreds of page faults. The heap keeps at

@@ -58,7 +58,10 @@ void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelp
             setup();
         }
     } catch (const std::exception& error) {
-        logger.logError(error, "Error with socket in host-to-core service", now());
+        // A connect abandoned because this service retired is routine, not a socket error.
+        if (!retired_) {
+            logger.logError(error, "Error with socket in host-to-core service", now());
+        }
         endpoint->closeSocket();
     }
 }
@@ -66,7 +69,7 @@ void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelp
 void HostToCoreSocketService::retire() {
     retired_ = true;
     if (socketHelper) {
-        socketHelper->stopReading();
+        socketHelper->retire(retirementGrace);
     }
 }
 

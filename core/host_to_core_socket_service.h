@@ -14,6 +14,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -44,9 +45,13 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
     void receivedEnableInternet() override;
     void receivedWebsiteList(const Data& websiteList) override;
 
-    /// Stops reading for good: a blocked read returns, and the loop ends without reconnecting.
-    /// The endpoint stays usable for sends.
+    /// Retires the service: the endpoint keeps delivering what its connection holds until the
+    /// core service closes it or retirementGrace has passed, then the loop ends without
+    /// reconnecting (a reconnect under way gives up, without an error line). Sends on the endpoint
+    /// are bounded by the same grace.
     void retire();
+
+    static constexpr std::chrono::milliseconds retirementGrace{1000};
 
     std::shared_ptr<BrowserExtensionIO> browserConnection;  // set before setup()
     std::shared_ptr<SocketHelper> socketHelper;             // set before setup()

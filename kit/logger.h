@@ -1,15 +1,19 @@
 // Logger: the host's log lines, one per call, "<time stamp> <level> <message>".
 //
 // The time stamp is the caller's (UTC, ISO 8601 with milliseconds), not the time of writing; an
-// error line is "<message>: <error description>". Lines go to
+// error line is "<message>: <error description>". A line carries at most 64 KiB of message; longer
+// text is cut and ends with a note of how many bytes were left out. Lines go to
 // $XDG_STATE_HOME/kerrow/native-messaging-host.log ($HOME/.local/state/... where XDG_STATE_HOME is
-// unset), or to <logsDir>/native-messaging-host.log when a directory is given; the directory is
-// created 0700 and the file opened 0600. If no file can be opened the lines go to standard error,
-// never to standard output. The file rotates by size, so it stays bounded.
+// unset), or to <logsDir>/native-messaging-host.log when a directory is given. The directory is
+// created 0700 and must be trusted as the socket's is (no symbolic link, the user's or root's,
+// not writable by group or others); the file is created 0600 and must be the user's own regular
+// file of mode 0600. Anything else (and a file that cannot be opened) sends the lines to standard
+// error, never to standard output. The file rotates by size, safely also when several hosts
+// share it, so the log and its two rotated files stay bounded.
 //
-// Every logger of the process writing to one file shares one thread-safe sink, so loggers may be
-// used from any thread at once without torn or lost lines. A line reaches the file within a
-// second; flushAll() writes out everything before the process ends.
+// Every logger of the process writing to one place shares one thread-safe channel, so loggers may
+// be used from any thread at once without torn or lost lines. Lines are written in batches: a line
+// reaches the file within a second; flushAll() writes out everything before the process ends.
 // A Logger is a cheap value: copy it freely, use it from any thread.
 #pragma once
 

@@ -1,8 +1,12 @@
 #include "kit/logger.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <array>
+#include <functional>
 #include <regex>
 #include <set>
 #include <system_error>
@@ -41,25 +45,28 @@ TEST_F(LoggerTest, WritesTheCallersTimeStampLevelAndMessage) {
               "directory\n");
 }
 
-TEST_F(LoggerTest, AMessageStaysOneLineWhateverItCarries) {
+TEST_F(LoggerTest, AMessageStaysOneLineOfAtMost64KiBWhateverItCarries) {
     const Logger logger(now(), logsDir);
     logger.logInformation(
         "Received Disable Internet: a\n2026-01-01T00:00:00.000Z error forged\r\x1b[2J\tend\x7f",
         exampleTime());
+    // 12 MiB of text whose cut falls inside a two-byte character.
+    std::string huge = "x";
+    for (int index = 0; index < 6 * 1024 * 1024; ++index) {
+        huge += "\xc3\xa9";
+    }
+    logger.logInformation(huge, exampleTime());
     Logger::flushAll();
-    EXPECT_EQ(test::readFile(logFile),
+    const std::string log = test::readFile(logFile);
+    const std::string first = log.substr(0, log.find('\n') + 1);
+    EXPECT_EQ(first,
               "2026-11-22T09:14:03.042Z info Received Disable Internet: "
               "a\\n2026-01-01T00:00:00.000Z error forged\\r\\x1b[2J\tend\\x7f\n");
-}
-
-TEST_F(LoggerTest, CreatesAPrivateDirectoryAndFile) {
-    Logger(now(), logsDir).logInformation("line", now());
-    Logger::flushAll();
-    struct stat status {};
-    ASSERT_EQ(::stat(logsDir.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0700u);
-    ASSERT_EQ(::stat(logFile.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    const std::string second = log.substr(first.size());
+    EXPECT_EQ(std::count(second.begin(), second.end(), '\n'), 1);
+    EXPECT_LE(second.size(), 64u * 1024 + 64);
+    EXPECT_TRUE(second.ends_with(" [12517378 bytes left out]\n"))
+        << second.substr(second.size() - 40);
 }
 
 TEST_F(LoggerTest, LinesReachTheFileWithinASecondWithoutAnExplicitFlush) {
@@ -93,34 +100,86 @@ TEST_F(LoggerTest, LoggersOnManyThreadsShareOneFileWithoutTornOrLostLines) {
     EXPECT_EQ(seen.size(), static_cast<std::size_t>(threads * linesEach));
 }
 
-TEST_F(LoggerTest, RotatesSoTheFileStaysBounded) {
-    const Logger logger(now(), logsDir);
-    const std::string message(1000, 'r');
-    for (int index = 0; index < 20000; ++index) {  // about 20 MB of lines
-        logger.logInformation(message, now());
+// Two hosts sharing one log (two directory spellings give two channels, as two processes have):
+// each rotates it safely, so the log stays bounded and no line lands in an unlinked file.
+TEST_F(LoggerTest, HostsSharingALogRotateItWithoutLosingLines) {
+    const std::array loggers{Logger(now(), logsDir), Logger(now(), logsDir / ".")};
+    const std::string filler(1000, 'r');
+    constexpr int lines = 24000;  // about 24 MB in all
+    for (int index = 0; index < lines; ++index) {
+        loggers[index % 2].logInformation(std::to_string(index) + filler, now());
     }
     Logger::flushAll();
-    const auto size = std::filesystem::file_size(logFile);
-    EXPECT_LE(size, 9u * 1024 * 1024);
-    EXPECT_TRUE(std::filesystem::exists(logFile.string() + ".1"));
+    std::size_t kept = 0;
+    for (const auto* suffix : {"", ".1", ".2"}) {
+        const std::filesystem::path file = logFile.string() + suffix;
+        EXPECT_LE(std::filesystem::file_size(file), 9u * 1024 * 1024);
+        kept += test::logMessages(file).size();
+    }
     EXPECT_FALSE(std::filesystem::exists(logFile.string() + ".3"));
+    EXPECT_GE(kept, 2u * 8 * 1024);  // the three files hold what fits; older lines rotated away
+    EXPECT_EQ(test::logMessages(logFile).back(), "info " + std::to_string(lines - 1) + filler);
 }
 
-TEST_F(LoggerTest, FallsBackToStandardErrorNeverStandardOutput) {
-    const auto blocker = directory.path() / "not-a-directory";
-    {
-        std::FILE* file = std::fopen(blocker.c_str(), "w");
-        ASSERT_NE(file, nullptr);
-        std::fclose(file);
+void writeFile(const std::filesystem::path& file, mode_t mode) {
+    std::filesystem::create_directories(file.parent_path());
+    ::close(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode));
+    ::chmod(file.c_str(), mode);
+}
+
+// A log place that breaks the trust rules is never written: the lines go to standard error.
+TEST_F(LoggerTest, WritesToStandardErrorWhereTheLogIsNotPrivate) {
+    using Setup = std::function<void(const std::filesystem::path& logsDir)>;
+    const auto file = [](const auto& logs) { return logs / Logger::logFileName; };
+    const std::vector<std::pair<std::string, Setup>> cases{
+        {"not a directory", [](auto& logs) { writeFile(logs, 0600); }},
+        {"linked directory",
+         [](auto& logs) {
+             std::filesystem::create_directories(logs.parent_path() / "real");
+             std::filesystem::create_directory_symlink("real", logs);
+         }},
+        {"directory others may write",
+         [](auto& logs) {
+             std::filesystem::create_directories(logs);
+             ::chmod(logs.c_str(), 0777);
+         }},
+        {"file others may read", [&](auto& logs) { writeFile(file(logs), 0666); }},
+        {"linked file",
+         [&](auto& logs) {
+             writeFile(logs / "elsewhere", 0600);
+             std::filesystem::create_symlink("elsewhere", file(logs));
+         }},
+        {"fifo",
+         [&](auto& logs) {
+             std::filesystem::create_directories(logs);
+             ::mkfifo(file(logs).c_str(), 0600);
+         }},
+        {"file of another user",
+         [&](auto& logs) {
+             writeFile(file(logs), 0600);
+             ASSERT_EQ(::chown(file(logs).c_str(), 65534, -1), 0);
+         }},
+    };
+    for (std::size_t index = 0; index < cases.size(); ++index) {
+        const auto& [name, breakTrust] = cases[index];
+        SCOPED_TRACE(name);
+        if (name == "file of another user" && ::geteuid() != 0) {
+            continue;  // giving a file to another user needs root
+        }
+        const auto logs = directory.path() / std::to_string(index) / "kerrow";
+        breakTrust(logs);
+        ::testing::internal::CaptureStdout();
+        ::testing::internal::CaptureStderr();
+        Logger(now(), logs).logInformation("kept private", exampleTime());
+        Logger::flushAll();
+        EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+                  "2026-11-22T09:14:03.042Z info kept private\n");
+        EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+        std::error_code ignored;
+        if (std::filesystem::is_regular_file(file(logs), ignored)) {
+            EXPECT_EQ(test::readFile(file(logs)), "");
+        }
     }
-    ::testing::internal::CaptureStdout();
-    ::testing::internal::CaptureStderr();
-    Logger(now(), blocker / "kerrow").logInformation("nowhere to write", exampleTime());
-    Logger::flushAll();
-    const std::string err = ::testing::internal::GetCapturedStderr();
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_EQ(err, "2026-11-22T09:14:03.042Z info nowhere to write\n");
-    EXPECT_EQ(out, "");
 }
 
 TEST(LoggerLocation, FollowsXdgStateHomeThenHome) {

@@ -1,5 +1,6 @@
 #include "kit/socket_helper.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -30,6 +31,8 @@ using namespace std::chrono_literals;
 constexpr std::chrono::milliseconds firstRetryDelay = 20ms;
 constexpr std::chrono::milliseconds longestRetryDelay = 1s;
 constexpr std::chrono::milliseconds connectPatience = 10s;
+// A connection that ends sooner than this after it opened counts as a failed attempt.
+constexpr std::chrono::milliseconds stableConnection = 1s;
 
 // Bytes asked of the kernel by one read; the inbound buffer grows by at most this much per read.
 constexpr std::size_t readChunk = std::size_t{64} * 1024;
@@ -38,6 +41,32 @@ constexpr std::size_t retainedCapacity = std::size_t{1024} * 1024;
 
 [[noreturn]] void throwErrno(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
+}
+
+struct StopSignal {
+    std::mutex lock;
+    std::shared_ptr<const Descriptor> descriptor;  // guarded by lock
+};
+
+StopSignal& stopSignal() {
+    static StopSignal instance;
+    return instance;
+}
+
+std::shared_ptr<const Descriptor> stopSignalDescriptor() {
+    auto& signal = stopSignal();
+    const std::lock_guard lock(signal.lock);
+    return signal.descriptor;
+}
+
+int millisecondsUntil(std::chrono::steady_clock::time_point deadline) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
+}
+
+[[noreturn]] void throwCancelled(const std::string& what) {
+    throw std::system_error(ECANCELED, std::generic_category(), what);
 }
 
 }  // namespace
@@ -50,6 +79,12 @@ SocketHelper::SocketHelper(SocketType type, std::string path)
 }
 
 SocketHelper::~SocketHelper() = default;
+
+void SocketHelper::setStopSignalDescriptor(std::shared_ptr<const Descriptor> descriptor) {
+    auto& signal = stopSignal();
+    const std::lock_guard lock(signal.lock);
+    signal.descriptor = std::move(descriptor);
+}
 
 std::string SocketHelper::browserSocketLocation() {
     const char* runtimeDirectory = std::getenv("XDG_RUNTIME_DIR");  // NOLINT(concurrency-mt-unsafe)
@@ -75,9 +110,23 @@ void SocketHelper::closeSocket() {
 }
 
 void SocketHelper::resetSocket(const std::string& path) {
+    noteConnectionEnded();
     connected_ = false;
     replaceDescriptor(Descriptor());
     path_ = path;
+}
+
+// Called once the connection is over: a short-lived one lengthens the wait before the next
+// connect, a stable one clears it.
+void SocketHelper::noteConnectionEnded() {
+    if (descriptor_.get() < 0) {
+        return;
+    }
+    if (std::chrono::steady_clock::now() - connectedAt_ < stableConnection) {
+        pacingDelay_ = std::clamp(pacingDelay_ * 2, firstRetryDelay, longestRetryDelay);
+    } else {
+        pacingDelay_ = 0ms;
+    }
 }
 
 void SocketHelper::replaceDescriptor(Descriptor descriptor) {
@@ -118,7 +167,7 @@ void SocketHelper::readSocket() {
             connected_ = false;
             return;
         }
-        if (error != EINTR) {
+        if (error != EINTR && error != EAGAIN) {
             throw std::system_error(error, std::generic_category(),
                                     "read from core service at " + path_);
         }
@@ -128,16 +177,24 @@ void SocketHelper::readSocket() {
 // Waits until the socket has something to read (data, end of stream or an error). False once
 // reading stopped, even when input arrived at the same time, so that a stopped reader consumes
 // nothing.
-bool SocketHelper::waitForInput() const {
-    std::array<pollfd, 2> entries{pollfd{wakeDescriptor_.get(), POLLIN, 0},
-                                  pollfd{descriptor_.get(), POLLIN, 0}};
+// A retired endpoint reads on until its grace ends, then stops as if reading had been stopped.
+bool SocketHelper::waitForInput() {
+    std::array<pollfd, 2> entries{pollfd{descriptor_.get(), POLLIN, 0},
+                                  pollfd{wakeDescriptor_.get(), POLLIN, 0}};
     while (!readingStopped_) {
-        const int ready = ::poll(entries.data(), entries.size(), -1);
+        const bool retired = retired_;
+        const int timeout = retired ? millisecondsUntil(retiredUntil_.load()) : -1;
+        if (retired && timeout == 0) {
+            stopReading();
+            break;
+        }
+        // Once retired the wake descriptor stays readable; only the grace bounds the wait then.
+        const int ready = ::poll(entries.data(), retired ? 1 : 2, timeout);
         if (ready < 0 && errno != EINTR) {
             throwErrno("wait for core service at " + path_);
         }
-        if (ready > 0) {
-            return entries[0].revents == 0;
+        if (ready > 0 && entries[0].revents != 0 && !readingStopped_) {
+            return true;
         }
     }
     return false;
@@ -188,12 +245,14 @@ void SocketHelper::sendData(const Data& data) {
         message.msg_iov = parts.data() + first;
         message.msg_iovlen = parts.size() - first;
         // MSG_NOSIGNAL: a core service that has gone makes this fail with EPIPE, never SIGPIPE.
-        const ssize_t sent = ::sendmsg(descriptor_.get(), &message, MSG_NOSIGNAL);
+        const ssize_t sent = ::sendmsg(descriptor_.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0) {
-            if (errno == EINTR) {
-                continue;
+            if (errno == EAGAIN) {
+                waitUntilWritable(descriptor_.get());
+            } else if (errno != EINTR) {
+                throwErrno("send to core service");
             }
-            throwErrno("send to core service");
+            continue;
         }
         for (auto left = static_cast<std::size_t>(sent); first < parts.size(); ++first) {
             iovec& part = parts[first];
@@ -208,32 +267,116 @@ void SocketHelper::sendData(const Data& data) {
     }
 }
 
+// Waits (the send lock held) until `socket` takes more bytes. A retired endpoint waits no longer
+// than its grace; the wake descriptor ends a wait that began before the retirement.
+void SocketHelper::waitUntilWritable(int socket) const {
+    std::array<pollfd, 2> entries{pollfd{socket, POLLOUT, 0},
+                                  pollfd{wakeDescriptor_.get(), POLLIN, 0}};
+    for (;;) {
+        const bool retired = retired_;
+        const int timeout = retired ? millisecondsUntil(retiredUntil_.load()) : -1;
+        if (retired && timeout == 0) {
+            throw std::system_error(ETIMEDOUT, std::generic_category(),
+                                    "send to a retired core service connection");
+        }
+        const int ready = ::poll(entries.data(), retired ? 1 : 2, timeout);
+        if (ready < 0 && errno != EINTR) {
+            throwErrno("wait to send to core service");
+        }
+        if (ready > 0 && entries[0].revents != 0) {
+            return;  // writable, or an error that the next send reports
+        }
+    }
+}
+
 void SocketHelper::setupSocket() {
     const auto deadline = std::chrono::steady_clock::now() + connectPatience;
-    for (auto delay = firstRetryDelay;; delay = std::min(delay * 2, longestRetryDelay)) {
+    // A core service that dropped the last connection at once is not asked again at once.
+    if (pacingDelay_ > 0ms && !waitBeforeRetry(pacingDelay_)) {
+        throwCancelled("connect to " + path_);
+    }
+    for (auto delay = std::max(firstRetryDelay, pacingDelay_);;
+         delay = std::min(delay * 2, longestRetryDelay)) {
         try {
-            replaceDescriptor(connectOnce());
+            replaceDescriptor(connectOnce(deadline));
+            connectedAt_ = std::chrono::steady_clock::now();
             connected_ = true;
             return;
         } catch (const std::system_error& error) {
+            // A full backlog (EAGAIN) is waited out like a socket that is not there yet.
             const bool absent = error.code() == std::errc::no_such_file_or_directory ||
-                                error.code() == std::errc::connection_refused;
+                                error.code() == std::errc::connection_refused ||
+                                error.code() == std::errc::resource_unavailable_try_again;
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - std::chrono::steady_clock::now());
-            if (!absent || left <= 0ms || !waitBeforeRetry(std::min(delay, left))) {
+            if (!absent || left <= 0ms) {
                 throw;
+            }
+            if (!waitBeforeRetry(std::min(delay, left))) {
+                throwCancelled("connect to " + path_);
             }
         }
     }
 }
 
-// Sleeps for `delay`; false when reading stopped before or during the wait.
+// Sleeps for `delay`; false when the endpoint stopped, retired or the process was asked to stop
+// before or during the wait.
 bool SocketHelper::waitBeforeRetry(std::chrono::milliseconds delay) const {
-    pollfd entry{wakeDescriptor_.get(), POLLIN, 0};
-    return !readingStopped_ && ::poll(&entry, 1, static_cast<int>(delay.count())) <= 0;
+    const auto stop = stopSignalDescriptor();
+    std::array<pollfd, 2> entries{pollfd{wakeDescriptor_.get(), POLLIN, 0},
+                                  pollfd{stop ? stop->get() : -1, POLLIN, 0}};
+    const auto until = std::chrono::steady_clock::now() + delay;
+    while (!givingUp()) {
+        const int ready = ::poll(entries.data(), entries.size(), millisecondsUntil(until));
+        if (ready == 0) {
+            return true;
+        }
+        if (ready > 0) {
+            return false;
+        }
+        if (errno != EINTR) {
+            throwErrno("wait for core service at " + path_);
+        }
+    }
+    return false;
 }
 
-Descriptor SocketHelper::connectOnce() const {
+// Waits for a non-blocking connect in progress to finish, at most until `deadline`.
+void SocketHelper::waitUntilConnected(int socket,
+                                      std::chrono::steady_clock::time_point deadline) const {
+    const auto stop = stopSignalDescriptor();
+    std::array<pollfd, 3> entries{pollfd{socket, POLLOUT, 0},
+                                  pollfd{wakeDescriptor_.get(), POLLIN, 0},
+                                  pollfd{stop ? stop->get() : -1, POLLIN, 0}};
+    for (;;) {
+        if (givingUp()) {
+            throwCancelled("connect to " + path_);
+        }
+        const int ready = ::poll(entries.data(), entries.size(), millisecondsUntil(deadline));
+        if (ready == 0) {
+            throw std::system_error(ETIMEDOUT, std::generic_category(), "connect to " + path_);
+        }
+        if (ready < 0 && errno != EINTR) {
+            throwErrno("wait to connect to " + path_);
+        }
+        if (ready > 0 && (entries[1].revents != 0 || entries[2].revents != 0)) {
+            throwCancelled("connect to " + path_);
+        }
+        if (ready > 0 && entries[0].revents != 0) {
+            int error = 0;
+            socklen_t length = sizeof error;
+            if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+                throwErrno("connect to " + path_);
+            }
+            if (error != 0) {
+                throw std::system_error(error, std::generic_category(), "connect to " + path_);
+            }
+            return;
+        }
+    }
+}
+
+Descriptor SocketHelper::connectOnce(std::chrono::steady_clock::time_point deadline) const {
     const std::filesystem::path path(path_);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -243,15 +386,17 @@ Descriptor SocketHelper::connectOnce() const {
     checkSocketTrust(path);
     std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
 
-    Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // Non-blocking for good: reads wait in poll() and sends in waitUntilWritable().
+    Descriptor connection(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (connection.get() < 0) {
         throwErrno("socket");
     }
-    while (::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address),
-                     sizeof address) != 0) {
-        if (errno != EINTR) {
+    if (::connect(connection.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
+        0) {
+        if (errno != EINPROGRESS && errno != EINTR) {
             throwErrno("connect to " + path_);
         }
+        waitUntilConnected(connection.get(), deadline);
     }
     checkPeerTrust(connection.get(), path);
     return connection;
@@ -259,8 +404,20 @@ Descriptor SocketHelper::connectOnce() const {
 
 void SocketHelper::stopReading() {
     if (!readingStopped_.exchange(true)) {
-        ::eventfd_write(wakeDescriptor_.get(), 1);
+        wake();
     }
+}
+
+void SocketHelper::retire(std::chrono::milliseconds grace) {
+    retiredUntil_ = std::chrono::steady_clock::now() + grace;
+    if (!retired_.exchange(true)) {
+        wake();
+    }
+}
+
+void SocketHelper::wake() const {
+    // Only a counter at its limit makes this fail, and such a descriptor is readable already.
+    [[maybe_unused]] const int result = ::eventfd_write(wakeDescriptor_.get(), 1);
 }
 
 }  // namespace kerrow

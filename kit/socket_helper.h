@@ -5,6 +5,15 @@
 // connects to it. Every message travels as one frame, in both directions: a 4-byte little-endian
 // unsigned byte count, then that many bytes. Inbound frames over 64 MiB are a protocol error.
 //
+// Pacing: a connection that ends within a second of opening counts as a failed attempt, so the
+// next setupSocket() first waits with the same capped back-off as for a missing socket; a
+// connection that lived longer resets it. Every connect is non-blocking and bounded by the 10 s
+// patience; every wait also watches the endpoint's wake descriptor and, where one is set, the
+// process's stop signals.
+//
+// Retirement: retire() keeps the endpoint reading for a short grace (what the connection already
+// holds is still delivered) and bounds every send, one in flight included, by the same grace.
+//
 // Trust: setupSocket() refuses a socket whose directory is not owned by us or root or is writable
 // by group or others, a socket file owned by anyone but us or root, and a peer whose SO_PEERCRED
 // uid is neither ours nor root.
@@ -14,8 +23,8 @@
 // Threads: readSocket(), resetSocket(), setupSocket() and closeSocket() are called by one thread at
 // a time (the host-to-core service's queue, or the main thread before that service starts).
 // sendData() may be called from any thread at any time, also while a read blocks in another
-// thread; sends are serialised by sendLock_ and never wait for a read. stopReading() may be called
-// from any thread. isConnected is atomic.
+// thread; sends are serialised by sendLock_ and never wait for a read. stopReading() and retire()
+// may be called from any thread. isConnected is atomic.
 #pragma once
 
 #include <atomic>
@@ -95,8 +104,10 @@ class SocketHelper {
     void sendData(const Data& data);
 
     /// Connects to the socket at the current path, checking trust first. While the socket is
-    /// missing or refuses, retries with capped exponential back-off for at most 10 seconds, then
-    /// throws the last std::system_error; it gives up as soon as reading is stopped. Throws
+    /// missing, refuses or its backlog is full, retries with capped exponential back-off for at
+    /// most 10 seconds (a connect that hangs counts against the same 10 s), then throws the last
+    /// std::system_error; it gives up with ECANCELED as soon as reading stops, the endpoint
+    /// retires or the process is asked to stop. Throws
     /// SocketTrustError at once for an untrusted directory, socket or peer. Needs no reader
     /// delegate.
     void setupSocket();
@@ -106,10 +117,26 @@ class SocketHelper {
     /// waiting for the socket gives up. Any thread.
     void stopReading();
 
+    /// Retires the endpoint: reads go on for `grace` and then stop as stopReading() does; a
+    /// setupSocket() under way gives up at once; a send that cannot finish within `grace` of now,
+    /// one blocked at this moment included, fails with ETIMEDOUT. Any thread.
+    void retire(std::chrono::milliseconds grace);
+
+    /// A descriptor that turns readable when the process is asked to stop (the main thread's
+    /// signalfd of SIGTERM and SIGINT): setupSocket() then gives up with ECANCELED. Process-wide;
+    /// set once on the main thread before any endpoint connects. Borrowed, never closed.
+    static void setStopSignalDescriptor(std::shared_ptr<const Descriptor> descriptor);
+
   private:
-    [[nodiscard]] Descriptor connectOnce() const;  // a trusted, connected socket, or throws
+    // A trusted, connected socket, or throws.
+    [[nodiscard]] Descriptor connectOnce(std::chrono::steady_clock::time_point deadline) const;
+    void wake() const;
     [[nodiscard]] bool waitBeforeRetry(std::chrono::milliseconds delay) const;
-    [[nodiscard]] bool waitForInput() const;
+    void waitUntilConnected(int socket, std::chrono::steady_clock::time_point deadline) const;
+    void waitUntilWritable(int socket) const;
+    [[nodiscard]] bool waitForInput();
+    void noteConnectionEnded();
+    [[nodiscard]] bool givingUp() const { return readingStopped_ || retired_; }
     void replaceDescriptor(Descriptor descriptor);
     void deliverCompleteFrames();
 
@@ -117,9 +144,15 @@ class SocketHelper {
     std::string path_;  // reading side only
     std::atomic<bool> connected_{false};
     std::atomic<bool> readingStopped_{false};
-    // An eventfd that turns readable, for good, when reading stops. Waits poll it beside the
-    // socket, so that stopping wakes them without shutting the socket down: shutdown(SHUT_RD) on
-    // a Unix stream socket makes the core service's later sends to us fail with EPIPE.
+    std::atomic<bool> retired_{false};
+    std::atomic<std::chrono::steady_clock::time_point> retiredUntil_{};  // valid once retired_
+    // Reading side only: when the current connection opened, and the wait before the next connect.
+    std::chrono::steady_clock::time_point connectedAt_{};
+    std::chrono::milliseconds pacingDelay_{0};
+    // An eventfd that turns readable, for good, when reading stops or the endpoint retires. Waits
+    // poll it beside the socket, so that stopping wakes them without shutting the socket down:
+    // shutdown(SHUT_RD) on a Unix stream socket makes the core service's later sends to us fail
+    // with EPIPE.
     const Descriptor wakeDescriptor_;
 
     // The socket is replaced only under sendLock_, and only by the reading side (readSocket(),

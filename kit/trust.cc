@@ -41,6 +41,23 @@ void checkDirectoryTrust(const std::filesystem::path& directory, const char* wha
     }
 }
 
+void checkPrivateFileTrust(int file, const std::filesystem::path& path) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0) {
+        throwErrno("file " + path.string());
+    }
+    if (!S_ISREG(status.st_mode)) {
+        throw SocketTrustError("file " + path.string() + " is not a regular file");
+    }
+    if (status.st_uid != ::geteuid()) {
+        throw SocketTrustError("file " + path.string() + " is owned by uid " +
+                               std::to_string(status.st_uid));
+    }
+    if ((status.st_mode & 07777) != 0600) {
+        throw SocketTrustError("file " + path.string() + " is not private (mode 0600)");
+    }
+}
+
 // The core service creates the directory and the socket when it starts: until then both may be
 // missing (ENOENT, which the endpoint waits out). What exists must be ours or root's, and no one
 // else may be able to put another socket in its place.

@@ -5,7 +5,8 @@
 // root, and not writable by group or others: no one else can put a socket or a file in it. A
 // socket is trusted in a trusted directory when it is owned by the user or root; a peer when its
 // SO_PEERCRED uid is the user's or root's. The host's endpoint and the installer's doctor both
-// judge with these functions. Stateless; any thread.
+// judge with these functions. The log's directory follows the directory rule, and the log file
+// must be the user's own regular file of mode 0600. Stateless; any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -27,6 +28,10 @@ class SocketTrustError : public std::runtime_error {
 /// Throws SocketTrustError for an untrusted directory, std::system_error when it cannot be
 /// examined (ENOENT when it does not exist). `what` names it in messages ("socket directory").
 void checkDirectoryTrust(const std::filesystem::path& directory, const char* what);
+
+/// The open file `file` (named `path` in messages) as a private file of the user: a regular
+/// file owned by the effective uid with mode 0600. Throws SocketTrustError otherwise.
+void checkPrivateFileTrust(int file, const std::filesystem::path& path);
 
 /// The socket at `path` and its directory; throws as checkDirectoryTrust() does.
 void checkSocketTrust(const std::filesystem::path& path);

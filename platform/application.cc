@@ -1,6 +1,7 @@
 #include "platform/application.h"
 
 #include <signal.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -72,6 +73,22 @@ std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
     return sources;
 }
 
+// A descriptor that is readable while a stop signal is pending on the main thread, where both are
+// blocked; the loop's own signalfd reads them.
+std::shared_ptr<const Descriptor> watchStopSignals() {
+    sigset_t mask;
+    sigemptyset(&mask);
+    for (const int signalNumber : stopSignals) {
+        sigaddset(&mask, signalNumber);
+    }
+    auto descriptor =
+        std::make_shared<const Descriptor>(::signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (descriptor->get() < 0) {
+        throw std::system_error(errno, std::generic_category(), "watch the stop signals");
+    }
+    return descriptor;
+}
+
 // An exception must not unwind through the loop's C frames; like a failed launch step, it is
 // reported and the loop goes on.
 template <typename Call>
@@ -134,6 +151,7 @@ int applicationMain(int /*argc*/, char** /*argv*/) {
         }
         sd_event* const loop = application.eventLoop();
         const auto stopSources = routeStopSignals(loop);
+        application.stopSignals_ = watchStopSignals();
         const auto launchSource = scheduleLaunch(loop, application);
         status = application.run();
     } catch (const std::exception& error) {

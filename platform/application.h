@@ -19,6 +19,8 @@
 
 #include <memory>
 
+#include "platform/descriptor.h"
+
 namespace kerrow {
 
 class ApplicationDelegate {
@@ -49,6 +51,14 @@ class Application {
     /// Throws std::system_error when the loop itself fails.
     int run();
 
+    /// A signalfd of SIGTERM and SIGINT that turns readable, on the main thread, when a stop
+    /// signal is pending. Work that blocks the main thread outside the loop polls it beside its
+    /// own descriptors and returns early, so that the loop can end the process. Only polled,
+    /// never read (the loop reads the signal). Null before applicationMain() set the signals up.
+    [[nodiscard]] std::shared_ptr<const Descriptor> stopSignalDescriptor() const {
+        return stopSignals_;
+    }
+
   private:
     Application() = default;
     ~Application() = default;
@@ -59,6 +69,9 @@ class Application {
 
     ApplicationDelegate* delegate_ = nullptr;
     std::unique_ptr<sd_event, EventUnref> loop_;  // null until eventLoop() is first called
+    std::shared_ptr<const Descriptor> stopSignals_;
+
+    friend int applicationMain(int argc, char** argv);
 };
 
 /// Runs the shared application on the main thread: makes SIGTERM and SIGINT end the loop,

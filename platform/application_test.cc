@@ -1,6 +1,7 @@
 #include "platform/application.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -98,7 +99,8 @@ TEST(ApplicationTest, LaunchesOnceInsideTheLoopAndEndsCleanlyOnAStopSignal) {
 
 struct StopSignal {
     int number;
-    bool toEarlyThread;  // sent to a thread that started before the loop, not to the process
+    bool toEarlyThread;       // sent to a thread that started before the loop, not to the process
+    bool busyOutsideTheLoop;  // the main thread waits in a call of its own, as setupSocket() does
 };
 
 class ApplicationStopTest : public ::testing::TestWithParam<StopSignal> {};
@@ -114,7 +116,7 @@ std::string readLine(int fd) {
 }
 
 TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
-    Child child([](int output) {
+    Child child([busy = GetParam().busyOutsideTheLoop](int output) {
         // Like a logger's flusher: started before the loop, so the stop signals are not blocked
         // in it.
         std::promise<pid_t> started;
@@ -125,7 +127,12 @@ TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
             }
         }).detach();
         writeAll(output, std::to_string(started.get_future().get()) + "\n");
-        runApplication(output, [] {});
+        runApplication(output, [busy] {
+            if (busy) {
+                pollfd stop{Application::shared().stopSignalDescriptor()->get(), POLLIN, 0};
+                ::poll(&stop, 1, 60'000);
+            }
+        });
     });
     const pid_t earlyThread = std::stoi(readLine(child.output()));
     ASSERT_EQ(readExactly(child.output(), launchedLine.size()), launchedLine);
@@ -139,8 +146,11 @@ TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, ApplicationStopTest,
-                         ::testing::Values(StopSignal{SIGTERM, false}, StopSignal{SIGINT, false},
-                                           StopSignal{SIGTERM, true}));
+                         ::testing::Values(StopSignal{SIGTERM, false, false},
+                                           StopSignal{SIGINT, false, false},
+                                           StopSignal{SIGTERM, true, false},
+                                           StopSignal{SIGTERM, false, true},
+                                           StopSignal{SIGINT, true, true}));
 
 // The host's handshake: observe the answer, announce, and get the answer on the main thread.
 TEST(ApplicationTest, DeliversDistributedNotificationsOnTheMainThread) {
