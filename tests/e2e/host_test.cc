@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/e2e/host_session.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {
@@ -40,7 +40,7 @@ bool inOrder(const std::vector<std::string>& lines, const std::vector<std::strin
 
 class HostTest : public ::testing::Test {
   protected:
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
 };
 
 TEST_F(HostTest, AnnouncesItselfAndWaitsForTheAnswerBeforeReadingOrConnecting) {
@@ -70,7 +70,6 @@ TEST_F(HostTest, AnnouncesItselfAndWaitsForTheAnswerBeforeReadingOrConnecting) {
 
 TEST_F(HostTest, RelaysEveryExtensionMessageToTheCoreServiceInOrder) {
     auto connection = session.start();
-    ASSERT_TRUE(connection);
     const std::vector<std::string> bodies{R"({"tabs":[{"id":1,"url":"https:\/\/a.example"}]})", "",
                                           std::string(70'000, 'x'),
                                           "{\"emoji\":\"\xF0\x9F\x98\x80\"}"};
@@ -78,13 +77,12 @@ TEST_F(HostTest, RelaysEveryExtensionMessageToTheCoreServiceInOrder) {
         session.host().send(body);
     }
     for (const auto& body : bodies) {
-        EXPECT_EQ(connection->receive(), body + "kerrow.tabList");
+        EXPECT_EQ(connection.receive(), body + "kerrow.tabList");
     }
 }
 
 TEST_F(HostTest, TurnsEachCoreCommandIntoTheExtensionsFramesInOrder) {
     auto connection = session.start();
-    ASSERT_TRUE(connection);
     struct Case {
         std::string command;
         std::vector<std::string> frames;
@@ -107,7 +105,7 @@ TEST_F(HostTest, TurnsEachCoreCommandIntoTheExtensionsFramesInOrder) {
          {R"({"action":"closeTab","payload":{"id":9}})"}},
     };
     for (const auto& [command, frames] : cases) {
-        connection->send(command);
+        connection.send(command);
         for (const auto& expected : frames) {
             EXPECT_EQ(session.host().receive(), expected) << command;
         }
@@ -116,9 +114,9 @@ TEST_F(HostTest, TurnsEachCoreCommandIntoTheExtensionsFramesInOrder) {
     // on standard output is the one of the next command.
     for (const std::string dropped : {"hello", "KERROW.CLOSETAB-1", "kerrow.closeTab-abc",
                                       "kerrow.closeTab-", "kerrow.websiteList{}", "\xFF\xFE"}) {
-        connection->send(dropped);
+        connection.send(dropped);
     }
-    connection->send("kerrow.closeTab-1");
+    connection.send("kerrow.closeTab-1");
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":1}})");
 
     ASSERT_TRUE(
@@ -134,8 +132,7 @@ TEST_F(HostTest, TurnsEachCoreCommandIntoTheExtensionsFramesInOrder) {
 
 TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnection) {
     auto first = session.start();
-    ASSERT_TRUE(first);
-    first->close();
+    first.close();
     auto second = session.core().accept();
     ASSERT_TRUE(second) << "no reconnection\n" << session.log();
     // Frames that arrive while the host reconnects are dropped; from the second run of the
@@ -152,9 +149,8 @@ TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnection) {
 
 TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBrowser) {
     auto connection = session.start();
-    ASSERT_TRUE(connection);
-    connection->sendRaw(std::string("\xFF\xFF\xFF\xFF", 4));
-    EXPECT_TRUE(connection->waitForClose()) << session.log();
+    connection.sendRaw(std::string("\xFF\xFF\xFF\xFF", 4));
+    EXPECT_TRUE(connection.waitForClose()) << session.log();
     ASSERT_TRUE(session.waitForLog(
         "error Error with socket in host-to-core service: inbound frame of 4294967295 bytes "
         "exceeds the 64 MiB limit"));
@@ -195,9 +191,8 @@ TEST_F(HostTest, GoesOnServingTheBrowserWhenNoCoreServiceListens) {
 
 TEST_F(HostTest, ARepeatedStartMovesTheTrafficToTheNewConnection) {
     auto first = session.start();
-    ASSERT_TRUE(first);
     session.host().send("one");
-    EXPECT_EQ(first->receive(), "onekerrow.tabList");
+    EXPECT_EQ(first.receive(), "onekerrow.tabList");
 
     session.postStart();
     auto second = session.core().accept();
@@ -209,12 +204,12 @@ TEST_F(HostTest, ARepeatedStartMovesTheTrafficToTheNewConnection) {
     for (int i = 0; i < 100; ++i) {
         EXPECT_EQ(second->receive(), "frame " + std::to_string(i) + "kerrow.tabList");
     }
-    EXPECT_FALSE(first->receive(200ms)) << "a frame went over the previous connection";
+    EXPECT_FALSE(first.receive(200ms)) << "a frame went over the previous connection";
     second->send("kerrow.closeTab-5");
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":5}})");
 
     // The previous endpoint is closed once its channel finished; it never reconnects.
-    EXPECT_TRUE(first->waitForClose()) << session.log();
+    EXPECT_TRUE(first.waitForClose()) << session.log();
     EXPECT_FALSE(session.core().accept(500ms)) << "the retired service reconnected";
     second->send("kerrow.closeTab-8");
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":8}})");
@@ -223,12 +218,11 @@ TEST_F(HostTest, ARepeatedStartMovesTheTrafficToTheNewConnection) {
 
 TEST_F(HostTest, EndOfInputEndsTheProcessWithStatusZero) {
     auto connection = session.start();
-    ASSERT_TRUE(connection);
     session.host().send("last");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
-    EXPECT_EQ(connection->receive(), "lastkerrow.tabList");
-    EXPECT_TRUE(connection->waitForClose());
+    EXPECT_EQ(connection.receive(), "lastkerrow.tabList");
+    EXPECT_TRUE(connection.waitForClose());
     const auto lines = session.logMessages();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back(), stoppingLine) << session.log();
@@ -246,9 +240,8 @@ TEST_F(HostTest, EndOfInputBeforeTheAnswerKeepsTheHostWaiting) {
 
 TEST_F(HostTest, SigtermEndsTheHostWithStatusZeroAndItsLogWritten) {
     auto connection = session.start();
-    ASSERT_TRUE(connection);
     session.host().send("before the end");
-    EXPECT_EQ(connection->receive(), "before the endkerrow.tabList");
+    EXPECT_EQ(connection.receive(), "before the endkerrow.tabList");
     ::kill(session.host().pid(), SIGTERM);
     EXPECT_EQ(session.host().waitForExit(), 0);
     // Written out at once, not by the next periodic flush, which never comes.

@@ -7,18 +7,10 @@
 
 #include <algorithm>
 
-#include "tests/e2e/host_session.h"
 #include "tests/faults/fault_support.h"
 
 namespace kerrow::test {
 namespace {
-
-std::size_t threadCount(pid_t pid) {
-    std::error_code error;
-    const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task",
-                                                    error);
-    return static_cast<std::size_t>(std::distance(tasks, std::filesystem::directory_iterator()));
-}
 
 std::string describe(const std::vector<OpenDescriptor>& descriptors) {
     std::string text;
@@ -57,7 +49,7 @@ class HygieneTest : public ::testing::Test {
                   R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}");
     }
 
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
     long connections = 0;
 };
 
@@ -90,7 +82,6 @@ TEST_F(HygieneTest, MarksEveryDescriptorButTheStandardStreamsCloseOnExec) {
 
 TEST_F(HygieneTest, KeepsItsLogToItsUser) {
     auto connection = session.start();
-    ASSERT_TRUE(connection);
     ASSERT_TRUE(session.waitForLog("info Requesting Device Twin update"));
     struct stat file {};
     struct stat directory {};
@@ -129,7 +120,7 @@ TEST_F(HygieneTest, KeepsDescriptorsAndThreadsFlatAcrossReconnectionsAndRestarts
     exchange(*connection, 0);
     const pid_t host = session.host().pid();
     const auto descriptorsAtStart = openDescriptors(host);
-    const auto threadsAtStart = threadCount(host);
+    const auto threadsAtStart = procFigure(host, "status", "Threads");
 
     for (int round = 1; round <= 20; ++round) {
         const bool restart = round % 2 != 0;
@@ -149,8 +140,8 @@ TEST_F(HygieneTest, KeepsDescriptorsAndThreadsFlatAcrossReconnectionsAndRestarts
         << "before:\n"
         << describe(descriptorsAtStart) << "after:\n"
         << describe(openDescriptors(host));
-    EXPECT_TRUE(waitUntil([&] { return threadCount(host) <= threadsAtStart; }, 5000ms))
-        << threadsAtStart << " threads before, " << threadCount(host) << " after";
+    EXPECT_TRUE(waitUntil([&] { return procFigure(host, "status", "Threads") <= threadsAtStart; }, 5000ms))
+        << threadsAtStart << " threads before, " << procFigure(host, "status", "Threads") << " after";
 }
 
 }  // namespace

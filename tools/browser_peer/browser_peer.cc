@@ -28,7 +28,11 @@ BrowserPeer::BrowserPeer(BrowserPeerOptions options)
                                     "cannot read the script " + *options_.scriptPath);
         }
     }
-    host_ = launchHost(options_.hostPath, options_.hostArguments);
+    // As a browser does: our environment and our standard error.
+    host_ = test::launchProcess(options_.hostPath, options_.hostArguments, std::nullopt, {});
+    for (const int pipe : {host_.input.get(), host_.output.get()}) {
+        ::fcntl(pipe, F_SETFL, ::fcntl(pipe, F_GETFL) | O_NONBLOCK);
+    }
     std::string arguments;
     for (const auto& argument : options_.hostArguments) {
         arguments += " " + argument;

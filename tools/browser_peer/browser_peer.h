@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "tools/browser_peer/browser_command.h"
-#include "tools/browser_peer/host_launcher.h"
+#include "tests/support/host_process.h"
 #include "tools/common/console.h"
 #include "tools/common/event_loop.h"
 #include "kit/frame_codec.h"
@@ -74,7 +74,7 @@ class BrowserPeer {
     Console console_;
     EventLoop loop_;
     std::vector<EventSource> signals_;
-    LaunchedHost host_;
+    test::LaunchedProcess host_;  // pipes made non-blocking
     EventSource inputIO_;   // the host's standard input, while frames wait for it
     EventSource outputIO_;  // the host's standard output
     EventSource child_;
