@@ -288,27 +288,6 @@ TEST_F(PeersTest, CommandsGoToOneHostOrToAll) {
         << core.errors();
 }
 
-TEST_F(PeersTest, HostConnectsAgainAfterTheCoreServiceDropsIt) {
-    const auto script = write("core.script", R"(wait-hosts 1
-disconnect
-wait-hosts 1
-close-tab 5
-wait-hosts 0
-)");
-    auto core = startCore({"--script", script.string()});
-    ASSERT_TRUE(core.out->waitFor("core: listening"));
-    auto browser = startBrowser();
-    EXPECT_EQ(browser.out->next(), R"({"action":"closeTab","payload":{"id":5}})");
-    ASSERT_TRUE(core.out->waitFor("to host 2: kerrow.closeTab-5"));
-    browser.process->closeInput();
-    EXPECT_EQ(browser.process->waitForExit(10000ms), 0) << browser.errors();
-    EXPECT_EQ(core.process->waitForExit(10000ms), 0) << core.errors();
-    EXPECT_NE(core.out->seen().find("core: host 1 disconnected (closed by the core peer)\n"
-                                    "core: host 2 connected (pid "),
-              std::string::npos)
-        << core.out->seen();
-}
-
 TEST_F(PeersTest, FailedWaitsEndScripts) {
     const auto coreScript = write("core.script", "wait-hosts 1\nweb-on\n");
     auto core = startCore({"--no-bus", "--timeout", "0.2", "--script", coreScript.string()});

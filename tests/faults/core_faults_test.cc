@@ -59,8 +59,7 @@ TEST_F(CoreFaultTest, TakesAHeaderAtTheLimitWithoutReservingItsSize) {
 TEST_F(CoreFaultTest, StopsReadingAtAHeaderOverTheLimitAndKeepsServingTheBrowser) {
     connection.sendRaw(frame("kerrow.closeTab-9") + lengthPrefix(64 * 1024 * 1024 + 1));
     EXPECT_EQ(session.host().receive(), closeTabFrame(9));
-    EXPECT_TRUE(session.waitForLog(
-        "error Error with socket in host-to-core service: "))
+    EXPECT_TRUE(session.waitForLog("error Error with socket in host-to-core service: "))
         << session.log();
     EXPECT_TRUE(connection.waitForClose());
     session.host().send("still served");

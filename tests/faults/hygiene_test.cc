@@ -140,8 +140,10 @@ TEST_F(HygieneTest, KeepsDescriptorsAndThreadsFlatAcrossReconnectionsAndRestarts
         << "before:\n"
         << describe(descriptorsAtStart) << "after:\n"
         << describe(openDescriptors(host));
-    EXPECT_TRUE(waitUntil([&] { return procFigure(host, "status", "Threads") <= threadsAtStart; }, 5000ms))
-        << threadsAtStart << " threads before, " << procFigure(host, "status", "Threads") << " after";
+    EXPECT_TRUE(
+        waitUntil([&] { return procFigure(host, "status", "Threads") <= threadsAtStart; }, 5000ms))
+        << threadsAtStart << " threads before, " << procFigure(host, "status", "Threads")
+        << " after";
 }
 
 }  // namespace

@@ -119,8 +119,8 @@ std::optional<int> HostProcess::waitForExit(Duration timeout) {
 bool HostProcess::running() const {
     siginfo_t info{};
     return !status_ &&
-           ::waitid(P_PID, static_cast<id_t>(process_.pid), &info,
-                    WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           ::waitid(P_PID, static_cast<id_t>(process_.pid), &info, WEXITED | WNOHANG | WNOWAIT) ==
+               0 &&
            info.si_pid == 0;
 }
 

@@ -26,8 +26,8 @@ namespace {
 // Waits until `fd` is readable; false at `deadline`.
 bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
     for (;;) {
-        const auto left = std::chrono::duration_cast<Duration>(
-            deadline - std::chrono::steady_clock::now());
+        const auto left =
+            std::chrono::duration_cast<Duration>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             return false;
         }

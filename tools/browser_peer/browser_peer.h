@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/browser_peer/browser_command.h"
+#include "kit/frame_codec.h"
 #include "tests/support/host_process.h"
+#include "tools/browser_peer/browser_command.h"
 #include "tools/common/console.h"
 #include "tools/common/event_loop.h"
-#include "kit/frame_codec.h"
 #include "tools/common/line_input.h"
 
 namespace kerrow::tools {
@@ -75,8 +75,8 @@ class BrowserPeer {
     EventLoop loop_;
     std::vector<EventSource> signals_;
     test::LaunchedProcess host_;  // pipes made non-blocking
-    EventSource inputIO_;   // the host's standard input, while frames wait for it
-    EventSource outputIO_;  // the host's standard output
+    EventSource inputIO_;         // the host's standard input, while frames wait for it
+    EventSource outputIO_;        // the host's standard output
     EventSource child_;
     EventSource runner_;
     EventSource timer_;
