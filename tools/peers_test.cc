@@ -3,17 +3,13 @@
 // runtime and state directories.
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <map>
 #include <memory>
 #include <regex>
 
-#include "tests/support/host_process.h"
-#include "tests/support/private_bus.h"
-#include "tests/support/test_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {
@@ -71,36 +67,23 @@ class LineReader {
     std::string seen_;  // every line returned so far, for failure messages
 };
 
-/// A peer process with its standard output read as lines and its standard error in a file.
+/// A peer process with its standard output read as lines.
 struct Peer {
     std::unique_ptr<HostProcess> process;
     std::unique_ptr<LineReader> out;
-    std::filesystem::path errorFile;
 
-    [[nodiscard]] std::string errors() const { return readFile(errorFile); }
+    [[nodiscard]] std::string errors() const { return process->standardError(); }
     void type(std::string_view line) { process->sendRaw(std::string(line) + "\n"); }
 };
 
+/// The peers in a HostSession's private places, with the core peer (not a test core service)
+/// listening at the socket location.
 class PeersTest : public ::testing::Test {
   protected:
-    PeersTest() : runtime_(directory_.path() / "runtime"), state_(directory_.path() / "state") {
-        std::filesystem::create_directory(runtime_);
-        std::filesystem::create_directory(state_);
-        ::chmod(runtime_.c_str(), 0700);
-    }
+    PeersTest() { session_.stopCore(); }
 
     Peer start(const char* binary, const std::vector<std::string>& arguments) {
-        const auto errorFile = directory_.path() / ("stderr-" + std::to_string(++started_));
-        Peer peer{std::make_unique<HostProcess>(binary, arguments,
-                                                std::map<std::string, std::string>{
-                                                    {"PATH", "/usr/bin:/bin"},
-                                                    {"HOME", directory_.path().string()},
-                                                    {"XDG_RUNTIME_DIR", runtime_.string()},
-                                                    {"XDG_STATE_HOME", state_.string()},
-                                                    {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
-                                                },
-                                                errorFile),
-                  nullptr, errorFile};
+        Peer peer{session_.startProcess(binary, arguments), nullptr};
         peer.out = std::make_unique<LineReader>(peer.process->outputFd());
         return peer;
     }
@@ -113,15 +96,13 @@ class PeersTest : public ::testing::Test {
 
     std::filesystem::path write(const std::string& name, const std::string& text,
                                 std::filesystem::perms permissions = std::filesystem::perms(0600)) {
-        const auto path = directory_.path() / name;
+        const auto path = session_.directory() / name;
         std::ofstream(path, std::ios::binary) << text;
         std::filesystem::permissions(path, permissions);
         return path;
     }
 
-    [[nodiscard]] std::filesystem::path socketPath() const {
-        return runtime_ / "kerrow" / "browser.sock";
-    }
+    [[nodiscard]] std::filesystem::path socketPath() const { return session_.socketPath(); }
 
     /// The host pid that a browser peer reports on standard error.
     static pid_t hostPid(const Peer& browser) {
@@ -135,11 +116,7 @@ class PeersTest : public ::testing::Test {
         return found ? std::stoi(match[1]) : -1;
     }
 
-    TemporaryDirectory directory_;
-    std::filesystem::path runtime_;
-    std::filesystem::path state_;
-    PrivateBus bus_;
-    int started_ = 0;
+    HostSession session_{""};  // runs the peers only
 };
 
 TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBack) {
@@ -297,7 +274,7 @@ TEST_F(PeersTest, FailedWaitsEndScripts) {
     EXPECT_FALSE(std::filesystem::exists(socketPath()));
 
     // A host that records its input: nothing after the failed expect may reach it.
-    const auto input = directory_.path() / "input";
+    const auto input = session_.directory() / "input";
     const auto fakeHost = write("fake-host", "#!/bin/sh\ncat > " + input.string() + "\n",
                                 std::filesystem::perms(0700));
     const auto browserScript = write("browser.script", "expect never\n{\"late\":1}\n");
@@ -344,7 +321,7 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
 }
 
 TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEnd) {
-    const auto arguments = directory_.path() / "arguments";
+    const auto arguments = session_.directory() / "arguments";
     const auto fakeHost = write(
         "fake-host",
         "#!/bin/sh\nprintf '%s\\n' \"$@\" > " + arguments.string() + "\ncat > /dev/null\nexit 3\n",

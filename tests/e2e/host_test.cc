@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/support/host_session.h"
@@ -158,19 +157,6 @@ TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBr
     session.host().send("dropped");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
-}
-
-TEST_F(HostTest, ConnectsToACoreServiceThatStartsListeningLate) {
-    session.stopCore();
-    session.launch();
-    ASSERT_TRUE(session.waitForAnnouncement());
-    session.postStart();
-    // The host is now retrying a socket that is missing; the core service comes up meanwhile.
-    std::this_thread::sleep_for(300ms);
-    session.startCore();
-    auto connection = session.core().accept(12'000ms);
-    ASSERT_TRUE(connection) << session.log();
-    EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
 }
 
 TEST_F(HostTest, GoesOnServingTheBrowserWhenNoCoreServiceListens) {

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <fstream>
 
-#include "kit/frame_codec.h"
-
 namespace kerrow::test {
 
 std::vector<OpenDescriptor> openDescriptors(pid_t pid) {
@@ -58,11 +56,6 @@ bool waitForConnections(const HostSession& session, long count, Duration timeout
                               "info Established a Connection in host-to-core service") >= count;
         },
         timeout);
-}
-
-std::string lengthPrefix(std::uint32_t length) {
-    const auto header = encodeFrameLength(length);
-    return {header.begin(), header.end()};
 }
 
 FrameCollector::FrameCollector(int fd, std::size_t expected, Duration idle,

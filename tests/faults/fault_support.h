@@ -31,8 +31,6 @@ void markInheritedDescriptorsCloseOnExec();
 /// connection once it is in place, so a frame from the browser read after that goes over it.
 [[nodiscard]] bool waitForConnections(const HostSession& session, long count,
                                       Duration timeout = 15'000ms);
-/// A length header on its own (for hostile and partial frames).
-[[nodiscard]] std::string lengthPrefix(std::uint32_t length);
 
 /// Reads frames from a descriptor on a thread of its own until `expected` arrived, a frame for
 /// which `isLast` holds arrived, the stream ends, or `idle` passes without a frame. frames() is

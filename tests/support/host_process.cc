@@ -74,7 +74,8 @@ HostProcess::HostProcess(const std::filesystem::path& binary,
                          const std::vector<std::string>& arguments,
                          const std::optional<Environment>& environment,
                          const std::filesystem::path& standardErrorFile)
-    : process_(launchProcess(binary, arguments, environment, standardErrorFile)) {}
+    : process_(launchProcess(binary, arguments, environment, standardErrorFile)),
+      standardError_(standardErrorFile) {}
 
 HostProcess::~HostProcess() {
     if (!status_) {

@@ -68,12 +68,15 @@ class HostProcess {
     /// True while the process has not ended (it is not reaped by this call).
     [[nodiscard]] bool running() const;
 
+    /// What it wrote on standard error so far ("" when that is not a file of ours).
+    [[nodiscard]] std::string standardError() const { return readFile(standardError_); }
     [[nodiscard]] pid_t pid() const { return process_.pid; }
     [[nodiscard]] int inputFd() const { return process_.input.get(); }
     [[nodiscard]] int outputFd() const { return process_.output.get(); }
 
   private:
     LaunchedProcess process_;
+    std::filesystem::path standardError_;
     std::optional<int> status_;  // once reaped
 };
 

@@ -34,7 +34,8 @@ std::filesystem::path HostSession::logFile() const {
     return state_ / "kerrow" / "native-messaging-host.log";
 }
 
-void HostSession::launch(const std::vector<std::string>& arguments) {
+std::unique_ptr<HostProcess> HostSession::startProcess(const std::filesystem::path& binary,
+                                                       const std::vector<std::string>& arguments) {
     Environment environment{
         {"PATH", "/usr/bin:/bin"},
         {"HOME", directory_.path().string()},
@@ -48,8 +49,13 @@ void HostSession::launch(const std::vector<std::string>& arguments) {
             environment.emplace(name, value);
         }
     }
-    host_ = std::make_unique<HostProcess>(hostBinary_, arguments, environment,
-                                          directory_.path() / "stderr");
+    return std::make_unique<HostProcess>(
+        binary, arguments, environment,
+        directory_.path() / ("stderr-" + std::to_string(++started_)));
+}
+
+void HostSession::launch(const std::vector<std::string>& arguments) {
+    host_ = startProcess(hostBinary_, arguments);
 }
 
 bool HostSession::waitForAnnouncement(Duration timeout) {
@@ -102,10 +108,6 @@ bool HostSession::waitForLog(std::string_view message, Duration timeout) const {
                                [&](const std::string& line) { return line.starts_with(message); });
         },
         timeout);
-}
-
-std::string HostSession::standardError() const {
-    return readFile(directory_.path() / "stderr");
 }
 
 }  // namespace kerrow::test

@@ -24,6 +24,10 @@ class HostSession {
     HostSession(const HostSession&) = delete;
     HostSession& operator=(const HostSession&) = delete;
 
+    /// Starts `binary` in the session's environment (its temporary home, runtime and state
+    /// directories and bus), with standard error in the session's folder.
+    [[nodiscard]] std::unique_ptr<HostProcess> startProcess(
+        const std::filesystem::path& binary, const std::vector<std::string>& arguments);
     /// Starts the host with the origin argument a Chrome-family browser passes.
     void launch(const std::vector<std::string>& arguments = {"chrome-extension://kerrow/"});
     /// True once the host announced itself on the bus.
@@ -55,7 +59,9 @@ class HostSession {
     /// True once the log holds a line (without time stamp) that starts with `message`.
     [[nodiscard]] bool waitForLog(std::string_view message, Duration timeout = 5000ms) const;
     /// The host's standard error so far.
-    [[nodiscard]] std::string standardError() const;
+    [[nodiscard]] std::string standardError() const { return host_->standardError(); }
+    /// The session's own temporary directory.
+    [[nodiscard]] const std::filesystem::path& directory() const { return directory_.path(); }
 
   private:
     std::filesystem::path hostBinary_;
@@ -66,6 +72,7 @@ class HostSession {
     BusClient client_;
     std::optional<TestCoreService> core_;
     std::unique_ptr<HostProcess> host_;
+    int started_ = 0;  // processes started so far, to name their standard error files
 };
 
 }  // namespace kerrow::test
