@@ -57,8 +57,8 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     LaunchedProcess process;
     const int error =
-        ::posix_spawn(&process.pid, binary.c_str(), &actions, &attributes, pointers.data(),
-                      environment ? pointers.data() + environmentStart + 1 : environ);
+        ::posix_spawnp(&process.pid, binary.c_str(), &actions, &attributes, pointers.data(),
+                       environment ? pointers.data() + environmentStart + 1 : environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {

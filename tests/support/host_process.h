@@ -31,9 +31,9 @@ struct LaunchedProcess {
     Descriptor output;  // our read end of its standard output
 };
 
-/// Starts `binary` (a path) with `arguments` (argv[1]...). No `environment`: ours; an empty
-/// `standardError` path: ours. The caller reaps the process. Throws std::system_error
-/// "cannot start the host <binary>: <reason>".
+/// Starts `binary` (a path, or a name looked up in PATH) with `arguments` (argv[1]...). No
+/// `environment`: ours; an empty `standardError` path: ours. The caller reaps the process. Throws
+/// std::system_error "cannot start the host <binary>: <reason>".
 [[nodiscard]] LaunchedProcess launchProcess(const std::filesystem::path& binary,
                                             const std::vector<std::string>& arguments,
                                             const std::optional<Environment>& environment,
