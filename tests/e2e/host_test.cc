@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kit/frame_codec.h"
 #include "tests/support/host_session.h"
 
 namespace kerrow::test {
@@ -129,9 +130,14 @@ TEST_F(HostTest, TurnsEachCoreCommandIntoTheExtensionsFramesInOrder) {
         << session.log();
 }
 
-TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnection) {
+TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnectionMidFrame) {
     auto first = session.start();
+    // One whole command, then 10 of 20 announced bytes, then the connection ends.
+    const auto header = encodeFrameLength(20);
+    first.sendRaw(frame("kerrow.closeTab-1") + std::string(header.begin(), header.end()) +
+                  "kerrow.clo");
     first.close();
+    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":1}})");
     auto second = session.core().accept();
     ASSERT_TRUE(second) << "no reconnection\n" << session.log();
     // Frames that arrive while the host reconnects are dropped; from the second run of the
@@ -143,7 +149,8 @@ TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnection) {
     session.host().send("after");
     EXPECT_EQ(second->receive(), "afterkerrow.tabList");
     second->send("kerrow.enableInternet");
-    EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})");
+    EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})")
+        << "the cut frame's bytes were joined to the next connection's";
 }
 
 TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBrowser) {

@@ -1,10 +1,13 @@
-// Faults on the core service's side of the real host: garbage, invalid UTF-8 and a header at the
-// frame limit. (Reconnection and a header over the limit are proven by the unit tests and
-// host_test.)
+// Faults on the core service's side of the real host: garbage, invalid UTF-8, a header at the
+// frame limit, and a core service away for longer than the retry bound. (Reconnection and a
+// header over the limit are proven by the unit tests and host_test.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <random>
+#include <sstream>
 
 #include "kit/frame_codec.h"
 #include "tests/faults/fault_support.h"
@@ -57,6 +60,37 @@ TEST_F(CoreFaultTest, TakesAHeaderAtTheLimitWithoutReservingItsSize) {
     EXPECT_LT(procFigure(session.host().pid(), "status", "VmHWM") - peakBefore, 32 * 1024)
         << "memory was reserved for the announced 64 MiB";
     EXPECT_FALSE(session.host().receive(200ms)) << "an incomplete frame was delivered";
+}
+
+TEST_F(CoreFaultTest, GivesUpAfterTheRetryBoundWithoutSpinningAndReturnsOnTheNextStart) {
+    const pid_t host = session.host().pid();
+    const auto processorTime = [host] {
+        std::ifstream stat("/proc/" + std::to_string(host) + "/stat");
+        const std::string text{std::istreambuf_iterator<char>(stat), {}};
+        // The fields count from the command name's last ")": utime and stime are 12th and 13th.
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
+        return std::chrono::milliseconds((std::stoll(values.at(11)) + std::stoll(values.at(12))) *
+                                         1000 / ::sysconf(_SC_CLK_TCK));
+    };
+    session.stopCore();
+    const auto processorBefore = processorTime();
+    const auto lost = std::chrono::steady_clock::now();
+    connection.close();
+    ASSERT_TRUE(session.waitForLog("error Error with socket in host-to-core service: ", 30'000ms))
+        << session.log();
+    EXPECT_GE(std::chrono::steady_clock::now() - lost, 9s) << "gave up before the retry bound";
+    EXPECT_LT(processorTime() - processorBefore, 1000ms) << "retrying used the processor";
+
+    // Meanwhile the browser is still served: a frame is taken and dropped, not queued.
+    session.host().send("while away");
+    ASSERT_TRUE(session.waitForLog("info Sending Tab Data to Browser Messaging")) << session.log();
+    session.startCore();
+    auto back = session.answer();
+    ASSERT_TRUE(back) << session.log();
+    EXPECT_EQ(back->receive(), "kerrow.updateDeviceTwin");
+    session.host().send("back");
+    EXPECT_EQ(back->receive(), "backkerrow.tabList");
 }
 
 }  // namespace
