@@ -4,7 +4,8 @@
 // PrivateBus runs a dbus-daemon of its own, listening in a temporary directory, and points
 // DBUS_SESSION_BUS_ADDRESS of the test process (and so of every process it starts) at it; one at
 // a time per process, since the variable is process-wide. BusClient is a connection not tied to
-// any event loop: waiting drives it. Test code only; use each from one thread at a time.
+// any event loop: waiting drives it. For tests, tools and benchmarks; use each from one thread at
+// a time.
 #pragma once
 
 #include <sys/types.h>
