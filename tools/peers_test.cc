@@ -119,42 +119,32 @@ class PeersTest : public ::testing::Test {
     HostSession session_{""};  // runs the peers only
 };
 
-TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBack) {
-    auto encoder = startBrowser({"--encode"});
-    encoder.process->sendRaw("{\"a\":\"x\\/y\"}\n\n# a comment\n[1, 2]\r\n\"caf\xc3\xa9\"");
-    encoder.process->closeInput();
-    const std::string frames = encoder.process->receiveRest();
-    EXPECT_EQ(frames,
-              "\x0c\x00\x00\x00{\"a\":\"x\\/y\"}\x06\x00\x00\x00[1, 2]\x07\x00\x00\x00"
-              "\"caf\xc3\xa9\""s);
-    EXPECT_EQ(encoder.process->waitForExit(), 0);
-
-    auto decoder = startBrowser({"--decode"});
-    decoder.process->sendRaw(frames + frame("{\n}"));
-    decoder.process->closeInput();
-    EXPECT_EQ(decoder.process->receiveRest(), "{\"a\":\"x\\/y\"}\n[1, 2]\n\"caf\xc3\xa9\"\n{}\n");
-    EXPECT_EQ(decoder.process->waitForExit(), 0);
-    EXPECT_NE(decoder.errors().find("frame 4: the frame's JSON spans lines; shown compact"),
-              std::string::npos);
-}
-
-TEST_F(PeersTest, FiltersReportBadInputAndFail) {
-    auto encoder = startBrowser({"--encode"});
-    encoder.process->sendRaw("{\"ok\":1}\n{\"broken\":\n{\"ok\":2}\n");
-    encoder.process->closeInput();
-    EXPECT_EQ(encoder.process->receiveRest(), frame("{\"ok\":1}") + frame("{\"ok\":2}"));
-    EXPECT_EQ(encoder.process->waitForExit(), 1);
-    EXPECT_NE(encoder.errors().find("line 2 skipped, not JSON: "), std::string::npos)
-        << encoder.errors();
-
-    auto decoder = startBrowser({"--decode"});
-    decoder.process->sendRaw(frame("{}") + "\x0a\x00\x00\x00{\"a\""s);
-    decoder.process->closeInput();
-    EXPECT_EQ(decoder.process->receiveRest(), "{}\n");
-    EXPECT_EQ(decoder.process->waitForExit(), 1);
-    EXPECT_NE(decoder.errors().find("input ended inside frame 2 (4 of 10 body bytes)"),
-              std::string::npos)
-        << decoder.errors();
+TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBackAndReportBadInput) {
+    const std::string frames =
+        "\x0c\x00\x00\x00{\"a\":\"x\\/y\"}\x06\x00\x00\x00[1, 2]\x07\x00\x00\x00\"caf\xc3\xa9\""s;
+    const struct {
+        const char* mode;
+        std::string input;
+        std::string output;
+        int status;
+        std::string_view error;  // part of what it says on standard error
+    } cases[] = {
+        {"--encode", "{\"a\":\"x\\/y\"}\n\n# a comment\n[1, 2]\r\n\"caf\xc3\xa9\"", frames, 0, ""},
+        {"--decode", frames + frame("{\n}"), "{\"a\":\"x\\/y\"}\n[1, 2]\n\"caf\xc3\xa9\"\n{}\n", 0,
+         "frame 4: the frame's JSON spans lines; shown compact"},
+        {"--encode", "{\"ok\":1}\n{\"broken\":\n{\"ok\":2}\n",
+         frame("{\"ok\":1}") + frame("{\"ok\":2}"), 1, "line 2 skipped, not JSON: "},
+        {"--decode", frame("{}") + "\x0a\x00\x00\x00{\"a\""s, "{}\n", 1,
+         "input ended inside frame 2 (4 of 10 body bytes)"},
+    };
+    for (const auto& [mode, input, output, status, error] : cases) {
+        auto filter = startBrowser({mode});
+        filter.process->sendRaw(input);
+        filter.process->closeInput();
+        EXPECT_EQ(filter.process->receiveRest(), output) << mode;
+        EXPECT_EQ(filter.process->waitForExit(), status) << mode;
+        EXPECT_NE(filter.errors().find(error), std::string::npos) << filter.errors();
+    }
 }
 
 TEST_F(PeersTest, ScriptedCommandsReachTheBrowserAsJsonLines) {
