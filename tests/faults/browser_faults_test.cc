@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "tests/faults/fault_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {

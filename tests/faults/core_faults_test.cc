@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "kit/frame_codec.h"
-#include "tests/faults/fault_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {

@@ -4,12 +4,76 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <fstream>
 #include <stdexcept>
 
-#include "tests/faults/fault_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {
+
+// One open descriptor of a process and the flags it was opened with (from fdinfo).
+struct OpenDescriptor {
+    int number;
+    unsigned flags;
+    std::string target;  // where /proc/<pid>/fd/<number> points
+};
+
+std::vector<OpenDescriptor> openDescriptors(pid_t pid) {
+    std::vector<OpenDescriptor> descriptors;
+    const std::filesystem::path proc = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(proc / "fd", error)) {
+        OpenDescriptor descriptor{std::stoi(entry.path().filename().string()), 0, ""};
+        descriptor.target = std::filesystem::read_symlink(entry.path(), error).string();
+        std::ifstream info(proc / "fdinfo" / entry.path().filename());
+        for (std::string line; std::getline(info, line);) {
+            if (line.starts_with("flags:")) {
+                descriptor.flags = static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+            }
+        }
+        descriptors.push_back(descriptor);
+    }
+    std::sort(descriptors.begin(), descriptors.end(),
+              [](const auto& a, const auto& b) { return a.number < b.number; });
+    return descriptors;
+}
+
+std::vector<pid_t> childProcesses(pid_t pid) {
+    std::vector<pid_t> children;
+    std::error_code error;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        std::ifstream list(task.path() / "children");
+        for (pid_t child = 0; list >> child;) {
+            children.push_back(child);
+        }
+    }
+    return children;
+}
+
+// Marks every descriptor of the test process above 2 close-on-exec, so that a host started now
+// has only the three standard streams from us (as from a browser), whatever our parent left open.
+void markInheritedDescriptorsCloseOnExec() {
+    for (const auto& descriptor : openDescriptors(::getpid())) {
+        if (descriptor.number > 2) {
+            ::fcntl(descriptor.number, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
+// True once the host has logged `count` connections to the core service in all. It logs each
+// connection once it is in place, so a frame from the browser read after that goes over it.
+bool waitForConnections(const HostSession& session, long count) {
+    return waitUntil(
+        [&] {
+            const auto lines = session.logMessages();
+            return std::count(lines.begin(), lines.end(),
+                              "info Established a Connection in host-to-core service") >= count;
+        },
+        15'000ms);
+}
 
 std::string describe(const std::vector<OpenDescriptor>& descriptors) {
     std::string text;

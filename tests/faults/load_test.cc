@@ -5,13 +5,52 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <thread>
 
-#include "tests/faults/fault_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {
+
+// Reads frames from a descriptor on a thread of its own until `expected` arrived, a frame for
+// which `isLast` holds arrived, the stream ends, or `idle` passes without a frame. frames() is
+// safe to call once finished() is true.
+class FrameCollector {
+  public:
+    FrameCollector(int fd, std::size_t expected, Duration idle,
+                   std::function<bool(const std::string&)> isLast = {})
+        : reader_([this, fd, expected, idle, isLast = std::move(isLast)] {
+              while (frames_.size() < expected) {
+                  auto next = readFrameFrom(fd, idle);
+                  if (!next) {
+                      break;
+                  }
+                  frames_.push_back(std::move(*next));
+                  if (isLast && isLast(frames_.back())) {
+                      break;
+                  }
+              }
+              finished_ = true;
+          }) {}
+    ~FrameCollector() { reader_.join(); }
+    FrameCollector(const FrameCollector&) = delete;
+    FrameCollector& operator=(const FrameCollector&) = delete;
+
+    // Waits for the reader to finish, at most `timeout`; true when it has.
+    bool wait(Duration timeout) {
+        return waitUntil([this] { return finished(); }, timeout);
+    }
+    [[nodiscard]] bool finished() const { return finished_.load(); }
+    [[nodiscard]] const std::vector<std::string>& frames() const { return frames_; }
+
+  private:
+    std::vector<std::string> frames_;
+    std::atomic<bool> finished_{false};
+    std::thread reader_;
+};
 
 std::string tabData(int i) {
     return R"({"tabs":[{"id":)" + std::to_string(i) + R"(,"url":"https:\/\/a.example"}]})";
