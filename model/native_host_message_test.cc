@@ -169,8 +169,9 @@ TEST(NativeHostMessageCoding, BoundsNestingDepthButIgnoresBracketsInStrings) {
     EXPECT_TRUE(NativeHostMessage::fromJSONString(nested(limit)));
     EXPECT_EQ(NativeHostMessage::fromJSONString(nested(limit + 1)), std::nullopt);
     EXPECT_EQ(NativeHostMessage::fromJSONString(std::string(1'000'000, '[')), std::nullopt);
-    const std::string bracketsInText =
-        R"({"action":"enableWeb","extra":")" + std::string(2 * limit, '[') + R"(\"{"})";
+    const std::string bracketsInText = R"({"action":"enableWeb","extra":")" +
+                                       std::string(2 * static_cast<std::size_t>(limit), '[') +
+                                       R"(\"{"})";
     EXPECT_TRUE(NativeHostMessage::fromJSONString(bracketsInText));
 }
 
