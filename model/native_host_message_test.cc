@@ -114,8 +114,7 @@ TEST(NativeHostMessageCoding, RefusesIncompleteOrMistypedMessages) {
              R"({"action":"setWhitelist","payload":{"whitelist":"site-a"}})",
              R"({"action":"setWhitelist","payload":{"blacklist":[]}})",
              R"({"action":"sendLoginHistory","payload":{}})",
-             R"({"action":"loginHistory","payload":{"history":[{"date":"2024-05-01T08:00:00Z",)"
-             R"("action":"login","username":"a","line":"l"},{}]}})",
+             R"({"action":"loginHistory","payload":{"history":[{}]}})",
              R"({"action":"sendVideo","payload":{"callee":"bob"}})",
              R"({"action":"config","payload":{"config":"x"}})",
              R"({"action":"config","payload":{}})",
@@ -170,8 +169,9 @@ TEST(NativeHostMessageCoding, BoundsNestingDepthButIgnoresBracketsInStrings) {
     EXPECT_TRUE(NativeHostMessage::fromJSONString(nested(limit)));
     EXPECT_EQ(NativeHostMessage::fromJSONString(nested(limit + 1)), std::nullopt);
     EXPECT_EQ(NativeHostMessage::fromJSONString(std::string(1'000'000, '[')), std::nullopt);
-    const std::string bracketsInText =
-        R"({"action":"enableWeb","extra":")" + std::string(2 * limit, '[') + R"(\"{"})";
+    const std::string bracketsInText = R"({"action":"enableWeb","extra":")" +
+                                       std::string(2 * static_cast<std::size_t>(limit), '[') +
+                                       R"(\"{"})";
     EXPECT_TRUE(NativeHostMessage::fromJSONString(bracketsInText));
 }
 

@@ -146,14 +146,5 @@ TEST(ConfigCoding, FallsBackToEachDefaultOnItsOwn) {
     }
 }
 
-TEST(ConfigCoding, DefaultsAreWrittenInFull) {
-    const auto config = Config::decode(nlohmann::json::parse("{}"));
-    ASSERT_TRUE(config);
-    std::string out;
-    ASSERT_TRUE(config->encode(out));
-    EXPECT_EQ(out,
-              R"({"address":"ws:\/\/localhost:8080\/","api":"https:\/\/api.kerrowsoftware.com"})");
-}
-
 }  // namespace
 }  // namespace kerrow

@@ -16,8 +16,7 @@
 #include <cstring>
 
 #include "platform/descriptor.h"
-#include "tests/e2e/host_session.h"
-#include "tests/faults/fault_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {
@@ -27,6 +26,8 @@ long countLines(const HostSession& session, std::string_view line) {
     return std::count(lines.begin(), lines.end(), line);
 }
 
+constexpr std::string_view connected = "info Established a Connection in host-to-core service";
+
 // The system call that the host's main thread is in, as /proc shows it.
 long mainThreadSystemCall(pid_t pid) {
     const std::string text = readFile("/proc/" + std::to_string(pid) + "/syscall");
@@ -35,8 +36,8 @@ long mainThreadSystemCall(pid_t pid) {
 }
 
 TEST(OrdinaryTroubleTest, PacesACoreThatDropsEveryConnectionAndReachesItWhenItRecovers) {
-    HostSession session;
-    ASSERT_TRUE(session.start());
+    HostSession session{KERROW_HOST_BINARY};
+    session.start().close();
     int connections = 0;
     for (const auto until = std::chrono::steady_clock::now() + 4s;
          std::chrono::steady_clock::now() < until;) {
@@ -48,15 +49,15 @@ TEST(OrdinaryTroubleTest, PacesACoreThatDropsEveryConnectionAndReachesItWhenItRe
     EXPECT_LE(connections, 12);  // not tens of thousands
     auto lasting = session.core().accept(2000ms);
     ASSERT_TRUE(lasting) << session.log();
-    ASSERT_TRUE(waitForConnections(session, connections + 2)) << session.log();
-    EXPECT_LE(countLines(session, "info Established a Connection in host-to-core service"),
-              connections + 2);
+    ASSERT_TRUE(waitUntil([&] { return countLines(session, connected) >= connections + 2; }))
+        << session.log();
+    EXPECT_LE(countLines(session, connected), connections + 2);
     lasting->send("kerrow.closeTab-3");
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":3}})");
 }
 
 TEST(OrdinaryTroubleTest, EndsOnSigtermWhileWaitingForACoreThatNeverAccepts) {
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
     session.stopCore();
     const Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
@@ -88,17 +89,16 @@ TEST(OrdinaryTroubleTest, EndsOnSigtermWhileWaitingForACoreThatNeverAccepts) {
 }
 
 TEST(OrdinaryTroubleTest, ARepeatedStartNeitherWaitsOnAStalledCoreNorDropsCommandsInFlight) {
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
     auto stalled = session.start();
-    ASSERT_TRUE(stalled);
     session.host().send(std::string(4 * 1024 * 1024, 'x'));  // more than the socket holds
-    pollfd sending{stalled->fd(), POLLIN, 0};
+    pollfd sending{stalled.fd(), POLLIN, 0};
     ASSERT_EQ(::poll(&sending, 1, 5000), 1);
 
     session.postStart();
     auto fresh = session.core().accept();
     ASSERT_TRUE(fresh);
-    stalled->send("kerrow.closeTab-8");  // already on its way as the old connection retires
+    stalled.send("kerrow.closeTab-8");  // already on its way as the old connection retires
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":8}})");
     EXPECT_EQ(fresh->receive(), "kerrow.updateDeviceTwin");
     session.host().send("after");
@@ -110,7 +110,7 @@ TEST(OrdinaryTroubleTest, ARepeatedStartNeitherWaitsOnAStalledCoreNorDropsComman
 
 // A FIFO at the log's place neither blocks the host nor receives its lines.
 TEST(OrdinaryTroubleTest, StartsWithAFifoAtTheLogsPlace) {
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
     std::filesystem::create_directories(session.logFile().parent_path());
     ::chmod(session.logFile().parent_path().c_str(), 0700);
     ASSERT_EQ(::mkfifo(session.logFile().c_str(), 0600), 0);
@@ -125,9 +125,7 @@ TEST(OrdinaryTroubleTest, StartsWithAFifoAtTheLogsPlace) {
 // The host started bare (no bus), with standard streams as given: the lines it logs go to its log
 // directory, or to standard error where XDG_STATE_HOME is a file.
 pid_t launchBare(const TemporaryDirectory& directory, bool logToStandardError, int out, int err) {
-    // The start script of the host under test lies beside the hostile core.
-    const std::string host =
-        std::filesystem::path(KERROW_HOSTILE_CORE_BINARY).parent_path() / "host-under-test";
+    const std::string host = KERROW_HOST_BINARY;
     const std::string state = "XDG_STATE_HOME=" + (directory.path() / "state").string();
     if (logToStandardError) {
         ::close(::open((directory.path() / "state").c_str(), O_CREAT | O_WRONLY, 0600));

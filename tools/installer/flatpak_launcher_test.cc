@@ -38,7 +38,7 @@ class FlatpakLauncherTest : public ::testing::Test {
         test::HostProcess installer(
             KERROW_INSTALLER_BINARY,
             {"--extension-id", "abcdefghijklmnopabcdefghijklmnop", "--host", KERROW_HOST_BINARY},
-            {{"HOME", home.string()}}, directory_.path() / "installer.err");
+            test::Environment{{"HOME", home.string()}}, directory_.path() / "installer.err");
         installer.closeInput();
         EXPECT_EQ(installer.waitForExit(), 0)
             << test::readFile(directory_.path() / "installer.err");
@@ -53,7 +53,7 @@ class FlatpakLauncherTest : public ::testing::Test {
     // and returns the host's connection, the device-twin request taken off.
     std::optional<test::CoreConnection> launch(int announcements) {
         browser_.emplace(launcher_, std::vector<std::string>{"chrome-extension://kerrow/"},
-                         std::map<std::string, std::string>{
+                         test::Environment{
                              {"PATH", "/usr/libexec/flatpak-xdg-utils:/usr/bin:/bin"},
                              {"DBUS_SESSION_BUS_ADDRESS", bus_->address()}},
                          directory_.path() / "launcher.err");
