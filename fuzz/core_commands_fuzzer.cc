@@ -1,7 +1,10 @@
 // Fuzzes the routing of the core service's commands: HostToCoreSocketService::didReadData with a
 // real BrowserExtensionIO whose standard output is a pipe that the harness drains after every
-// input. What reaches the extension must follow from the routing order (close tab, disable
-// internet, enable internet, website list) and be well-formed frames of JSON; nothing may crash.
+// input. The oracle checks properties, not a second implementation: the command is the first
+// keyword the message contains in the routing order (close tab, disable internet, enable
+// internet, website list); an argument is what is left of the message once every occurrence of
+// the keyword is cut out (the message's bytes in order, shorter by whole keywords); what reaches
+// the extension is well-formed frames of JSON; nothing may crash.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,6 +20,8 @@
 #include "browser/browser_extension_io.h"
 #include "core/host_to_core_socket_service.h"
 #include "kit/const.h"
+#include "kit/frame_codec.h"
+#include "platform/descriptor.h"
 
 namespace {
 
@@ -36,8 +41,8 @@ class Harness {
         if (::pipe2(ends, O_CLOEXEC) != 0) {
             std::abort();
         }
-        readEnd_ = ends[0];
-        ::fcntl(readEnd_, F_SETFL, O_NONBLOCK);
+        readEnd_.reset(ends[0]);
+        ::fcntl(readEnd_.get(), F_SETFL, O_NONBLOCK);
         ::fcntl(ends[1], F_SETPIPE_SZ, 1 << 20);  // holds every frame one input can give
         channel_ = std::make_shared<kerrow::BrowserExtensionIO>(
             std::make_shared<kerrow::FileHandle>(::open("/dev/null", O_RDONLY | O_CLOEXEC)),
@@ -52,30 +57,23 @@ class Harness {
     std::vector<std::string> takeFrames() {
         std::string bytes;
         char buffer[65536];
-        for (ssize_t got; (got = ::read(readEnd_, buffer, sizeof buffer)) > 0;) {
+        for (ssize_t got; (got = ::read(readEnd_.get(), buffer, sizeof buffer)) > 0;) {
             bytes.append(buffer, static_cast<std::size_t>(got));
         }
+        kerrow::FrameDecoder decoder(bytes.size());
+        decoder.append(bytes);
         std::vector<std::string> frames;
-        std::size_t at = 0;
-        while (bytes.size() - at >= 4) {
-            const auto byte = [&](std::size_t i) {
-                return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[at + i]));
-            };
-            const std::uint32_t length = byte(0) | byte(1) << 8 | byte(2) << 16 | byte(3) << 24;
-            if (bytes.size() - at - 4 < length) {
-                break;
-            }
-            frames.push_back(bytes.substr(at + 4, length));
-            at += 4 + length;
+        while (auto frame = decoder.next()) {
+            frames.push_back(std::move(*frame));
         }
-        if (at != bytes.size()) {
+        if (decoder.midFrame()) {
             std::abort();  // a frame was cut short or torn
         }
         return frames;
     }
 
   private:
-    int readEnd_ = -1;
+    kerrow::Descriptor readEnd_;
     std::shared_ptr<kerrow::BrowserExtensionIO> channel_;
     std::shared_ptr<kerrow::HostToCoreSocketService> service_;
 };
@@ -93,16 +91,24 @@ bool isUTF8(std::string_view text) {
     }
 }
 
-std::string removingAll(std::string_view text, std::string_view keyword) {
-    std::string rest;
-    for (std::size_t at = 0;;) {
-        const std::size_t found = text.find(keyword, at);
-        rest.append(text.substr(at, found - at));
-        if (found == std::string_view::npos) {
-            return rest;
+// True when the bytes of `part` appear in `text` in their order (not necessarily together).
+bool isSubsequence(std::string_view part, std::string_view text) {
+    std::size_t at = 0;
+    for (const char byte : part) {
+        if ((at = text.find(byte, at)) == std::string_view::npos) {
+            return false;
         }
-        at = found + keyword.size();
+        ++at;
     }
+    return true;
+}
+
+// True when `argument` can be `message` with one or more whole occurrences of `keyword` cut
+// out: the message's bytes in their order, shorter by a multiple of the keyword's length.
+bool isCutFrom(std::string_view argument, std::string_view message, std::string_view keyword) {
+    return argument.size() < message.size() &&
+           (message.size() - argument.size()) % keyword.size() == 0 &&
+           isSubsequence(argument, message);
 }
 
 // The frame as a JSON envelope with the given action; aborts when it is anything else.
@@ -125,17 +131,17 @@ void check(std::string_view message, const std::vector<std::string>& frames) {
             std::abort();
         }
         if (frames.size() == 1) {
-            // The id comes from the message without its keywords: its digits appear there.
+            // The id comes from the message: its digits appear there, in order.
             const auto id = envelope(frames[0], "closeTab")["payload"].at("id");
             const std::string digits = std::to_string(id.get<std::int64_t>());
-            if (!contains(removingAll(message, Browser::closeTab),
-                          digits.substr(digits.front() == '-' ? 1 : 0))) {
+            if (!isSubsequence(digits.substr(digits.front() == '-' ? 1 : 0), message)) {
                 std::abort();
             }
         }
     } else if (contains(message, Browser::disableInternet)) {
-        if (frames.size() != 1 || envelope(frames[0], "disableWeb")["payload"] !=
-                                      removingAll(message, Browser::disableInternet)) {
+        if (frames.size() != 1 ||
+            !isCutFrom(envelope(frames[0], "disableWeb")["payload"].get<std::string>(), message,
+                       Browser::disableInternet)) {
             std::abort();
         }
     } else if (contains(message, Browser::enableInternet)) {

@@ -15,7 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "kit/frame_codec.h"
 #include "kit/socket_helper.h"
+#include "platform/descriptor.h"
 
 namespace {
 
@@ -31,9 +33,8 @@ struct Expected {
 Expected expectedFrames(std::span<const std::uint8_t> bytes) {
     Expected expected;
     std::size_t at = 0;
-    while (bytes.size() - at >= 4) {
-        const std::uint32_t length = bytes[at] | bytes[at + 1] << 8 | bytes[at + 2] << 16 |
-                                     static_cast<std::uint32_t>(bytes[at + 3]) << 24;
+    while (bytes.size() - at >= kerrow::frameHeaderLength) {
+        const std::uint32_t length = kerrow::decodeFrameLength(bytes.data() + at);
         if (length > kerrow::SocketHelper::maximumFrameLength) {
             expected.oversized = true;
             break;
@@ -66,10 +67,11 @@ class Listener {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path_.copy(address.sun_path, sizeof address.sun_path - 1);
-        descriptor_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (descriptor_ < 0 ||
-            ::bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(descriptor_, 16) != 0) {
+        descriptor_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!descriptor_ ||
+            ::bind(descriptor_.get(), reinterpret_cast<const sockaddr*>(&address),
+                   sizeof address) != 0 ||
+            ::listen(descriptor_.get(), 16) != 0) {
             std::abort();
         }
     }
@@ -78,24 +80,24 @@ class Listener {
 
     // The next connection; it sends `bytes`, then ends.
     void serve(std::span<const std::uint8_t> bytes) const {
-        const int connection = ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC);
-        if (connection < 0) {
+        const kerrow::Descriptor connection(
+            ::accept4(descriptor_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!connection) {
             std::abort();
         }
         for (std::size_t sent = 0; sent < bytes.size();) {
             const ssize_t wrote =
-                ::send(connection, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+                ::send(connection.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
             if (wrote <= 0) {
                 std::abort();
             }
             sent += static_cast<std::size_t>(wrote);
         }
-        ::close(connection);
     }
 
   private:
     std::string path_;
-    int descriptor_ = -1;
+    kerrow::Descriptor descriptor_;
 };
 
 // Inputs stay below the socket's send buffer, so serve() never waits for the reader.

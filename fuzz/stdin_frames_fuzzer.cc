@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "browser/standard_stream_framing.h"
+#include "kit/frame_codec.h"
 #include "platform/file_handle.h"
 
 namespace {
@@ -24,9 +25,8 @@ using kerrow::Data;
 std::vector<Data> expectedFrames(std::span<const std::uint8_t> bytes) {
     std::vector<Data> frames;
     std::size_t at = 0;
-    while (bytes.size() - at >= 4) {
-        const std::uint32_t length = bytes[at] | bytes[at + 1] << 8 | bytes[at + 2] << 16 |
-                                     static_cast<std::uint32_t>(bytes[at + 3]) << 24;
+    while (bytes.size() - at >= kerrow::frameHeaderLength) {
+        const std::uint32_t length = kerrow::decodeFrameLength(bytes.data() + at);
         if (length >= 0x8000'0000U) {
             break;
         }

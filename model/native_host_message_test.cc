@@ -114,8 +114,7 @@ TEST(NativeHostMessageCoding, RefusesIncompleteOrMistypedMessages) {
              R"({"action":"setWhitelist","payload":{"whitelist":"site-a"}})",
              R"({"action":"setWhitelist","payload":{"blacklist":[]}})",
              R"({"action":"sendLoginHistory","payload":{}})",
-             R"({"action":"loginHistory","payload":{"history":[{"date":"2024-05-01T08:00:00Z",)"
-             R"("action":"login","username":"a","line":"l"},{}]}})",
+             R"({"action":"loginHistory","payload":{"history":[{}]}})",
              R"({"action":"sendVideo","payload":{"callee":"bob"}})",
              R"({"action":"config","payload":{"config":"x"}})",
              R"({"action":"config","payload":{}})",

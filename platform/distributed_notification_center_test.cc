@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -54,31 +53,6 @@ bool runUntilIdle(sd_event* loop) {
     }
     return false;
 }
-
-// Sets or unsets an environment variable for a scope.
-class ScopedVariable {
-  public:
-    ScopedVariable(const char* name, const std::optional<std::string>& value) : name_(name) {
-        if (const char* previous = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
-            previous_ = previous;
-        }
-        set(value);
-    }
-    ~ScopedVariable() { set(previous_); }
-    ScopedVariable(const ScopedVariable&) = delete;
-    ScopedVariable& operator=(const ScopedVariable&) = delete;
-
-  private:
-    void set(const std::optional<std::string>& value) {
-        if (value) {
-            ::setenv(name_, value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-        } else {
-            ::unsetenv(name_);  // NOLINT(concurrency-mt-unsafe)
-        }
-    }
-    const char* name_;
-    std::optional<std::string> previous_;
-};
 
 class DistributedNotificationCenterTest : public ::testing::Test {
   protected:
@@ -156,8 +130,8 @@ TEST_F(DistributedNotificationCenterTest, ObservesAgainOnceTheBusComesBack) {
 
 TEST(DistributedNotificationCenterWithoutBusTest, ThrowsANamedErrorAndConnectsOnceThereIsABus) {
     const TemporaryDirectory runtime;
-    const ScopedVariable noAddress("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
-    std::optional<ScopedVariable> runtimeDirectory;
+    const ScopedEnvironmentVariable noAddress("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
+    std::optional<ScopedEnvironmentVariable> runtimeDirectory;
     runtimeDirectory.emplace("XDG_RUNTIME_DIR", runtime.path().string());
     const EventLoop loop = newLoop();
     DistributedNotificationCenter center(loop.get());

@@ -3,17 +3,13 @@
 // runtime and state directories.
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <map>
 #include <memory>
 #include <regex>
 
-#include "tests/support/host_process.h"
-#include "tests/support/private_bus.h"
-#include "tests/support/test_support.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::test {
 namespace {
@@ -71,36 +67,23 @@ class LineReader {
     std::string seen_;  // every line returned so far, for failure messages
 };
 
-/// A peer process with its standard output read as lines and its standard error in a file.
+/// A peer process with its standard output read as lines.
 struct Peer {
     std::unique_ptr<HostProcess> process;
     std::unique_ptr<LineReader> out;
-    std::filesystem::path errorFile;
 
-    [[nodiscard]] std::string errors() const { return readFile(errorFile); }
+    [[nodiscard]] std::string errors() const { return process->standardError(); }
     void type(std::string_view line) { process->sendRaw(std::string(line) + "\n"); }
 };
 
+/// The peers in a HostSession's private places, with the core peer (not a test core service)
+/// listening at the socket location.
 class PeersTest : public ::testing::Test {
   protected:
-    PeersTest() : runtime_(directory_.path() / "runtime"), state_(directory_.path() / "state") {
-        std::filesystem::create_directory(runtime_);
-        std::filesystem::create_directory(state_);
-        ::chmod(runtime_.c_str(), 0700);
-    }
+    PeersTest() { session_.stopCore(); }
 
     Peer start(const char* binary, const std::vector<std::string>& arguments) {
-        const auto errorFile = directory_.path() / ("stderr-" + std::to_string(++started_));
-        Peer peer{std::make_unique<HostProcess>(binary, arguments,
-                                                std::map<std::string, std::string>{
-                                                    {"PATH", "/usr/bin:/bin"},
-                                                    {"HOME", directory_.path().string()},
-                                                    {"XDG_RUNTIME_DIR", runtime_.string()},
-                                                    {"XDG_STATE_HOME", state_.string()},
-                                                    {"DBUS_SESSION_BUS_ADDRESS", bus_.address()},
-                                                },
-                                                errorFile),
-                  nullptr, errorFile};
+        Peer peer{session_.startProcess(binary, arguments), nullptr};
         peer.out = std::make_unique<LineReader>(peer.process->outputFd());
         return peer;
     }
@@ -113,15 +96,13 @@ class PeersTest : public ::testing::Test {
 
     std::filesystem::path write(const std::string& name, const std::string& text,
                                 std::filesystem::perms permissions = std::filesystem::perms(0600)) {
-        const auto path = directory_.path() / name;
+        const auto path = session_.directory() / name;
         std::ofstream(path, std::ios::binary) << text;
         std::filesystem::permissions(path, permissions);
         return path;
     }
 
-    [[nodiscard]] std::filesystem::path socketPath() const {
-        return runtime_ / "kerrow" / "browser.sock";
-    }
+    [[nodiscard]] std::filesystem::path socketPath() const { return session_.socketPath(); }
 
     /// The host pid that a browser peer reports on standard error.
     static pid_t hostPid(const Peer& browser) {
@@ -135,49 +116,35 @@ class PeersTest : public ::testing::Test {
         return found ? std::stoi(match[1]) : -1;
     }
 
-    TemporaryDirectory directory_;
-    std::filesystem::path runtime_;
-    std::filesystem::path state_;
-    PrivateBus bus_;
-    int started_ = 0;
+    HostSession session_{""};  // runs the peers only
 };
 
-TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBack) {
-    auto encoder = startBrowser({"--encode"});
-    encoder.process->sendRaw("{\"a\":\"x\\/y\"}\n\n# a comment\n[1, 2]\r\n\"caf\xc3\xa9\"");
-    encoder.process->closeInput();
-    const std::string frames = encoder.process->receiveRest();
-    EXPECT_EQ(frames,
-              "\x0c\x00\x00\x00{\"a\":\"x\\/y\"}\x06\x00\x00\x00[1, 2]\x07\x00\x00\x00"
-              "\"caf\xc3\xa9\""s);
-    EXPECT_EQ(encoder.process->waitForExit(), 0);
-
-    auto decoder = startBrowser({"--decode"});
-    decoder.process->sendRaw(frames + frame("{\n}"));
-    decoder.process->closeInput();
-    EXPECT_EQ(decoder.process->receiveRest(), "{\"a\":\"x\\/y\"}\n[1, 2]\n\"caf\xc3\xa9\"\n{}\n");
-    EXPECT_EQ(decoder.process->waitForExit(), 0);
-    EXPECT_NE(decoder.errors().find("frame 4: the frame's JSON spans lines; shown compact"),
-              std::string::npos);
-}
-
-TEST_F(PeersTest, FiltersReportBadInputAndFail) {
-    auto encoder = startBrowser({"--encode"});
-    encoder.process->sendRaw("{\"ok\":1}\n{\"broken\":\n{\"ok\":2}\n");
-    encoder.process->closeInput();
-    EXPECT_EQ(encoder.process->receiveRest(), frame("{\"ok\":1}") + frame("{\"ok\":2}"));
-    EXPECT_EQ(encoder.process->waitForExit(), 1);
-    EXPECT_NE(encoder.errors().find("line 2 skipped, not JSON: "), std::string::npos)
-        << encoder.errors();
-
-    auto decoder = startBrowser({"--decode"});
-    decoder.process->sendRaw(frame("{}") + "\x0a\x00\x00\x00{\"a\""s);
-    decoder.process->closeInput();
-    EXPECT_EQ(decoder.process->receiveRest(), "{}\n");
-    EXPECT_EQ(decoder.process->waitForExit(), 1);
-    EXPECT_NE(decoder.errors().find("input ended inside frame 2 (4 of 10 body bytes)"),
-              std::string::npos)
-        << decoder.errors();
+TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBackAndReportBadInput) {
+    const std::string frames =
+        "\x0c\x00\x00\x00{\"a\":\"x\\/y\"}\x06\x00\x00\x00[1, 2]\x07\x00\x00\x00\"caf\xc3\xa9\""s;
+    const struct {
+        const char* mode;
+        std::string input;
+        std::string output;
+        int status;
+        std::string_view error;  // part of what it says on standard error
+    } cases[] = {
+        {"--encode", "{\"a\":\"x\\/y\"}\n\n# a comment\n[1, 2]\r\n\"caf\xc3\xa9\"", frames, 0, ""},
+        {"--decode", frames + frame("{\n}"), "{\"a\":\"x\\/y\"}\n[1, 2]\n\"caf\xc3\xa9\"\n{}\n", 0,
+         "frame 4: the frame's JSON spans lines; shown compact"},
+        {"--encode", "{\"ok\":1}\n{\"broken\":\n{\"ok\":2}\n",
+         frame("{\"ok\":1}") + frame("{\"ok\":2}"), 1, "line 2 skipped, not JSON: "},
+        {"--decode", frame("{}") + "\x0a\x00\x00\x00{\"a\""s, "{}\n", 1,
+         "input ended inside frame 2 (4 of 10 body bytes)"},
+    };
+    for (const auto& [mode, input, output, status, error] : cases) {
+        auto filter = startBrowser({mode});
+        filter.process->sendRaw(input);
+        filter.process->closeInput();
+        EXPECT_EQ(filter.process->receiveRest(), output) << mode;
+        EXPECT_EQ(filter.process->waitForExit(), status) << mode;
+        EXPECT_NE(filter.errors().find(error), std::string::npos) << filter.errors();
+    }
 }
 
 TEST_F(PeersTest, ScriptedCommandsReachTheBrowserAsJsonLines) {
@@ -288,27 +255,6 @@ TEST_F(PeersTest, CommandsGoToOneHostOrToAll) {
         << core.errors();
 }
 
-TEST_F(PeersTest, HostConnectsAgainAfterTheCoreServiceDropsIt) {
-    const auto script = write("core.script", R"(wait-hosts 1
-disconnect
-wait-hosts 1
-close-tab 5
-wait-hosts 0
-)");
-    auto core = startCore({"--script", script.string()});
-    ASSERT_TRUE(core.out->waitFor("core: listening"));
-    auto browser = startBrowser();
-    EXPECT_EQ(browser.out->next(), R"({"action":"closeTab","payload":{"id":5}})");
-    ASSERT_TRUE(core.out->waitFor("to host 2: kerrow.closeTab-5"));
-    browser.process->closeInput();
-    EXPECT_EQ(browser.process->waitForExit(10000ms), 0) << browser.errors();
-    EXPECT_EQ(core.process->waitForExit(10000ms), 0) << core.errors();
-    EXPECT_NE(core.out->seen().find("core: host 1 disconnected (closed by the core peer)\n"
-                                    "core: host 2 connected (pid "),
-              std::string::npos)
-        << core.out->seen();
-}
-
 TEST_F(PeersTest, FailedWaitsEndScripts) {
     const auto coreScript = write("core.script", "wait-hosts 1\nweb-on\n");
     auto core = startCore({"--no-bus", "--timeout", "0.2", "--script", coreScript.string()});
@@ -318,7 +264,7 @@ TEST_F(PeersTest, FailedWaitsEndScripts) {
     EXPECT_FALSE(std::filesystem::exists(socketPath()));
 
     // A host that records its input: nothing after the failed expect may reach it.
-    const auto input = directory_.path() / "input";
+    const auto input = session_.directory() / "input";
     const auto fakeHost = write("fake-host", "#!/bin/sh\ncat > " + input.string() + "\n",
                                 std::filesystem::perms(0700));
     const auto browserScript = write("browser.script", "expect never\n{\"late\":1}\n");
@@ -365,7 +311,7 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
 }
 
 TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEnd) {
-    const auto arguments = directory_.path() / "arguments";
+    const auto arguments = session_.directory() / "arguments";
     const auto fakeHost = write(
         "fake-host",
         "#!/bin/sh\nprintf '%s\\n' \"$@\" > " + arguments.string() + "\ncat > /dev/null\nexit 3\n",

@@ -8,7 +8,6 @@
 #include <memory>
 #include <thread>
 
-#include "tests/e2e/host_session.h"
 #include "tests/faults/fault_support.h"
 
 namespace kerrow::test {
@@ -38,37 +37,36 @@ long firstDifference(const std::vector<std::string>& frames, int count, Make mak
 
 class LoadTest : public ::testing::Test {
   protected:
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
 };
 
 TEST_F(LoadTest, RelaysBothDirectionsAtOnceWithNothingLostDuplicatedOrReordered) {
     constexpr int frames = 100'000;
     constexpr int commands = 10'000;
     auto connection = session.start();
-    ASSERT_TRUE(connection);
     const pid_t host = session.host().pid();
 
-    FrameCollector towardsCore(connection->fd(), frames, 30'000ms);
+    FrameCollector towardsCore(connection.fd(), frames, 30'000ms);
     FrameCollector towardsBrowser(session.host().outputFd(), commands, 30'000ms);
     std::int64_t residentEarly = 0;
     std::thread browser([&] {
         for (int i = 0; i < frames; ++i) {
             session.host().send(tabData(i));
             if (i == frames / 10) {
-                residentEarly = residentKilobytes(host);
+                residentEarly = procFigure(host, "status", "VmRSS");
             }
         }
     });
     std::thread core([&] {
         for (int i = 0; i < commands; ++i) {
-            connection->send("kerrow.closeTab-" + std::to_string(i));
+            connection.send("kerrow.closeTab-" + std::to_string(i));
         }
     });
     browser.join();
     core.join();
     ASSERT_TRUE(towardsCore.wait(600'000ms));
     ASSERT_TRUE(towardsBrowser.wait(600'000ms));
-    const auto residentLate = residentKilobytes(host);
+    const auto residentLate = procFigure(host, "status", "VmRSS");
 
     EXPECT_EQ(firstDifference(towardsCore.frames(), frames,
                               [](int i) { return tabData(i) + "kerrow.tabList"; }),
@@ -89,12 +87,11 @@ TEST_F(LoadTest, HandsTrafficOverToTheNewestStartWithoutLosingOrRepeatingAFrame)
     constexpr int commandsBefore = 2'000;
     constexpr int commandsAfter = 100;
     auto first = session.start();
-    ASSERT_TRUE(first);
     FrameCollector output(session.host().outputFd(), commandsBefore + commandsAfter, 30'000ms,
                           [](const std::string& message) {
                               return message == closeTabFrame(commandsBefore + commandsAfter - 1);
                           });
-    FrameCollector onFirst(first->fd(), frames + 1, 2'000ms);
+    FrameCollector onFirst(first.fd(), frames + 1, 2'000ms);
     std::thread browser([&] {
         for (int i = 0; i < frames; ++i) {
             session.host().send(tabData(i));
@@ -104,7 +101,7 @@ TEST_F(LoadTest, HandsTrafficOverToTheNewestStartWithoutLosingOrRepeatingAFrame)
     std::thread commands([&] {
         for (int i = 0; i < commandsBefore; ++i) {
             const std::string bytes = frame("kerrow.closeTab-" + std::to_string(i));
-            if (::send(first->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
+            if (::send(first.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
                 static_cast<ssize_t>(bytes.size())) {
                 break;
             }

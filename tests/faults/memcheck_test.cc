@@ -6,7 +6,6 @@
 
 #include <filesystem>
 
-#include "tests/e2e/host_session.h"
 #include "tests/faults/fault_support.h"
 
 namespace kerrow::test {
@@ -21,18 +20,6 @@ std::string report(pid_t pid) {
 
 class MemcheckTest : public ::testing::Test {
   protected:
-    std::optional<CoreConnection> start() {
-        session.launch();
-        if (!session.waitForAnnouncement(slow)) {
-            return std::nullopt;
-        }
-        auto connection = session.answer(slow);
-        if (connection) {
-            EXPECT_EQ(connection->receive(slow), "kerrow.updateDeviceTwin");
-        }
-        return connection;
-    }
-
     void expectCleanExit() {
         session.host().closeInput();
         const auto status = session.host().waitForExit(slow);
@@ -41,15 +28,14 @@ class MemcheckTest : public ::testing::Test {
         EXPECT_NE(text.find("ERROR SUMMARY: 0 errors"), std::string::npos) << text;
     }
 
-    HostSession session;
+    HostSession session{KERROW_HOST_BINARY};
 };
 
 TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
-    auto connection = start();
-    ASSERT_TRUE(connection) << session.log() << session.standardError();
+    auto connection = session.start(slow);
     for (int i = 0; i < 50; ++i) {
         session.host().send(R"({"tabs":[)" + std::to_string(i) + "]}");
-        EXPECT_EQ(connection->receive(slow),
+        EXPECT_EQ(connection.receive(slow),
                   R"({"tabs":[)" + std::to_string(i) + "]}kerrow.tabList");
     }
     for (const std::string command :
@@ -59,9 +45,9 @@ TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
           R"(kerrow.websiteList{"name":"n","websites":["b.example"],"listType":1})",
           R"(kerrow.websiteList{"name":"n","websites":[],"listType":9})", "kerrow.websiteList[",
           "\xFF\xFE"}) {
-        connection->send(command);
+        connection.send(command);
     }
-    connection->send("kerrow.closeTab-43");
+    connection.send("kerrow.closeTab-43");
     for (int frames = 0;; ++frames) {
         const auto next = session.host().receive(slow);
         ASSERT_TRUE(next) << "after " << frames << " frames\n" << session.log();
@@ -70,7 +56,7 @@ TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
         }
     }
 
-    connection->close();  // the host reconnects
+    connection.close();  // the host reconnects
     auto second = session.core().accept(slow);
     ASSERT_TRUE(second) << session.log();
     session.postStart();  // and starts again, retiring the service and channel it has
@@ -83,10 +69,9 @@ TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
 }
 
 TEST_F(MemcheckTest, EndsCleanlyWhileRetryingAMissingCoreService) {
-    auto connection = start();
-    ASSERT_TRUE(connection) << session.log() << session.standardError();
+    auto connection = session.start(slow);
     session.stopCore();
-    connection->close();
+    connection.close();
     session.host().send("nobody listens");
     ASSERT_TRUE(session.waitForLog("info Sending Tab Data to Browser Messaging", slow));
     expectCleanExit();

@@ -1,59 +1,51 @@
 #include "tests/support/host_process.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <fstream>
+#include <system_error>
 #include <thread>
 
+extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX declares it nowhere
+
 namespace kerrow::test {
-namespace {
 
-int statusOf(int waitStatus) {
-    if (WIFEXITED(waitStatus)) {
-        return WEXITSTATUS(waitStatus);
-    }
-    return 128 + WTERMSIG(waitStatus);
-}
-
-}  // namespace
-
-HostProcess::HostProcess(const std::filesystem::path& binary,
-                         const std::vector<std::string>& arguments,
-                         const std::map<std::string, std::string>& environment,
-                         const std::filesystem::path& standardErrorFile) {
+LaunchedProcess launchProcess(const std::filesystem::path& binary,
+                              const std::vector<std::string>& arguments,
+                              const std::optional<Environment>& environment,
+                              const std::filesystem::path& standardError) {
     Pipe input;
     Pipe output;
-    std::vector<std::string> argumentTexts{binary.string()};
-    argumentTexts.insert(argumentTexts.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& text : argumentTexts) {
-        argv.push_back(text.data());
+    std::vector<std::string> texts{binary.string()};
+    texts.insert(texts.end(), arguments.begin(), arguments.end());
+    const std::size_t environmentStart = texts.size();
+    for (const auto& [name, value] : environment.value_or(Environment{})) {
+        texts.push_back(name + "=" + value);
     }
-    argv.push_back(nullptr);
-    std::vector<std::string> environmentTexts;
-    for (const auto& [name, value] : environment) {
-        environmentTexts.push_back(name + "=" + value);
+    std::vector<char*> pointers;  // argv, a null, then envp and a null
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        if (i == environmentStart) {
+            pointers.push_back(nullptr);
+        }
+        pointers.push_back(texts[i].data());
     }
-    std::vector<char*> envp;
-    for (auto& text : environmentTexts) {
-        envp.push_back(text.data());
+    if (environmentStart == texts.size()) {
+        pointers.push_back(nullptr);
     }
-    envp.push_back(nullptr);
+    pointers.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, input.readEnd(), STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output.writeEnd(), STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, standardErrorFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
-    // The child starts with the default signal dispositions and an empty mask, as from a browser.
+    if (!standardError.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, standardError.c_str(),
+                                         O_WRONLY | O_CREAT | O_APPEND, 0600);
+    }
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none;
@@ -63,98 +55,84 @@ HostProcess::HostProcess(const std::filesystem::path& binary,
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    LaunchedProcess process;
     const int error =
-        ::posix_spawn(&pid_, binary.c_str(), &actions, &attributes, argv.data(), envp.data());
+        ::posix_spawnp(&process.pid, binary.c_str(), &actions, &attributes, pointers.data(),
+                       environment ? pointers.data() + environmentStart + 1 : environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {
-        pid_ = -1;
-        ADD_FAILURE() << "posix_spawn " << binary << ": " << std::strerror(error);
-        return;
+        throw std::system_error(error, std::generic_category(),
+                                "cannot start the host " + binary.string());
     }
-    input_ = input.releaseWriteEnd();
-    output_ = output.releaseReadEnd();
+    process.input.reset(input.releaseWriteEnd());
+    process.output.reset(output.releaseReadEnd());
+    return process;
 }
 
+HostProcess::HostProcess(const std::filesystem::path& binary,
+                         const std::vector<std::string>& arguments,
+                         const std::optional<Environment>& environment,
+                         const std::filesystem::path& standardErrorFile)
+    : process_(launchProcess(binary, arguments, environment, standardErrorFile)),
+      standardError_(standardErrorFile) {}
+
 HostProcess::~HostProcess() {
-    if (input_ >= 0) {
-        ::close(input_);
-    }
-    if (output_ >= 0) {
-        ::close(output_);
-    }
-    if (pid_ > 0 && !status_) {
-        ::kill(pid_, SIGKILL);
-        int waitStatus = 0;
-        while (::waitpid(pid_, &waitStatus, 0) < 0 && errno == EINTR) {
+    if (!status_) {
+        ::kill(process_.pid, SIGKILL);
+        while (::waitpid(process_.pid, nullptr, 0) < 0 && errno == EINTR) {
         }
     }
 }
 
-void HostProcess::send(std::string_view body) {
-    sendRaw(frame(body));
-}
-
-void HostProcess::sendRaw(std::string_view bytes) {
-    ASSERT_GE(input_, 0) << "standard input already closed";
-    writeAll(input_, bytes);
-}
-
 std::optional<std::string> HostProcess::receive(Duration timeout) {
-    if (output_ < 0) {
-        return std::nullopt;
-    }
-    return readFrameFrom(output_, timeout);
+    return process_.output ? readFrameFrom(process_.output.get(), timeout) : std::nullopt;
 }
 
 std::string HostProcess::receiveRest(Duration timeout) {
-    return output_ < 0 ? std::string() : readToEnd(output_, timeout);
+    return process_.output ? readToEnd(process_.output.get(), timeout) : std::string();
 }
 
-void HostProcess::closeInput() {
-    if (input_ >= 0) {
-        ::close(input_);
-        input_ = -1;
-    }
-}
-
-void HostProcess::closeOutput() {
-    if (output_ >= 0) {
-        ::close(output_);
-        output_ = -1;
+void HostProcess::signal(int number) const {
+    if (!status_) {
+        ::kill(process_.pid, number);
     }
 }
 
 std::optional<int> HostProcess::waitForExit(Duration timeout) {
-    if (status_ || pid_ <= 0) {
-        return status_;
-    }
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
+    while (!status_) {
         int waitStatus = 0;
-        const pid_t done = ::waitpid(pid_, &waitStatus, WNOHANG);
-        if (done == pid_) {
-            status_ = statusOf(waitStatus);
-            return status_;
-        }
-        if (done < 0 && errno != EINTR) {
-            ADD_FAILURE() << "waitpid: " << std::strerror(errno);
+        const pid_t done = ::waitpid(process_.pid, &waitStatus, WNOHANG);
+        if (done == process_.pid) {
+            status_ = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+        } else if (done < 0 && errno != EINTR) {
+            throw std::system_error(errno, std::generic_category(), "waitpid");
+        } else if (std::chrono::steady_clock::now() >= deadline) {
             return std::nullopt;
+        } else {
+            std::this_thread::sleep_for(2ms);
         }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(2ms);
     }
+    return status_;
 }
 
 bool HostProcess::running() const {
-    if (status_ || pid_ <= 0) {
-        return false;
-    }
     siginfo_t info{};
-    return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+    return !status_ &&
+           ::waitid(P_PID, static_cast<id_t>(process_.pid), &info, WEXITED | WNOHANG | WNOWAIT) ==
+               0 &&
            info.si_pid == 0;
+}
+
+std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name) {
+    std::ifstream figures("/proc/" + std::to_string(pid) + "/" + std::string(file));
+    for (std::string line; std::getline(figures, line);) {
+        if (line.starts_with(name) && line.size() > name.size() && line[name.size()] == ':') {
+            return std::stoll(line.substr(name.size() + 1));
+        }
+    }
+    return 0;
 }
 
 }  // namespace kerrow::test

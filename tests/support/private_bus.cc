@@ -1,109 +1,45 @@
 #include "tests/support/private_bus.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
-extern char** environ;  // NOLINT(readability-redundant-declaration)
-
 namespace kerrow::test {
 namespace {
-
-constexpr const char* addressVariable = "DBUS_SESSION_BUS_ADDRESS";
-constexpr int addressDescriptor = 3;  // where the daemon prints its address once it listens
 
 [[noreturn]] void fail(const std::string& what, int error) {
     throw std::runtime_error(what + ": " + std::strerror(error));
 }
 
-// Reads one line from `fd`; "" at end of file or after `timeout`.
-std::string readLine(int fd, Duration timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::string line;
-    while (line.empty() || line.back() != '\n') {
-        const auto left =
-            std::chrono::duration_cast<Duration>(deadline - std::chrono::steady_clock::now());
-        const std::string next = readExactly(fd, 1, std::max(left, Duration(1)));
-        if (next.empty()) {
-            return "";
-        }
-        line += next;
-    }
-    return line;
-}
-
 }  // namespace
 
-PrivateBus::PrivateBus() : address_("unix:path=" + (directory_.path() / "bus").string()) {
-    if (const char* previous = std::getenv(addressVariable)) {  // NOLINT(concurrency-mt-unsafe)
-        previousAddress_ = previous;
-    }
+PrivateBus::PrivateBus()
+    : address_("unix:path=" + (directory_.path() / "bus").string()),
+      sessionBusAddress_("DBUS_SESSION_BUS_ADDRESS", address_) {
     start();
-    ::setenv(addressVariable, address_.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-}
-
-PrivateBus::~PrivateBus() {
-    stop();
-    if (previousAddress_) {
-        ::setenv(addressVariable, previousAddress_->c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
-    } else {
-        ::unsetenv(addressVariable);  // NOLINT(concurrency-mt-unsafe)
-    }
 }
 
 void PrivateBus::start() {
-    if (daemon_ >= 0) {
+    if (daemon_) {
         return;
     }
     std::filesystem::remove(directory_.path() / "bus");  // left behind by a killed daemon
-    Pipe ready;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ready.writeEnd(), addressDescriptor);
-    // Its complaints (running as root it cannot raise its descriptor limit) go to a file, which
-    // the error below quotes when it does not come up.
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, daemonLog().c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0600);
-    std::string addressOption = "--address=" + address_;
-    std::string printOption = "--print-address=" + std::to_string(addressDescriptor);
-    std::string program = "dbus-daemon";
-    std::string session = "--session";
-    std::string noFork = "--nofork";
-    std::string noSyslog = "--nosyslog";
-    char* const arguments[] = {program.data(),  session.data(),       noFork.data(),
-                               noSyslog.data(), addressOption.data(), printOption.data(),
-                               nullptr};
-    pid_t pid = -1;
-    const int error = posix_spawnp(&pid, program.c_str(), &actions, nullptr, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0) {
-        fail("start dbus-daemon", error);
+    // It prints its address once it listens. Its complaints (running as root it cannot raise its
+    // descriptor limit) go to a file, which the error below quotes when it does not come up.
+    daemon_ = std::make_unique<HostProcess>(
+        "dbus-daemon",
+        std::vector<std::string>{"--session", "--nofork", "--nosyslog", "--address=" + address_,
+                                 "--print-address=1"},
+        std::nullopt, directory_.path() / "daemon.log");
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    std::string line;
+    while (!line.ends_with('\n') && std::chrono::steady_clock::now() < deadline) {
+        line += readExactly(daemon_->outputFd(), 1, 10s);
     }
-    daemon_ = pid;
-    ready.closeWriteEnd();
-    if (readLine(ready.readEnd(), 10000ms).empty()) {
+    if (!line.ends_with('\n')) {
+        const std::string errors = daemon_->standardError();
         stop();
-        throw std::runtime_error("dbus-daemon did not come up at " + address_ + ": " +
-                                 readFile(daemonLog()));
+        throw std::runtime_error("dbus-daemon did not come up at " + address_ + ": " + errors);
     }
-}
-
-void PrivateBus::stop() {
-    if (daemon_ < 0) {
-        return;
-    }
-    ::kill(daemon_, SIGKILL);
-    while (::waitpid(daemon_, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    daemon_ = -1;
 }
 
 BusClient::BusClient(const std::string& address) {

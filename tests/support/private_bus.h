@@ -4,7 +4,8 @@
 // PrivateBus runs a dbus-daemon of its own, listening in a temporary directory, and points
 // DBUS_SESSION_BUS_ADDRESS of the test process (and so of every process it starts) at it; one at
 // a time per process, since the variable is process-wide. BusClient is a connection not tied to
-// any event loop: waiting drives it. Test code only; use each from one thread at a time.
+// any event loop: waiting drives it. For tests, tools and benchmarks; use each from one thread at
+// a time.
 #pragma once
 
 #include <sys/types.h>
@@ -19,7 +20,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/test_support.h"
+#include "tests/support/host_process.h"
 
 namespace kerrow::test {
 
@@ -33,8 +34,6 @@ class PrivateBus {
     /// Starts the daemon and waits until it accepts connections; throws std::runtime_error when
     /// it cannot start.
     PrivateBus();
-    /// Kills and reaps the daemon and restores DBUS_SESSION_BUS_ADDRESS.
-    ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
@@ -42,19 +41,15 @@ class PrivateBus {
     [[nodiscard]] const std::string& address() const { return address_; }
 
     /// Kills the daemon: every connection to the bus drops. Returns once it is reaped.
-    void stop();
+    void stop() { daemon_.reset(); }
     /// Starts a new daemon at the same address (after stop()).
     void start();
 
   private:
-    [[nodiscard]] std::filesystem::path daemonLog() const {
-        return directory_.path() / "daemon.log";
-    }
-
     TemporaryDirectory directory_;
     std::string address_;
-    std::optional<std::string> previousAddress_;  // the variable's value before, if it was set
-    pid_t daemon_ = -1;                           // -1 while stopped (the daemon is reaped)
+    std::unique_ptr<HostProcess> daemon_;  // none while stopped
+    ScopedEnvironmentVariable sessionBusAddress_;
 };
 
 class BusClient {

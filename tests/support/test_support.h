@@ -1,6 +1,8 @@
-// Shared helpers of the unit and end-to-end tests: temporary directories, pipes, a test core
-// service listening on a real Unix socket, bounded waits. Test code only; each helper is used from
-// the test's own thread unless its comment says otherwise.
+// The building blocks of every test that starts or observes a host: temporary directories, pipes,
+// bounded reads and waits, frames (kit/frame_codec.h), log lines, and a test core service on a
+// real Unix socket. No GoogleTest here: a failure throws std::system_error or
+// std::runtime_error, which a test reports as its failure and a tool as its error. Each helper
+// is used from one thread unless its comment says otherwise.
 #pragma once
 
 #include <chrono>
@@ -10,6 +12,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/descriptor.h"
 
 namespace kerrow::test {
 
@@ -29,39 +33,37 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
-/// A pipe whose ends close on destruction unless released or closed before.
+/// A pipe (close-on-exec) whose ends close on destruction unless released or closed before.
 class Pipe {
   public:
     Pipe();
-    ~Pipe();
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-    [[nodiscard]] int readEnd() const { return fds_[0]; }
-    [[nodiscard]] int writeEnd() const { return fds_[1]; }
+    [[nodiscard]] int readEnd() const { return read_.get(); }
+    [[nodiscard]] int writeEnd() const { return write_.get(); }
     /// Gives up ownership of an end (for a FileHandle that takes it over).
-    int releaseReadEnd();
-    int releaseWriteEnd();
-    void closeReadEnd();
-    void closeWriteEnd();
+    int releaseReadEnd() { return read_.release(); }
+    int releaseWriteEnd() { return write_.release(); }
+    void closeReadEnd() { read_.reset(); }
+    void closeWriteEnd() { write_.reset(); }
 
   private:
-    int fds_[2];
+    Descriptor read_;
+    Descriptor write_;
 };
 
-/// Writes all bytes to a descriptor; fails the test on error.
+/// Writes all bytes to a descriptor (a socket without SIGPIPE); throws on error.
 void writeAll(int fd, std::string_view bytes);
 /// Reads exactly `n` bytes within `timeout`; fewer at end of file or time-out.
 [[nodiscard]] std::string readExactly(int fd, std::size_t n, Duration timeout = 5000ms);
 /// Reads until end of file or `timeout`.
 [[nodiscard]] std::string readToEnd(int fd, Duration timeout = 5000ms);
 
-/// The 4-byte little-endian length followed by the body.
+/// The frame of `body` (encodeFrame).
 [[nodiscard]] std::string frame(std::string_view body);
-/// Reads one such frame within `timeout`; no value at end of file or time-out.
+/// Reads one frame within `timeout`; no value at end of file or time-out.
 [[nodiscard]] std::optional<std::string> readFrameFrom(int fd, Duration timeout = 5000ms);
 
 /// Sets an environment variable (or unsets it, given no value) and restores its earlier state on
-/// destruction. Only while no other thread of the test reads the environment.
+/// destruction. Only while no other thread of the process reads the environment.
 class ScopedEnvironmentVariable {
   public:
     ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value);
@@ -86,26 +88,21 @@ bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5000ms
 /// One accepted connection of the test core service.
 class CoreConnection {
   public:
-    explicit CoreConnection(int fd) : fd_(fd) {}
-    ~CoreConnection();
-    CoreConnection(CoreConnection&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
-    CoreConnection& operator=(CoreConnection&&) = delete;
-    CoreConnection(const CoreConnection&) = delete;
-    CoreConnection& operator=(const CoreConnection&) = delete;
+    explicit CoreConnection(int fd) : socket_(fd) {}
 
     /// The next message (one socket frame) from the host, or no value at end or time-out.
     [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms);
     /// Sends one message as a socket frame.
-    void send(std::string_view message);
+    void send(std::string_view message) { sendRaw(frame(message)); }
     /// Sends raw bytes, unframed.
-    void sendRaw(std::string_view bytes);
+    void sendRaw(std::string_view bytes) { writeAll(socket_.get(), bytes); }
     /// True when the host closed its side (end of file within `timeout`).
     [[nodiscard]] bool waitForClose(Duration timeout = 5000ms);
-    void close();
-    [[nodiscard]] int fd() const { return fd_; }
+    void close() { socket_.reset(); }
+    [[nodiscard]] int fd() const { return socket_.get(); }
 
   private:
-    int fd_;
+    Descriptor socket_;
 };
 
 /// A stand-in core service: listens on a Unix stream socket at `socketPath`, creating its
@@ -113,7 +110,7 @@ class CoreConnection {
 class TestCoreService {
   public:
     explicit TestCoreService(std::filesystem::path socketPath);
-    ~TestCoreService();
+    ~TestCoreService() { stop(); }
     TestCoreService(const TestCoreService&) = delete;
     TestCoreService& operator=(const TestCoreService&) = delete;
 
@@ -125,7 +122,7 @@ class TestCoreService {
 
   private:
     std::filesystem::path socketPath_;
-    int listener_ = -1;
+    Descriptor listener_;
 };
 
 }  // namespace kerrow::test

@@ -28,7 +28,11 @@ BrowserPeer::BrowserPeer(BrowserPeerOptions options)
                                     "cannot read the script " + *options_.scriptPath);
         }
     }
-    host_ = launchHost(options_.hostPath, options_.hostArguments);
+    // As a browser does: our environment and our standard error.
+    host_ = test::launchProcess(options_.hostPath, options_.hostArguments, std::nullopt, {});
+    for (const int pipe : {host_.input.get(), host_.output.get()}) {
+        ::fcntl(pipe, F_SETFL, ::fcntl(pipe, F_GETFL) | O_NONBLOCK);
+    }
     std::string arguments;
     for (const auto& argument : options_.hostArguments) {
         arguments += " " + argument;
@@ -36,18 +40,7 @@ BrowserPeer::BrowserPeer(BrowserPeerOptions options)
     console_.err("browser-peer: started " + options_.hostPath + arguments + " (pid " +
                  std::to_string(host_.pid) + ")");
     watchHost();
-    sd_event_source* runner = nullptr;
-    check(sd_event_add_defer(
-              loop_.get(), &runner,
-              [](sd_event_source*, void* self) {
-                  static_cast<BrowserPeer*>(self)->runLines();
-                  return 0;
-              },
-              this),
-          "sd_event_add_defer");
-    runner_.reset(runner);
-    // Below the sockets and pipes: what has arrived is shown before the next command runs.
-    check(sd_event_source_set_priority(runner, SD_EVENT_PRIORITY_IDLE), "set_priority");
+    runner_ = addRunner<BrowserPeer, &BrowserPeer::runLines>(loop_.get(), this);
     input_ = std::make_unique<LineInput>(
         loop_.get(), script_ ? script_.get() : STDIN_FILENO, maximumLineLength,
         LineInput::Handlers{

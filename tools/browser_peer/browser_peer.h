@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
+#include "kit/frame_codec.h"
+#include "tests/support/host_process.h"
 #include "tools/browser_peer/browser_command.h"
-#include "tools/browser_peer/host_launcher.h"
 #include "tools/common/console.h"
 #include "tools/common/event_loop.h"
-#include "kit/frame_codec.h"
 #include "tools/common/line_input.h"
 
 namespace kerrow::tools {
@@ -74,9 +74,9 @@ class BrowserPeer {
     Console console_;
     EventLoop loop_;
     std::vector<EventSource> signals_;
-    LaunchedHost host_;
-    EventSource inputIO_;   // the host's standard input, while frames wait for it
-    EventSource outputIO_;  // the host's standard output
+    test::LaunchedProcess host_;  // pipes made non-blocking
+    EventSource inputIO_;         // the host's standard input, while frames wait for it
+    EventSource outputIO_;        // the host's standard output
     EventSource child_;
     EventSource runner_;
     EventSource timer_;

@@ -8,8 +8,8 @@
 #include <iostream>
 #include <string>
 
-#include "tools/browser_peer/json_lines.h"
 #include "kit/frame_codec.h"
+#include "tools/browser_peer/json_lines.h"
 #include "tools/common/text.h"
 
 namespace kerrow::tools {

@@ -124,7 +124,8 @@ Mode parseOptions(int argc, char** argv, BrowserPeerOptions& options) {
         options.hostArguments = {manifest.value_or(defaultManifestPath()),
                                  extensionId.value_or(defaultFirefoxId)};
     } else {
-        options.hostArguments = {chromeOrigin(extensionId.value_or(defaultChromeId))};
+        options.hostArguments = {"chrome-extension://" + extensionId.value_or(defaultChromeId) +
+                                 "/"};
     }
     return mode;
 }

@@ -36,6 +36,25 @@ inline int check(int result, std::string_view what) {
     return EventLoop(event);
 }
 
+/// A deferred source that calls `object->*run()` once per loop iteration while enabled, below
+/// the sockets and pipes (idle priority): what has arrived is handled before it runs. `object`
+/// must outlive the source.
+template <typename Object, void (Object::*run)()>
+[[nodiscard]] EventSource addRunner(sd_event* loop, Object* object) {
+    sd_event_source* source = nullptr;
+    check(sd_event_add_defer(
+              loop, &source,
+              [](sd_event_source*, void* self) {
+                  (static_cast<Object*>(self)->*run)();
+                  return 0;
+              },
+              object),
+          "sd_event_add_defer");
+    EventSource runner(source);
+    check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IDLE), "set_priority");
+    return runner;
+}
+
 /// The time of `loop` now plus `microseconds`, on CLOCK_MONOTONIC, for timer sources.
 [[nodiscard]] inline std::uint64_t deadlineAfter(sd_event* loop, std::uint64_t microseconds) {
     std::uint64_t now = 0;

@@ -2,50 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "kit/frame_codec.h"
-
 namespace kerrow::tools {
 namespace {
-
-using namespace std::string_literals;
-
-TEST(FramesTest, EncodesLengthLittleEndian) {
-    EXPECT_EQ(encodeFrame("{}"), "\x02\x00\x00\x00{}"s);
-    EXPECT_EQ(encodeFrame(""), "\x00\x00\x00\x00"s);
-    EXPECT_EQ(encodeFrame(std::string(300, 'a')).substr(0, 4), "\x2c\x01\x00\x00"s);
-}
-
-TEST(FramesTest, DecodesFramesArrivingInPieces) {
-    FrameDecoder decoder(100);
-    decoder.append("\x03\x00"s);
-    EXPECT_EQ(decoder.next(), std::nullopt);
-    EXPECT_EQ(decoder.describeIncomplete(), "2 of the 4 header bytes");
-    decoder.append(
-        "\x00\x00"
-        "ab"s);
-    EXPECT_EQ(decoder.next(), std::nullopt);
-    EXPECT_EQ(decoder.describeIncomplete(), "2 of 3 body bytes");
-    decoder.append("c\x00\x00\x00\x00\x01\x00\x00\x00z"s);
-    EXPECT_EQ(decoder.next(), "abc");
-    EXPECT_EQ(decoder.next(), "");
-    EXPECT_EQ(decoder.next(), "z");
-    EXPECT_EQ(decoder.next(), std::nullopt);
-    EXPECT_FALSE(decoder.midFrame());
-}
-
-TEST(FramesTest, RefusesFramesOverTheLimitBeforeKeepingThem) {
-    FrameDecoder decoder(4);
-    decoder.append("\x05\x00\x00\x00"s);
-    EXPECT_THROW((void)decoder.next(), FrameTooLarge);
-    FrameDecoder top(1024);
-    top.append("\xff\xff\xff\xff"s);
-    try {
-        (void)top.next();
-        ADD_FAILURE() << "no error";
-    } catch (const FrameTooLarge& error) {
-        EXPECT_EQ(error.announced(), 0xFFFFFFFFu);
-    }
-}
 
 TEST(LineSplitterTest, SplitsLinesAndDropsOnlyTheLineTooLong) {
     LineSplitter lines(5);

@@ -75,18 +75,7 @@ CorePeer::CorePeer(CorePeerOptions options, std::vector<ScriptEntry> script)
     if (options_.useBus) {
         startBus();
     }
-    sd_event_source* runner = nullptr;
-    check(sd_event_add_defer(
-              loop_.get(), &runner,
-              [](sd_event_source*, void* self) {
-                  static_cast<CorePeer*>(self)->runCommands();
-                  return 0;
-              },
-              this),
-          "sd_event_add_defer");
-    runner_.reset(runner);
-    // Below the sockets and pipes: what has arrived is shown before the next command runs.
-    check(sd_event_source_set_priority(runner, SD_EVENT_PRIORITY_IDLE), "set_priority");
+    runner_ = addRunner<CorePeer, &CorePeer::runCommands>(loop_.get(), this);
     queue_.assign(std::make_move_iterator(script.begin()), std::make_move_iterator(script.end()));
     if (options_.readInput && !options_.scriptPath) {
         input_ = std::make_unique<LineInput>(

@@ -1,17 +1,18 @@
-#include "tests/e2e/host_session.h"
+#include "tests/support/host_session.h"
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <stdexcept>
 
 #include "kit/notification_names.h"
 
 namespace kerrow::test {
 
-HostSession::HostSession()
-    : runtime_(directory_.path() / "runtime"),
+HostSession::HostSession(std::filesystem::path hostBinary)
+    : hostBinary_(std::move(hostBinary)),
+      runtime_(directory_.path() / "runtime"),
       state_(directory_.path() / "state"),
       client_(bus_.address()) {
     std::filesystem::create_directory(runtime_);
@@ -20,8 +21,6 @@ HostSession::HostSession()
     client_.observe(std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
     startCore();
 }
-
-HostSession::~HostSession() = default;
 
 void HostSession::startCore() {
     core_.emplace(socketPath());
@@ -35,8 +34,9 @@ std::filesystem::path HostSession::logFile() const {
     return state_ / "kerrow" / "native-messaging-host.log";
 }
 
-void HostSession::launch(const std::vector<std::string>& arguments) {
-    std::map<std::string, std::string> environment{
+std::unique_ptr<HostProcess> HostSession::startProcess(const std::filesystem::path& binary,
+                                                       const std::vector<std::string>& arguments) {
+    Environment environment{
         {"PATH", "/usr/bin:/bin"},
         {"HOME", directory_.path().string()},
         {"XDG_RUNTIME_DIR", runtime_.string()},
@@ -45,12 +45,17 @@ void HostSession::launch(const std::vector<std::string>& arguments) {
     };
     // A sanitizer build's host must stop on a report just as the test process does.
     for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
-        if (const char* value = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe)
+        if (const char* value = std::getenv(name)) {  // NOLINT(concurrency-mt-unsafe): one thread
             environment.emplace(name, value);
         }
     }
-    host_ = std::make_unique<HostProcess>(KERROW_HOST_BINARY, arguments, environment,
-                                          directory_.path() / "stderr");
+    return std::make_unique<HostProcess>(
+        binary, arguments, environment,
+        directory_.path() / ("stderr-" + std::to_string(++started_)));
+}
+
+void HostSession::launch(const std::vector<std::string>& arguments) {
+    host_ = startProcess(hostBinary_, arguments);
 }
 
 bool HostSession::waitForAnnouncement(Duration timeout) {
@@ -72,19 +77,19 @@ std::optional<CoreConnection> HostSession::answer(Duration timeout) {
     return core().accept(timeout);
 }
 
-std::optional<CoreConnection> HostSession::start() {
+CoreConnection HostSession::start(Duration timeout) {
     launch();
-    if (!waitForAnnouncement()) {
-        ADD_FAILURE() << "no announcement\n" << log() << standardError();
-        return std::nullopt;
+    if (!waitForAnnouncement(timeout)) {
+        throw std::runtime_error("no announcement\n" + log() + standardError());
     }
-    auto connection = answer();
+    auto connection = answer(timeout);
     if (!connection) {
-        ADD_FAILURE() << "no connection\n" << log() << standardError();
-        return std::nullopt;
+        throw std::runtime_error("no connection\n" + log() + standardError());
     }
-    EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
-    return connection;
+    if (const auto request = connection->receive(timeout); request != "kerrow.updateDeviceTwin") {
+        throw std::runtime_error("no device-twin request but " + request.value_or("nothing"));
+    }
+    return std::move(*connection);
 }
 
 std::string HostSession::log() const {
@@ -99,13 +104,10 @@ bool HostSession::waitForLog(std::string_view message, Duration timeout) const {
     return waitUntil(
         [&] {
             const auto lines = logMessages();
-            return std::find(lines.begin(), lines.end(), message) != lines.end();
+            return std::any_of(lines.begin(), lines.end(),
+                               [&](const std::string& line) { return line.starts_with(message); });
         },
         timeout);
-}
-
-std::string HostSession::standardError() const {
-    return readFile(directory_.path() / "stderr");
 }
 
 }  // namespace kerrow::test

@@ -1,7 +1,8 @@
 // HostSession: everything an end-to-end test of the real host needs, in private temporary
 // places: a session bus of its own, a test core service listening at the browser socket location
 // under a temporary XDG_RUNTIME_DIR, a temporary XDG_STATE_HOME for the log, and the host started
-// as a browser starts it. Test code only; one test thread.
+// as a browser starts it (`hostBinary`: the host, or a script that starts it under a sanitizer or
+// Valgrind). Failures throw std::runtime_error with the host's log. One thread.
 #pragma once
 
 #include <filesystem>
@@ -19,11 +20,14 @@ namespace kerrow::test {
 
 class HostSession {
   public:
-    HostSession();
-    ~HostSession();
+    explicit HostSession(std::filesystem::path hostBinary);
     HostSession(const HostSession&) = delete;
     HostSession& operator=(const HostSession&) = delete;
 
+    /// Starts `binary` in the session's environment (its temporary home, runtime and state
+    /// directories and bus), with standard error in the session's folder.
+    [[nodiscard]] std::unique_ptr<HostProcess> startProcess(
+        const std::filesystem::path& binary, const std::vector<std::string>& arguments);
     /// Starts the host with the origin argument a Chrome-family browser passes.
     void launch(const std::vector<std::string>& arguments = {"chrome-extension://kerrow/"});
     /// True once the host announced itself on the bus.
@@ -34,8 +38,9 @@ class HostSession {
     void postStart();
     /// Posts the start notification and accepts the host's connection.
     [[nodiscard]] std::optional<CoreConnection> answer(Duration timeout = 5000ms);
-    /// Launches, answers, and takes the device-twin request off the new connection.
-    [[nodiscard]] std::optional<CoreConnection> start();
+    /// Launches, answers, and takes the device-twin request off the new connection, waiting
+    /// at most `timeout` for each step.
+    [[nodiscard]] CoreConnection start(Duration timeout = 5000ms);
 
     [[nodiscard]] HostProcess& host() { return *host_; }
     /// The listening test core service. REQUIRES: listening.
@@ -51,12 +56,15 @@ class HostSession {
     /// The log as written so far, and its lines without time stamps ("info ...").
     [[nodiscard]] std::string log() const;
     [[nodiscard]] std::vector<std::string> logMessages() const;
-    /// True once the log holds the line `message` (without time stamp).
+    /// True once the log holds a line (without time stamp) that starts with `message`.
     [[nodiscard]] bool waitForLog(std::string_view message, Duration timeout = 5000ms) const;
     /// The host's standard error so far.
-    [[nodiscard]] std::string standardError() const;
+    [[nodiscard]] std::string standardError() const { return host_->standardError(); }
+    /// The session's own temporary directory.
+    [[nodiscard]] const std::filesystem::path& directory() const { return directory_.path(); }
 
   private:
+    std::filesystem::path hostBinary_;
     TemporaryDirectory directory_;
     std::filesystem::path runtime_;
     std::filesystem::path state_;
@@ -64,6 +72,7 @@ class HostSession {
     BusClient client_;
     std::optional<TestCoreService> core_;
     std::unique_ptr<HostProcess> host_;
+    int started_ = 0;  // processes started so far, to name their standard error files
 };
 
 }  // namespace kerrow::test
