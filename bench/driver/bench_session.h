@@ -5,7 +5,9 @@
 // which the driver's writer thread may write while the main thread reads.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
