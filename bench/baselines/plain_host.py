@@ -14,20 +14,13 @@ import os
 import struct
 import sys
 import threading
-import time
 
 sys.dont_write_bytecode = True  # no __pycache__ beside the baselines
 import typical_host as typical  # noqa: E402  (after the line above)
 
 
 def main():
-    state = os.environ.get('XDG_STATE_HOME') or os.path.join(os.path.expanduser('~'), '.local', 'state')
-    log_directory = os.path.join(state, 'kerrow')
-    os.makedirs(log_directory, mode=0o700, exist_ok=True)
-    logging.Formatter.converter = time.gmtime
-    logging.basicConfig(filename=os.path.join(log_directory, 'native-messaging-host.log'),
-                        level=logging.WARNING, format='%(asctime)s.%(msecs)03dZ %(levelname)s %(message)s',
-                        datefmt='%Y-%m-%dT%H:%M:%S')
+    typical.open_log(logging.WARNING)
 
     bus = typical.SessionBus(os.environ['DBUS_SESSION_BUS_ADDRESS'])
     bus.observe(typical.START)

@@ -287,14 +287,19 @@ def get_message():
     return sys.stdin.buffer.read(message_length)
 
 
-def main():
+def open_log(level):
+    """Logs lines of `level` and above to the host's log file, with UTC time stamps."""
     state = os.environ.get('XDG_STATE_HOME') or os.path.join(os.path.expanduser('~'), '.local', 'state')
     log_directory = os.path.join(state, 'kerrow')
     os.makedirs(log_directory, mode=0o700, exist_ok=True)
     logging.Formatter.converter = time.gmtime
     logging.basicConfig(filename=os.path.join(log_directory, 'native-messaging-host.log'),
-                        level=logging.INFO, format='%(asctime)s.%(msecs)03dZ %(levelname)s %(message)s',
+                        level=level, format='%(asctime)s.%(msecs)03dZ %(levelname)s %(message)s',
                         datefmt='%Y-%m-%dT%H:%M:%S')
+
+
+def main():
+    open_log(logging.INFO)
     log.info('KerrowNativeMessagingHost started')
 
     bus = SessionBus(os.environ['DBUS_SESSION_BUS_ADDRESS'])

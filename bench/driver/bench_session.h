@@ -1,25 +1,49 @@
-// BenchSession: one private world for one program under measurement: a temporary directory
-// holding XDG_RUNTIME_DIR (with the core service's socket) and XDG_STATE_HOME (the log), a
-// private dbus-daemon, the driver's own bus connection (which watches for announcements and
-// posts the start notification), and the core service's listening socket.
+// BenchSession: one program under measurement in a private world of its own (the support
+// library's HostSession: temporary home, runtime and state directories, a private bus, the core
+// service's listening socket), brought up the way its kind comes up, with the time of each step.
 // Driver code only; one thread uses a session, except for the core connection's descriptor,
 // which the driver's writer thread may write while the main thread reads.
 #pragma once
 
-#include <systemd/sd-bus.h>
-
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
-#include <map>
-#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "bench/driver/child_process.h"
-#include "bench/driver/wire.h"
+#include "tests/support/frame_reader.h"
+#include "tests/support/host_process.h"
+#include "tests/support/host_session.h"
 
 namespace kerrow::bench {
+
+using Clock = std::chrono::steady_clock;
+using Deadline = Clock::time_point;
+using test::FrameReader;
+using test::HostProcess;
+
+/// A measurement that could not be taken (a program that died, stalled or answered wrongly).
+class BenchError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+[[nodiscard]] inline Deadline deadlineIn(std::chrono::milliseconds span) {
+    return Clock::now() + span;
+}
+
+/// What is left until `deadline` (at least 1 ms), for the support library's waits.
+[[nodiscard]] inline test::Duration timeLeft(Deadline deadline) {
+    return std::max(test::Duration(1),
+                    std::chrono::duration_cast<test::Duration>(deadline - Clock::now()));
+}
+
+[[nodiscard]] inline double microseconds(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double, std::micro>(to - from).count();
+}
 
 /// How a program comes up. host and typical announce themselves on the bus and connect when the
 /// start notification comes; floor connects at once; bare only posts its announcement and ends.
@@ -34,42 +58,8 @@ struct Program {
 /// Parses "name=kind:argv0,argv1,...", e.g. "host=host:/path/kerrow-native-messaging-host".
 [[nodiscard]] Program parseProgram(std::string_view description);
 
-/// A directory of our own under $TMPDIR or /tmp, removed with everything in it.
-class TemporaryDirectory {
-  public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
-
-/// The driver's connection to the private bus.
-class BusClient {
-  public:
-    explicit BusClient(const std::string& address);
-    ~BusClient();
-    BusClient(const BusClient&) = delete;
-    BusClient& operator=(const BusClient&) = delete;
-
-    /// Watches for notification `name`; the match is in place when this returns.
-    void observe(std::string_view name);
-    /// Broadcasts notification `name` and flushes it to the bus.
-    void post(std::string_view name);
-    /// Processes bus traffic until `name` has arrived `count` times in all; returns the arrival
-    /// time of the count-th. Throws BenchError at `deadline`.
-    Clock::time_point waitForSignal(const std::string& name, std::size_t count, Deadline deadline);
-
-  private:
-    static int onSignal(sd_bus_message* message, void* self, sd_bus_error* error);
-
-    sd_bus* bus_ = nullptr;
-    std::vector<sd_bus_slot*> slots_;
-    std::map<std::string, std::vector<Clock::time_point>, std::less<>> arrivals_;
-};
+/// "a,b,c" as its pieces.
+[[nodiscard]] std::vector<std::string> splitCommas(std::string_view text);
 
 class BenchSession {
   public:
@@ -81,44 +71,29 @@ class BenchSession {
         std::optional<Clock::time_point> connected;  // the device-twin request reached the core
     };
 
-    BenchSession();
-    ~BenchSession();
-    BenchSession(const BenchSession&) = delete;
-    BenchSession& operator=(const BenchSession&) = delete;
+    /// Sets up the world for `program`, whose argv is prefixed by `wrapper` (e.g. valgrind).
+    BenchSession(Program program, const std::vector<std::string>& wrapper);
 
-    /// Starts `program` (argv prefixed by `wrapper`, e.g. valgrind) and brings it up: connected,
-    /// with its device-twin request read, or for the bare kind announced and ended.
-    StartTimes start(const Program& program, Deadline deadline,
-                     const std::vector<std::string>& wrapper = {});
+    /// Starts the program and brings it up: connected, with its device-twin request read, or for
+    /// the bare kind announced and ended.
+    StartTimes start(Deadline deadline);
 
-    [[nodiscard]] ChildProcess& child() { return *child_; }
+    [[nodiscard]] HostProcess& child() { return session_.host(); }
     /// The accepted connection of the core service. REQUIRES: started, core not stopped.
-    [[nodiscard]] int coreConnection() const { return connection_.get(); }
+    [[nodiscard]] int coreConnection() const { return connection_->fd(); }
     [[nodiscard]] FrameReader& coreReader() { return *coreReader_; }
 
     /// The core service goes away: its connection closes and its socket file disappears.
     void stopCore();
 
-    [[nodiscard]] std::filesystem::path logFile() const;
-    /// The program's standard error so far (for error reports).
-    [[nodiscard]] std::string standardError() const;
+    [[nodiscard]] std::filesystem::path logFile() const { return session_.logFile(); }
 
   private:
-    void listen();
-    UniqueFd accept(Deadline deadline);
-    [[nodiscard]] std::vector<std::string> environment() const;
-
-    TemporaryDirectory directory_;
-    std::filesystem::path runtime_;
-    std::filesystem::path state_;
-    std::unique_ptr<ChildProcess> bus_;
-    std::string busAddress_;
-    std::unique_ptr<BusClient> client_;
-    std::size_t announcements_ = 0;
-    UniqueFd listener_;
-    UniqueFd connection_;
+    Program program_;
+    std::vector<std::string> arguments_;  // of the program's first word (wrapper or program)
+    test::HostSession session_;
+    std::optional<test::CoreConnection> connection_;
     std::optional<FrameReader> coreReader_;
-    std::unique_ptr<ChildProcess> child_;
 };
 
 }  // namespace kerrow::bench

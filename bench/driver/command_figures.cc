@@ -7,9 +7,14 @@
 #include "bench/driver/figure_support.h"
 #include "bench/driver/figures.h"
 #include "kit/const.h"
+#include "tests/support/test_support.h"
 
 namespace kerrow::bench {
 namespace {
+
+using test::frame;
+using test::ProcessSample;
+using test::writeAll;
 
 std::string closeTabCommand(std::size_t id) {
     return std::string(Const::Browser::closeTab) + "-" + std::to_string(id);
@@ -60,23 +65,23 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
         throw BenchError("unknown command: " + std::string(command));
     }
     const Deadline deadline = deadlineIn(settings.timeout);
-    BenchSession session;
-    session.start(program, deadline, settings.wrapper);
-    ChildProcess& child = session.child();
-    FrameReader output(child.output());
+    BenchSession session(program, settings.wrapper);
+    session.start(deadline);
+    HostProcess& child = session.child();
+    FrameReader output(child.outputFd());
 
     // Every command, framed; streamed, written in large pieces so that the driver stays out of
     // the way; paced, one command per write.
     std::string stream;
     std::vector<std::size_t> ends;
-    const std::string list = closeTab ? std::string() : framed(websiteListCommand(sites));
+    const std::string list = closeTab ? std::string() : frame(websiteListCommand(sites));
     for (std::size_t i = 0; i < count; ++i) {
-        stream.append(closeTab ? framed(closeTabCommand(i)) : list);
+        stream.append(closeTab ? frame(closeTabCommand(i)) : list);
         ends.push_back(stream.size());
     }
     const std::string expectedList = closeTab ? std::string() : setWhitelistMessage(sites);
 
-    const ProcessSample before = sampleProcess(child.pid());
+    const ProcessSample before = test::sampleProcess(child.pid());
     const auto started = Clock::now();
     WriterThread writer(child, [&] {
         if (!settings.paced) {
@@ -100,7 +105,7 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
         }
     }
     const auto ended = Clock::now();
-    const ProcessSample after = sampleProcess(child.pid());
+    const ProcessSample after = test::sampleProcess(child.pid());
     writer.join();
     const int status = finish(session, deadline);
     const double seconds = std::chrono::duration<double>(ended - started).count();
@@ -112,18 +117,18 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
         .add("count", static_cast<std::int64_t>(count))
         .add("seconds", seconds)
         .add("commands_per_s", static_cast<double>(count) / seconds)
-        .add("cpu_us_per_command", static_cast<double>(cpuNanosecondsBetween(before, after)) / 1e3 /
-                                       static_cast<double>(count))
+        .add("cpu_us_per_command", static_cast<double>(test::cpuNanosecondsBetween(before, after)) /
+                                       1e3 / static_cast<double>(count))
         .add("exit_status", static_cast<std::int64_t>(status));
 }
 
 JsonLine measureLatency(const Program& program, double rate, std::size_t count, std::size_t warmUp,
                         const RunSettings& settings) {
     const Deadline deadline = deadlineIn(settings.timeout);
-    BenchSession session;
-    session.start(program, deadline, settings.wrapper);
-    ChildProcess& child = session.child();
-    FrameReader output(child.output());
+    BenchSession session(program, settings.wrapper);
+    session.start(deadline);
+    HostProcess& child = session.child();
+    FrameReader output(child.outputFd());
 
     const auto period =
         std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / rate));
@@ -134,7 +139,7 @@ JsonLine measureLatency(const Program& program, double rate, std::size_t count, 
             std::this_thread::sleep_until(started + period * static_cast<std::int64_t>(i));
             const auto now = Clock::now();
             written[i].store((now - started).count(), std::memory_order_release);
-            writeFrame(session.coreConnection(), closeTabCommand(i));
+            writeAll(session.coreConnection(), frame(closeTabCommand(i)));
         }
     });
     std::vector<double> latencies;

@@ -1,10 +1,15 @@
 #include "bench/driver/figure_support.h"
 
+#include <csignal>
 #include <fstream>
 
 #include "kit/const.h"
+#include "tests/support/test_support.h"
 
 namespace kerrow::bench {
+
+using test::ProcessSample;
+
 std::string extensionMessage(std::size_t size) {
     static constexpr std::string_view head = "{\"tabs\":\"";
     static constexpr std::string_view tail = "\"}";
@@ -29,7 +34,7 @@ std::string batchOf(std::string_view frame, std::size_t& framesInBatch) {
     return batch;
 }
 
-WriterThread::WriterThread(ChildProcess& child, std::function<void()> work)
+WriterThread::WriterThread(HostProcess& child, std::function<void()> work)
     : child_(child), thread_([this, work = std::move(work)] {
           try {
               work();
@@ -40,7 +45,7 @@ WriterThread::WriterThread(ChildProcess& child, std::function<void()> work)
 
 WriterThread::~WriterThread() {
     if (thread_.joinable()) {
-        child_.kill();
+        child_.signal(SIGKILL);
         thread_.join();
     }
 }
@@ -54,18 +59,19 @@ void WriterThread::join() {
 
 RelayRun relay(BenchSession& session, const std::string& body, std::size_t frames, bool paced,
                Deadline deadline) {
-    const std::string frame = framed(body);
+    const std::string frame = test::frame(body);
     std::size_t perBatch = 1;
     const std::string batch = paced ? frame : batchOf(frame, perBatch);
     const std::size_t expectedLength = body.size() + Const::Browser::tabList.size();
-    ChildProcess& child = session.child();
+    HostProcess& child = session.child();
 
-    const ProcessSample before = sampleProcess(child.pid());
+    const ProcessSample before = test::sampleProcess(child.pid());
     const auto started = Clock::now();
     WriterThread writer(child, [&] {
         for (std::size_t sent = 0; sent < frames; sent += perBatch) {
             const std::size_t count = std::min(perBatch, frames - sent);
-            writeAll(child.input(), std::string_view(batch).substr(0, count * frame.size()));
+            test::writeAll(child.inputFd(),
+                           std::string_view(batch).substr(0, count * frame.size()));
         }
     });
     for (std::size_t i = 0; i < frames; ++i) {
@@ -76,15 +82,15 @@ RelayRun relay(BenchSession& session, const std::string& body, std::size_t frame
         }
     }
     const auto ended = Clock::now();
-    const ProcessSample after = sampleProcess(child.pid());
+    const ProcessSample after = test::sampleProcess(child.pid());
     writer.join();
     return {std::chrono::duration<double>(ended - started).count(),
-            cpuNanosecondsBetween(before, after)};
+            test::cpuNanosecondsBetween(before, after)};
 }
 
 int finish(BenchSession& session, Deadline deadline) {
     session.child().closeInput();
-    const auto status = session.child().wait(deadline);
+    const auto status = session.child().waitForExit(timeLeft(deadline));
     if (!status) {
         throw BenchError("the program did not end at end of input");
     }

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "bench/driver/bench_session.h"
+#include "tests/support/proc_sample.h"
 
 namespace kerrow::bench {
 
@@ -25,14 +26,14 @@ namespace kerrow::bench {
 /// measurement) first kills the program, so that a write blocked on it returns.
 class WriterThread {
   public:
-    WriterThread(ChildProcess& child, std::function<void()> work);
+    WriterThread(HostProcess& child, std::function<void()> work);
     ~WriterThread();
     WriterThread(const WriterThread&) = delete;
     WriterThread& operator=(const WriterThread&) = delete;
     void join();
 
   private:
-    ChildProcess& child_;
+    HostProcess& child_;
     std::exception_ptr failure_;
     std::thread thread_;
 };

@@ -11,10 +11,14 @@
 namespace kerrow::bench {
 namespace {
 
+using test::contextSwitchesBetween;
+using test::cpuNanosecondsBetween;
+using test::ProcessSample;
+
 std::vector<ProcessSample> sampleAll(std::vector<std::unique_ptr<BenchSession>>& sessions) {
     std::vector<ProcessSample> samples;
     for (const auto& session : sessions) {
-        samples.push_back(sampleProcess(session->child().pid()));
+        samples.push_back(test::sampleProcess(session->child().pid()));
     }
     return samples;
 }
@@ -65,8 +69,8 @@ std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std
     const Deadline deadline = deadlineIn(settings.timeout + 3 * window);
     std::vector<std::unique_ptr<BenchSession>> sessions;
     for (const auto& program : programs) {
-        sessions.push_back(std::make_unique<BenchSession>());
-        sessions.back()->start(program, deadline, settings.wrapper);
+        sessions.push_back(std::make_unique<BenchSession>(program, settings.wrapper));
+        sessions.back()->start(deadline);
     }
     const auto started = sampleAll(sessions);
     keepMemoryMaps(sessions, programs, settings.memoryMaps, "start");
@@ -109,6 +113,10 @@ std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std
     }
     for (const auto& session : sessions) {
         [[maybe_unused]] const int status = finish(*session, deadline);
+    }
+    // Last set up, first taken down: each private bus restores the bus address it replaced.
+    while (!sessions.empty()) {
+        sessions.pop_back();
     }
     return lines;
 }

@@ -63,17 +63,6 @@ Arguments parse(int argc, char** argv) {
     return arguments;
 }
 
-std::vector<std::string> splitCommas(const std::string& text) {
-    std::vector<std::string> pieces;
-    std::size_t start = 0;
-    for (std::size_t comma; (comma = text.find(',', start)) != std::string::npos;
-         start = comma + 1) {
-        pieces.push_back(text.substr(start, comma - start));
-    }
-    pieces.push_back(text.substr(start));
-    return pieces;
-}
-
 std::vector<kerrow::bench::JsonLine> run(const Arguments& arguments) {
     using namespace kerrow::bench;
     RunSettings settings;

@@ -7,8 +7,8 @@ namespace kerrow::bench {
 JsonLine measureRelay(const Program& program, std::size_t bodySize, std::size_t frames,
                       const RunSettings& settings) {
     const Deadline deadline = deadlineIn(settings.timeout);
-    BenchSession session;
-    session.start(program, deadline, settings.wrapper);
+    BenchSession session(program, settings.wrapper);
+    session.start(deadline);
     const RelayRun run =
         relay(session, extensionMessage(bodySize), frames, settings.paced, deadline);
     const int status = finish(session, deadline);
@@ -30,8 +30,8 @@ JsonLine measureRelay(const Program& program, std::size_t bodySize, std::size_t 
 
 JsonLine measureStartup(const Program& program, const RunSettings& settings) {
     const Deadline deadline = deadlineIn(settings.timeout);
-    BenchSession session;
-    const auto times = session.start(program, deadline, settings.wrapper);
+    BenchSession session(program, settings.wrapper);
+    const auto times = session.start(deadline);
     JsonLine line;
     line.add("figure", "startup").add("program", program.name);
     if (times.announced) {
