@@ -13,9 +13,9 @@
 #include <string>
 #include <string_view>
 
+#include "kit/frame_codec.h"
 #include "platform/descriptor.h"
 #include "tools/common/event_loop.h"
-#include "kit/frame_codec.h"
 
 namespace kerrow::tools {
 

@@ -53,9 +53,8 @@ class FlatpakLauncherTest : public ::testing::Test {
     // and returns the host's connection, the device-twin request taken off.
     std::optional<test::CoreConnection> launch(int announcements) {
         browser_.emplace(launcher_, std::vector<std::string>{"chrome-extension://kerrow/"},
-                         test::Environment{
-                             {"PATH", "/usr/libexec/flatpak-xdg-utils:/usr/bin:/bin"},
-                             {"DBUS_SESSION_BUS_ADDRESS", bus_->address()}},
+                         test::Environment{{"PATH", "/usr/libexec/flatpak-xdg-utils:/usr/bin:/bin"},
+                                           {"DBUS_SESSION_BUS_ADDRESS", bus_->address()}},
                          directory_.path() / "launcher.err");
         if (!client_->waitForSignal(announcement, test::Duration(10000), announcements)) {
             ADD_FAILURE() << "no announcement: "
