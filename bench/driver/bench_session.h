@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/frame_reader.h"
+#include "bench/driver/frame_reader.h"
 #include "tests/support/host_process.h"
 #include "tests/support/host_session.h"
 
@@ -22,7 +22,6 @@ namespace kerrow::bench {
 
 using Clock = std::chrono::steady_clock;
 using Deadline = Clock::time_point;
-using test::FrameReader;
 using test::HostProcess;
 
 /// A measurement that could not be taken (a program that died, stalled or answered wrongly).

@@ -13,7 +13,6 @@ namespace kerrow::bench {
 namespace {
 
 using test::frame;
-using test::ProcessSample;
 using test::writeAll;
 
 std::string closeTabCommand(std::size_t id) {
@@ -81,7 +80,7 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
     }
     const std::string expectedList = closeTab ? std::string() : setWhitelistMessage(sites);
 
-    const ProcessSample before = test::sampleProcess(child.pid());
+    const ProcessSample before = sampleProcess(child.pid());
     const auto started = Clock::now();
     WriterThread writer(child, [&] {
         if (!settings.paced) {
@@ -105,7 +104,7 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
         }
     }
     const auto ended = Clock::now();
-    const ProcessSample after = test::sampleProcess(child.pid());
+    const ProcessSample after = sampleProcess(child.pid());
     writer.join();
     const int status = finish(session, deadline);
     const double seconds = std::chrono::duration<double>(ended - started).count();
@@ -117,8 +116,8 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
         .add("count", static_cast<std::int64_t>(count))
         .add("seconds", seconds)
         .add("commands_per_s", static_cast<double>(count) / seconds)
-        .add("cpu_us_per_command", static_cast<double>(test::cpuNanosecondsBetween(before, after)) /
-                                       1e3 / static_cast<double>(count))
+        .add("cpu_us_per_command", static_cast<double>(cpuNanosecondsBetween(before, after)) / 1e3 /
+                                       static_cast<double>(count))
         .add("exit_status", static_cast<std::int64_t>(status));
 }
 

@@ -8,8 +8,6 @@
 
 namespace kerrow::bench {
 
-using test::ProcessSample;
-
 std::string extensionMessage(std::size_t size) {
     static constexpr std::string_view head = "{\"tabs\":\"";
     static constexpr std::string_view tail = "\"}";
@@ -65,7 +63,7 @@ RelayRun relay(BenchSession& session, const std::string& body, std::size_t frame
     const std::size_t expectedLength = body.size() + Const::Browser::tabList.size();
     HostProcess& child = session.child();
 
-    const ProcessSample before = test::sampleProcess(child.pid());
+    const ProcessSample before = sampleProcess(child.pid());
     const auto started = Clock::now();
     WriterThread writer(child, [&] {
         for (std::size_t sent = 0; sent < frames; sent += perBatch) {
@@ -82,10 +80,10 @@ RelayRun relay(BenchSession& session, const std::string& body, std::size_t frame
         }
     }
     const auto ended = Clock::now();
-    const ProcessSample after = test::sampleProcess(child.pid());
+    const ProcessSample after = sampleProcess(child.pid());
     writer.join();
     return {std::chrono::duration<double>(ended - started).count(),
-            test::cpuNanosecondsBetween(before, after)};
+            cpuNanosecondsBetween(before, after)};
 }
 
 int finish(BenchSession& session, Deadline deadline) {

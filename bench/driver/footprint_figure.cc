@@ -11,14 +11,10 @@
 namespace kerrow::bench {
 namespace {
 
-using test::contextSwitchesBetween;
-using test::cpuNanosecondsBetween;
-using test::ProcessSample;
-
 std::vector<ProcessSample> sampleAll(std::vector<std::unique_ptr<BenchSession>>& sessions) {
     std::vector<ProcessSample> samples;
     for (const auto& session : sessions) {
-        samples.push_back(test::sampleProcess(session->child().pid()));
+        samples.push_back(sampleProcess(session->child().pid()));
     }
     return samples;
 }

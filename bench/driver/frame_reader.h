@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kerrow::test {
+namespace kerrow::bench {
 
 class FrameReader {
   public:
@@ -33,4 +33,4 @@ class FrameReader {
     std::size_t end_ = 0;    // one past the last buffered byte
 };
 
-}  // namespace kerrow::test
+}  // namespace kerrow::bench

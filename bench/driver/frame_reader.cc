@@ -1,4 +1,4 @@
-#include "tests/support/frame_reader.h"
+#include "bench/driver/frame_reader.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,7 +14,7 @@
 
 #include "kit/frame_codec.h"
 
-namespace kerrow::test {
+namespace kerrow::bench {
 namespace {
 
 constexpr std::size_t readChunk = 256 * 1024;
@@ -76,4 +76,4 @@ void FrameReader::fill(std::size_t wanted, std::chrono::steady_clock::time_point
     }
 }
 
-}  // namespace kerrow::test
+}  // namespace kerrow::bench
