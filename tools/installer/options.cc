@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "kerrow_extension_ids.h"
 #include "tools/installer/manifest.h"
 
 namespace kerrow::installer {
@@ -214,6 +215,13 @@ std::variant<Options, UsageError> parseOptions(std::span<const std::string_view>
             return *error;
         }
     }
+    if (options.chromiumExtensionIds.empty() && options.firefoxExtensionIds.empty()) {
+        for (const std::string_view id : configuredExtensionIds) {
+            if (auto error = addExtensionId(options, id)) {
+                return *error;
+            }
+        }
+    }
     if (auto error = validate(options, systemGiven)) {
         return *error;
     }
@@ -248,6 +256,8 @@ WHERE
   --extension-id ID    an extension allowed to start the host; repeatable. A Chrome extension
                        id is 32 letters a-p; a Firefox add-on id is name@domain or {GUID}.
                        With --check or --doctor: the manifest must allow exactly these.
+                       Default: the ids this build was made with (none in a development
+                       build, whose ids are placeholders).
   --host PATH          the host binary, an absolute path. Default: kerrow-native-messaging-host
                        in this program's folder. With --check: the manifest must name it.
   --grant-flatpak      run `flatpak override --user --talk-name=org.freedesktop.Flatpak <id>`
