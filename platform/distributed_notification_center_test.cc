@@ -30,17 +30,10 @@ EventLoop newLoop() {
     return EventLoop(loop);
 }
 
-// Runs `loop` until `condition` holds; false if it does not within `timeout`.
-bool runUntil(sd_event* loop, const std::function<bool()>& condition, Duration timeout = 5000ms) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || sd_event_run(loop, static_cast<std::uint64_t>(left.count())) < 0) {
-            return false;
-        }
-    }
-    return true;
+// Runs `loop` until `condition` holds; false if it does not within five seconds.
+bool runUntil(sd_event* loop, const std::function<bool()>& condition) {
+    return waitUntil(
+        [&] { return condition() || (sd_event_run(loop, 10'000) >= 0 && condition()); });
 }
 
 // Dispatches everything that is ready, without waiting; false if the loop keeps finding work.
