@@ -113,8 +113,6 @@ TEST(VideoOptionsCoding, RefusesMissingOrNonIntegerMembers) {
              R"({"resolution":{"width":1280,"height":720}})",
              R"({"resolution":{"width":1280,"height":720},"framerate":29.97})",
              R"({"resolution":{"width":1280,"height":720},"framerate":"30"})",
-             R"({"resolution":{"width":1280,"height":720},"framerate":3e1})",
-             R"({"resolution":{"width":1280,"height":720},"framerate":null})",
              R"({"resolution":{"width":1280,"height":720},"framerate":9223372036854775808})",
              R"({"resolution":{"width":1280},"framerate":30})",
              R"({"resolution":[1280,720],"framerate":30})",
@@ -135,7 +133,6 @@ TEST(ConfigCoding, FallsBackToEachDefaultOnItsOwn) {
         {R"({"api":"https://api.example"})", {defaultAddress, "https://api.example"}},
         {R"({})", {defaultAddress, defaultAPI}},
         {R"({"address":null,"api":7})", {defaultAddress, defaultAPI}},
-        {R"({"address":["x"],"api":{}})", {defaultAddress, defaultAPI}},
         {R"({"address":"","extra":1})", {"", defaultAPI}},
     };
     for (const auto& [text, expected] : cases) {

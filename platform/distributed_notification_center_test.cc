@@ -30,17 +30,10 @@ EventLoop newLoop() {
     return EventLoop(loop);
 }
 
-// Runs `loop` until `condition` holds; false if it does not within `timeout`.
-bool runUntil(sd_event* loop, const std::function<bool()>& condition, Duration timeout = 5000ms) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || sd_event_run(loop, static_cast<std::uint64_t>(left.count())) < 0) {
-            return false;
-        }
-    }
-    return true;
+// Runs `loop` until `condition` holds; false if it does not within five seconds.
+bool runUntil(sd_event* loop, const std::function<bool()>& condition) {
+    return waitUntil(
+        [&] { return condition() || (sd_event_run(loop, 10'000) >= 0 && condition()); });
 }
 
 // Dispatches everything that is ready, without waiting; false if the loop keeps finding work.
@@ -61,18 +54,31 @@ class DistributedNotificationCenterTest : public ::testing::Test {
     DistributedNotificationCenter center{loop.get()};
 };
 
+// Only a signal whose first argument is an observed name is a notification (an extra argument
+// does not matter); every observer of the name sees it.
 TEST_F(DistributedNotificationCenterTest, DeliversOnlyTheObservedNamesFromAnotherConnection) {
     std::vector<std::string> seen;
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, first observer"); });
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, second observer"); });
     center.addObserver("com.example.b", [&] { seen.emplace_back("b"); });
     BusClient client(bus.address());
+    sd_bus* const connection = client.connection();
     client.post("com.example.c");
     client.post("com.example.a");
     client.post("com.example.ab");
+    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+                                 notificationMember, nullptr),
+              0);
+    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+                                 notificationMember, "i", 7),
+              0);
+    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+                                 notificationMember, "si", "com.example.a", 7),
+              0);
     client.post("com.example.b");  // one sender's signals arrive in order: this one last
     ASSERT_TRUE(runUntil(loop.get(), [&] { return !seen.empty() && seen.back() == "b"; }));
-    EXPECT_THAT(seen, UnorderedElementsAre("a, first observer", "a, second observer", "b"));
+    EXPECT_THAT(seen, UnorderedElementsAre("a, first observer", "a, second observer",
+                                           "a, first observer", "a, second observer", "b"));
 }
 
 TEST_F(DistributedNotificationCenterTest, PostsReachOtherConnectionsAndOwnObservers) {
@@ -89,27 +95,6 @@ TEST_F(DistributedNotificationCenterTest, PostsReachOtherConnectionsAndOwnObserv
     center.postNotificationName(name, false);
     EXPECT_TRUE(runUntil(loop.get(), [&] { return seen == 1; }));
     EXPECT_TRUE(client.waitForSignal(name, 5000ms, 2));
-}
-
-TEST_F(DistributedNotificationCenterTest, IgnoresPostedSignalsWithoutAStringName) {
-    int seen = 0;
-    bool ended = false;
-    center.addObserver("com.example.a", [&] { ++seen; });
-    center.addObserver("com.example.end", [&] { ended = true; });
-    BusClient client(bus.address());
-    sd_bus* const connection = client.connection();
-    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
-                                 notificationMember, nullptr),
-              0);
-    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
-                                 notificationMember, "i", 7),
-              0);
-    ASSERT_GE(sd_bus_emit_signal(connection, notificationPath, notificationInterface,
-                                 notificationMember, "si", "com.example.a", 7),
-              0);
-    client.post("com.example.end");
-    ASSERT_TRUE(runUntil(loop.get(), [&] { return ended; }));
-    EXPECT_EQ(seen, 1) << "only the signal with a name (and an extra argument) is a notification";
 }
 
 TEST_F(DistributedNotificationCenterTest, ObservesAgainOnceTheBusComesBack) {

@@ -20,23 +20,22 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
                               const std::filesystem::path& standardError) {
     Pipe input;
     Pipe output;
-    std::vector<std::string> texts{binary.string()};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    const std::size_t environmentStart = texts.size();
+    std::vector<std::string> argv{binary.string()};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> envp;
     for (const auto& [name, value] : environment.value_or(Environment{})) {
-        texts.push_back(name + "=" + value);
+        envp.push_back(name + "=" + value);
     }
-    std::vector<char*> pointers;  // argv, a null, then envp and a null
-    for (std::size_t i = 0; i < texts.size(); ++i) {
-        if (i == environmentStart) {
-            pointers.push_back(nullptr);
+    const auto pointers = [](std::vector<std::string>& texts) {
+        std::vector<char*> result;
+        for (auto& text : texts) {
+            result.push_back(text.data());
         }
-        pointers.push_back(texts[i].data());
-    }
-    if (environmentStart == texts.size()) {
-        pointers.push_back(nullptr);
-    }
-    pointers.push_back(nullptr);
+        result.push_back(nullptr);
+        return result;
+    };
+    const auto argvPointers = pointers(argv);
+    const auto envpPointers = pointers(envp);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -57,8 +56,8 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     LaunchedProcess process;
     const int error =
-        ::posix_spawnp(&process.pid, binary.c_str(), &actions, &attributes, pointers.data(),
-                       environment ? pointers.data() + environmentStart + 1 : environ);
+        ::posix_spawnp(&process.pid, binary.c_str(), &actions, &attributes, argvPointers.data(),
+                       environment ? envpPointers.data() : environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) {

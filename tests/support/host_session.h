@@ -50,7 +50,6 @@ class HostSession {
     /// The core service listens (again) at the browser socket location.
     void startCore();
 
-    [[nodiscard]] const std::filesystem::path& runtimeDirectory() const { return runtime_; }
     [[nodiscard]] std::filesystem::path socketPath() const;
     [[nodiscard]] std::filesystem::path logFile() const;
     /// The log as written so far, and its lines without time stamps ("info ...").
