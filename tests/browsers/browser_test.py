@@ -26,7 +26,6 @@ sys.dont_write_bytecode = True  # keep the source folder free of __pycache__
 from harness import (DID_FINISH_LAUNCHING, START_CORE_HOST_SERVICES, ProcessGroup, PrivateBus,
                      RunFolder, TestCoreService, TestFailure, has_ended, process_command_line,
                      wait_until)
-from marionette import Marionette
 
 EXTENSION = Path(__file__).resolve().parent / "extension"
 MANIFEST_NAME = "com.kerrowsoftware.native_messaging_host.json"
@@ -75,36 +74,25 @@ class Chromium:
 
 
 class Firefox:
-    """Debian's Firefox ESR, headless, with the extension installed through Marionette as a
-    temporary add-on (which needs no signature). Found through its XDG profile (Firefox 147 and
-    later); the manifest still goes to ~/.mozilla, which Firefox reads."""
+    """Debian's Firefox ESR, headless, with the unsigned extension found through a proxy file in
+    the profile (ESR honours the signature preference). Found by the installer through its XDG
+    profile (Firefox 147 and later); the manifest still goes to ~/.mozilla, which Firefox reads."""
 
     installer_arguments: List[str] = []
 
     def __init__(self, folder: RunFolder, extension: Path):
         self.profile = folder.home / ".config" / "mozilla" / "firefox" / "test.default"
-        self.profile.mkdir(parents=True)
-        # Marionette listens on a free port and writes it to <profile>/MarionetteActivePort, so
-        # runs never collide on 2828; Marionette sets its own quiet, offline preferences.
-        (self.profile / "user.js").write_text('user_pref("marionette.port", 0);\n')
-        self.extension = extension
+        (self.profile / "extensions").mkdir(parents=True)
+        (self.profile / "extensions" / FIREFOX_ID).write_text(f"{extension}\n")
+        (self.profile / "user.js").write_text('user_pref("xpinstall.signatures.required", false);\n'
+                                              'user_pref("extensions.autoDisableScopes", 0);\n')
         self.host_arguments = [
             str(folder.home / ".mozilla/native-messaging-hosts" / MANIFEST_NAME), FIREFOX_ID]
 
     def launch(self, processes: ProcessGroup, env: Dict[str, str], log: Path):
-        browser = processes.start(["firefox-esr", "--headless", "--marionette", "--no-remote",
-                                   "--profile", str(self.profile), "about:blank"],
-                                  env={**env, "MOZ_CRASHREPORTER_DISABLE": "1"}, output=log)
-        port = self.profile / "MarionetteActivePort"
-        wait_until(lambda: port.read_text().strip().isdigit() if port.exists() else
-                   browser.poll() is not None, 30, "Marionette to listen")
-        marionette = Marionette(int(port.read_text()), 40)
-        try:
-            marionette.command("WebDriver:NewSession", {})
-            marionette.command("Addon:Install", {"path": str(self.extension), "temporary": True})
-        finally:
-            marionette.close()
-        return browser
+        return processes.start(["firefox-esr", "--headless", "--no-remote", "--profile",
+                                str(self.profile), "about:blank"],
+                               env={**env, "MOZ_CRASHREPORTER_DISABLE": "1"}, output=log)
 
 
 def tab_list_body(body: bytes):
