@@ -8,8 +8,6 @@ The run passes when the extension's tab list reaches the core service unchanged 
 kerrow.tabList suffix, kerrow.closeTab-42 reaches the extension as a closeTab message (which it
 echoes), the browser started the installed host with its documented arguments, and the host ended,
 with status 0 where seen, once the browser had ended.
-
-Usage: browser_test.py {chromium,firefox} --host PATH --installer PATH [--keep]
 """
 
 import argparse
@@ -24,8 +22,7 @@ from typing import Dict, List
 sys.dont_write_bytecode = True  # keep the source folder free of __pycache__
 
 from harness import (DID_FINISH_LAUNCHING, START_CORE_HOST_SERVICES, ProcessGroup, PrivateBus,
-                     RunFolder, TestCoreService, TestFailure, has_ended, process_command_line,
-                     wait_until)
+                     RunFolder, TestCoreService, TestFailure, has_ended, wait_until)
 
 EXTENSION = Path(__file__).resolve().parent / "extension"
 MANIFEST_NAME = "com.kerrowsoftware.native_messaging_host.json"
@@ -118,11 +115,12 @@ def run(browser, host: Path, installer: Path, folder: RunFolder, processes: Proc
     env = folder.environment(bus.address)
     run_installer(installer, [*browser.installer_arguments, "--host", str(host)], env)
     started = browser.launch(processes, env, folder.root / "browser.log")
-    bus.wait_for_notification(DID_FINISH_LAUNCHING)
+    bus.wait_for_line(lambda line: line.strip() == f'string "{DID_FINISH_LAUNCHING}"',
+                      DID_FINISH_LAUNCHING)
     bus.post(START_CORE_HOST_SERVICES)
     connection = core.accept(15)
     executable = Path(os.readlink(f"/proc/{connection.peer_pid}/exe"))
-    arguments = process_command_line(connection.peer_pid)[1:]
+    arguments = Path(f"/proc/{connection.peer_pid}/cmdline").read_text().split("\0")[1:-1]
     if (executable, arguments) != (host, browser.host_arguments):
         raise TestFailure(f"the core service's peer is {executable} {arguments}, expected "
                           f"{host} {browser.host_arguments}")
@@ -172,17 +170,16 @@ def main() -> int:
     except (TestFailure, OSError, ValueError, subprocess.SubprocessError) as failure:
         print(f"FAILED: {failure}", file=sys.stderr)
         print(f"--- session bus:\n{tail(folder.root / 'bus.log')}", file=sys.stderr)
-        print(f"--- host log:\n{tail(folder.host_log)}", file=sys.stderr)
+        print(f"--- host log:\n{tail(folder.state / 'kerrow/native-messaging-host.log')}",
+              file=sys.stderr)
         print(f"--- browser output:\n{tail(folder.root / 'browser.log')}", file=sys.stderr)
         return 1
     finally:
-        leftovers = processes.close()
-        if leftovers:
-            print("browser helpers killed at the close: " + "; ".join(leftovers))
+        processes.close()
         if arguments.keep:
             print(f"run folder kept: {folder.root}")
         else:
-            folder.remove()
+            shutil.rmtree(folder.root, ignore_errors=True)
     print(f"{arguments.browser}: passed")
     return 0
 

@@ -6,7 +6,6 @@ listening at the host's browser socket. Python 3 standard library only; one thre
 import contextlib
 import ctypes
 import os
-import shutil
 import signal
 import socket
 import struct
@@ -51,13 +50,6 @@ def has_ended(pid: int) -> bool:
     return fields is None or fields[0] == "Z"
 
 
-def process_command_line(pid: int) -> List[str]:
-    try:
-        return Path(f"/proc/{pid}/cmdline").read_bytes().decode().split("\0")[:-1]
-    except OSError:
-        return []
-
-
 class RunFolder:
     """A fresh folder tree for one run, removed at the close: home, runtime (0700), state, tmp."""
 
@@ -67,7 +59,6 @@ class RunFolder:
             self.root / name for name in ("home", "runtime", "state", "tmp"))
         for folder in (self.home, self.runtime, self.state, self.tmp):
             folder.mkdir(mode=0o700)
-        self.host_log = self.state / "kerrow" / "native-messaging-host.log"
 
     def environment(self, bus_address: str) -> Dict[str, str]:
         """The whole environment of a browser (and so of the host it starts): nothing of ours
@@ -83,9 +74,6 @@ class RunFolder:
             "XDG_CACHE_HOME": str(self.home / ".cache"),
             "DBUS_SESSION_BUS_ADDRESS": bus_address,
         }
-
-    def remove(self) -> None:
-        shutil.rmtree(self.root, ignore_errors=True)
 
 
 class ProcessGroup:
@@ -126,9 +114,8 @@ class ProcessGroup:
             return None
         return os.waitstatus_to_exitcode(status) if reaped == pid else None
 
-    def close(self) -> List[str]:
-        """Kills everything still running; returns the command line of each descendant that
-        was still alive after the processes started here had been killed."""
+    def close(self) -> None:
+        """Kills everything still running, descendants found through /proc included."""
         for process in self.started:
             if process.poll() is None:
                 with contextlib.suppress(ProcessLookupError):
@@ -137,18 +124,16 @@ class ProcessGroup:
         children: Dict[int, List[int]] = {}
         for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
             children.setdefault(int((process_fields(pid) or ["", "0"])[1]), []).append(pid)
-        leftovers, pending = [], list(children.get(os.getpid(), []))
+        pending = children.get(os.getpid(), [])
         while pending:
             pid = pending.pop()
             pending += children.get(pid, [])
             if not has_ended(pid):
-                leftovers.append(f"{pid} {' '.join(process_command_line(pid))[:100]}")
                 with contextlib.suppress(ProcessLookupError):
                     os.kill(pid, signal.SIGKILL)
         with contextlib.suppress(ChildProcessError):
             while True:
                 os.waitpid(-1, 0)  # collects every adopted descendant
-        return leftovers
 
 
 class PrivateBus:
@@ -166,14 +151,10 @@ class PrivateBus:
              f"type='signal',path='{NOTIFICATION_PATH}',interface='{NOTIFICATION_INTERFACE}'"],
             output=self.log)
         # A new monitor loses its unique name once it is monitoring: from then on nothing is missed.
-        self._wait_for_line(lambda line: "member=NameLost" in line, "dbus-monitor to start")
+        self.wait_for_line(lambda line: "member=NameLost" in line, "dbus-monitor to start")
 
-    def _wait_for_line(self, matches: Callable[[str], bool], what: str) -> None:
+    def wait_for_line(self, matches: Callable[[str], bool], what: str) -> None:
         wait_until(lambda: any(map(matches, self.log.read_text().splitlines())), 30, what)
-
-    def wait_for_notification(self, name: str) -> None:
-        self._wait_for_line(lambda line: line.strip() == f'string "{name}"',
-                            f"the notification {name} on the session bus")
 
     def post(self, name: str) -> None:
         subprocess.run(["dbus-send", f"--bus={self.address}", "--type=signal", NOTIFICATION_PATH,
