@@ -1,19 +1,16 @@
 """The pieces a browser test stands on: a private run folder, the processes it starts (all of
 them ended at the close), a private D-Bus session bus with a monitor, and a test core service
-listening at the host's browser socket. Python 3 standard library only; one test thread, plus
-one reader thread per watched output.
+listening at the host's browser socket. Python 3 standard library only; one thread.
 """
 
+import contextlib
 import ctypes
 import os
-import selectors
-import shutil
 import signal
 import socket
 import struct
 import subprocess
 import tempfile
-import threading
 import time
 from pathlib import Path
 from typing import Callable, Dict, List, Optional
@@ -22,9 +19,7 @@ NOTIFICATION_PATH = "/com/kerrowsoftware/DistributedNotifications"
 NOTIFICATION_INTERFACE = "com.kerrowsoftware.DistributedNotifications"
 DID_FINISH_LAUNCHING = "com.kerrowsoftware.nativeMessagingHostDidFinishLaunching"
 START_CORE_HOST_SERVICES = "com.kerrowsoftware.startCoreHostServices"
-
-# Frames on the browser socket: a 4-byte little-endian length, then that many bytes.
-FRAME_HEADER = struct.Struct("<I")
+FRAME_HEADER = struct.Struct("<I")  # a frame on the browser socket: this length, then the body
 PR_SET_CHILD_SUBREAPER = 36
 
 
@@ -32,26 +27,27 @@ class TestFailure(Exception):
     """A broken expectation; the message says what was expected and what happened."""
 
 
-class Deadline:
-    """A point in time that bounded waits count down to."""
-
-    def __init__(self, seconds: float):
-        self.end = time.monotonic() + seconds
-
-    def left(self) -> float:
-        return max(0.0, self.end - time.monotonic())
-
-    def expired(self) -> bool:
-        return self.left() == 0.0
-
-
 def wait_until(condition: Callable[[], bool], seconds: float, what: str) -> None:
     """Polls `condition` every 20 ms until it holds; fails naming `what` when time runs out."""
-    deadline = Deadline(seconds)
+    end = time.monotonic() + seconds
     while not condition():
-        if deadline.expired():
+        if time.monotonic() > end:
             raise TestFailure(f"timed out after {seconds:g} s waiting for {what}")
         time.sleep(0.02)
+
+
+def process_fields(pid: int) -> Optional[List[str]]:
+    """The fields of /proc/<pid>/stat after the command name (state, ppid, ...), or None."""
+    try:
+        text = Path(f"/proc/{pid}/stat").read_text()
+    except OSError:
+        return None
+    return text[text.rindex(")") + 2:].split()
+
+
+def has_ended(pid: int) -> bool:
+    fields = process_fields(pid)
+    return fields is None or fields[0] == "Z"
 
 
 class RunFolder:
@@ -59,16 +55,10 @@ class RunFolder:
 
     def __init__(self):
         self.root = Path(tempfile.mkdtemp(prefix="kerrow-browser-"))
-        self.home = self.root / "home"
-        self.runtime = self.root / "runtime"
-        self.state = self.root / "state"
-        self.tmp = self.root / "tmp"
+        self.home, self.runtime, self.state, self.tmp = (
+            self.root / name for name in ("home", "runtime", "state", "tmp"))
         for folder in (self.home, self.runtime, self.state, self.tmp):
             folder.mkdir(mode=0o700)
-
-    @property
-    def host_log(self) -> Path:
-        return self.state / "kerrow" / "native-messaging-host.log"
 
     def environment(self, bus_address: str) -> Dict[str, str]:
         """The whole environment of a browser (and so of the host it starts): nothing of ours
@@ -85,39 +75,6 @@ class RunFolder:
             "DBUS_SESSION_BUS_ADDRESS": bus_address,
         }
 
-    def remove(self) -> None:
-        shutil.rmtree(self.root, ignore_errors=True)
-
-
-def _process_table() -> Dict[int, List[str]]:
-    """pid -> the fields of /proc/<pid>/stat after the command name (state, ppid, pgrp, ...)."""
-    table = {}
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
-        try:
-            text = Path(f"/proc/{entry}/stat").read_text()
-        except OSError:
-            continue
-        table[int(entry)] = text[text.rindex(")") + 2:].split()
-    return table
-
-
-def process_state(pid: int) -> Optional[str]:
-    """The process's state letter ("Z" for a zombie), or None when it is gone."""
-    try:
-        text = Path(f"/proc/{pid}/stat").read_text()
-    except OSError:
-        return None
-    return text[text.rindex(")") + 2:].split()[0]
-
-
-def process_command_line(pid: int) -> List[str]:
-    try:
-        return Path(f"/proc/{pid}/cmdline").read_bytes().decode().split("\0")[:-1]
-    except OSError:
-        return []
-
 
 class ProcessGroup:
     """Every process a test starts, and their descendants. The test process becomes a subreaper,
@@ -131,69 +88,21 @@ class ProcessGroup:
         self.started: List[subprocess.Popen] = []
 
     def start(self, argv: List[str], env: Optional[Dict[str, str]] = None,
-              output: Optional[Path] = None, pipe_output: bool = False) -> subprocess.Popen:
-        """Starts `argv` in a session of its own; its output goes to `output`, to a pipe, or
-        nowhere."""
-        stdout = subprocess.PIPE if pipe_output else subprocess.DEVNULL
-        log = open(output, "wb") if output else None
-        try:
+              output: Optional[Path] = None) -> subprocess.Popen:
+        """Starts `argv` in a session of its own; its output goes to `output`, else to a pipe."""
+        with open(output or os.devnull, "wb") as log:
             process = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL,
-                                       stdout=log or stdout,
-                                       stderr=log or subprocess.DEVNULL,
+                                       stdout=log if output else subprocess.PIPE, stderr=log,
                                        start_new_session=True)
-        finally:
-            if log:
-                log.close()
         self.started.append(process)
         return process
 
     @staticmethod
-    def stop(process: subprocess.Popen, seconds: float = 10.0) -> None:
-        """Asks `process` to end with SIGTERM, the way a desktop session ends a browser, and
-        waits for it (killing it after `seconds`). Its helpers are left to close()."""
-        if process.poll() is None:
-            process.send_signal(signal.SIGTERM)
-            try:
-                process.wait(timeout=seconds)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                process.wait()
-
-    def descendants(self) -> List[int]:
-        table = _process_table()
-        children: Dict[int, List[int]] = {}
-        for pid, fields in table.items():
-            children.setdefault(int(fields[1]), []).append(pid)
-        found, pending = [], [os.getpid()]
-        while pending:
-            for child in children.get(pending.pop(), []):
-                found.append(child)
-                pending.append(child)
-        return found
-
-    def close(self) -> List[str]:
-        """Ends everything still running; returns a description of each process that had to be
-        killed here (none when each stop() left nothing behind)."""
-        for process in self.started:
-            if process.poll() is None:
-                self._kill_group(process.pid)
-        leftovers = []
-        for pid in self.descendants():
-            if process_state(pid) in (None, "Z"):
-                continue
-            command = " ".join(process_command_line(pid))[:100]
-            try:
-                os.kill(pid, signal.SIGKILL)
-            except ProcessLookupError:
-                continue
-            leftovers.append(f"{pid} {command}")
-        for process in self.started:
-            try:
-                process.wait(timeout=10)
-            except subprocess.TimeoutExpired:
-                leftovers.append(f"{process.pid} did not end after SIGKILL")
-        self.reap()
-        return leftovers
+    def stop(process: subprocess.Popen) -> None:
+        """Ends `process` with SIGTERM, the way a desktop session ends a browser, and waits for
+        it. Its helpers are left to close()."""
+        process.send_signal(signal.SIGTERM)
+        process.wait(timeout=10)
 
     @staticmethod
     def exit_status(pid: int) -> Optional[int]:
@@ -205,72 +114,47 @@ class ProcessGroup:
             return None
         return os.waitstatus_to_exitcode(status) if reaped == pid else None
 
-    @staticmethod
-    def reap() -> None:
-        """Collects the exit status of every ended, adopted descendant."""
-        while True:
-            try:
-                pid, _ = os.waitpid(-1, os.WNOHANG)
-            except ChildProcessError:
-                return
-            if pid == 0:
-                return
-
-    @staticmethod
-    def _kill_group(pgid: int) -> None:
-        try:
-            os.killpg(pgid, signal.SIGKILL)
-        except (ProcessLookupError, PermissionError):
-            pass
-
-
-class OutputWatcher:
-    """Collects a child's output lines on a thread; the test waits for lines matching a test."""
-
-    def __init__(self, stream):
-        self.lines: List[str] = []
-        self._changed = threading.Condition()
-        self._thread = threading.Thread(target=self._read, args=(stream,), daemon=True)
-        self._thread.start()
-
-    def _read(self, stream) -> None:
-        for raw in stream:
-            with self._changed:
-                self.lines.append(raw.decode(errors="replace").rstrip("\n"))
-                self._changed.notify_all()
-
-    def wait_for(self, condition: Callable[[List[str]], bool], seconds: float,
-                 what: str) -> None:
-        with self._changed:
-            if not self._changed.wait_for(lambda: condition(self.lines), timeout=seconds):
-                raise TestFailure(f"timed out after {seconds:g} s waiting for {what}")
+    def close(self) -> None:
+        """Kills everything still running, descendants found through /proc included."""
+        for process in self.started:
+            if process.poll() is None:
+                with contextlib.suppress(ProcessLookupError):
+                    os.killpg(process.pid, signal.SIGKILL)
+            process.wait(timeout=10)
+        children: Dict[int, List[int]] = {}
+        for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
+            children.setdefault(int((process_fields(pid) or ["", "0"])[1]), []).append(pid)
+        pending = children.get(os.getpid(), [])
+        while pending:
+            pid = pending.pop()
+            pending += children.get(pid, [])
+            if not has_ended(pid):
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, signal.SIGKILL)
+        with contextlib.suppress(ChildProcessError):
+            while True:
+                os.waitpid(-1, 0)  # collects every adopted descendant
 
 
 class PrivateBus:
     """A session bus of the test's own (dbus-daemon), a monitor of the host-notification
-    signals on it, and dbus-send for the core service's start signal."""
+    signals on it (written to `log`), and dbus-send for the core service's start signal."""
 
     def __init__(self, processes: ProcessGroup, folder: RunFolder):
-        self._processes = processes
         daemon = processes.start(
             ["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1",
-             f"--address=unix:path={folder.root / 'bus'}"], pipe_output=True)
-        address_lines = OutputWatcher(daemon.stdout)
-        address_lines.wait_for(lambda lines: bool(lines), 10, "dbus-daemon's address")
-        self.address = address_lines.lines[0]
-        monitor = processes.start(
+             f"--address=unix:path={folder.root / 'bus'}"])
+        self.address = daemon.stdout.readline().decode().strip()
+        self.log = folder.root / "bus.log"
+        processes.start(
             ["dbus-monitor", "--address", self.address,
              f"type='signal',path='{NOTIFICATION_PATH}',interface='{NOTIFICATION_INTERFACE}'"],
-            pipe_output=True)
-        self.monitor = OutputWatcher(monitor.stdout)
+            output=self.log)
         # A new monitor loses its unique name once it is monitoring: from then on nothing is missed.
-        self.monitor.wait_for(lambda lines: any("member=NameLost" in line for line in lines), 10,
-                              "dbus-monitor to start monitoring")
+        self.wait_for_line(lambda line: "member=NameLost" in line, "dbus-monitor to start")
 
-    def wait_for_notification(self, name: str, seconds: float) -> None:
-        self.monitor.wait_for(
-            lambda lines: any(line.strip() == f'string "{name}"' for line in lines), seconds,
-            f"the notification {name} on the session bus")
+    def wait_for_line(self, matches: Callable[[str], bool], what: str) -> None:
+        wait_until(lambda: any(map(matches, self.log.read_text().splitlines())), 30, what)
 
     def post(self, name: str) -> None:
         subprocess.run(["dbus-send", f"--bus={self.address}", "--type=signal", NOTIFICATION_PATH,
@@ -279,83 +163,55 @@ class PrivateBus:
 
 
 class CoreConnection:
-    """One host connected to the test core service."""
+    """One host connected to the test core service; `received` holds every frame body so far."""
 
     def __init__(self, connection: socket.socket):
         self._socket = connection
         self._buffer = b""
-        pid, _uid, _gid = struct.unpack(
-            "3i", connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))
-        self.peer_pid = pid
         self.received: List[bytes] = []
-
-    def receive(self, seconds: float) -> Optional[bytes]:
-        """The next frame's body, or None at end of stream or time-out."""
-        deadline = Deadline(seconds)
-        while True:
-            if len(self._buffer) >= FRAME_HEADER.size:
-                (length,) = FRAME_HEADER.unpack_from(self._buffer)
-                if len(self._buffer) >= FRAME_HEADER.size + length:
-                    body = self._buffer[FRAME_HEADER.size:FRAME_HEADER.size + length]
-                    self._buffer = self._buffer[FRAME_HEADER.size + length:]
-                    self.received.append(body)
-                    return body
-            if deadline.expired():
-                return None
-            self._socket.settimeout(deadline.left())
-            try:
-                chunk = self._socket.recv(65536)
-            except socket.timeout:
-                return None
-            if not chunk:
-                return None
-            self._buffer += chunk
+        self.peer_pid = struct.unpack(
+            "3i", connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))[0]
 
     def receive_until(self, matches: Callable[[bytes], bool], seconds: float,
                       what: str) -> bytes:
-        """Reads frames until one `matches`; fails naming `what` on time-out or end of stream."""
-        deadline = Deadline(seconds)
-        for body in self.received:
-            if matches(body):
-                return body
-        while not deadline.expired():
-            body = self.receive(deadline.left())
-            if body is None:
-                break
-            if matches(body):
-                return body
-        raise TestFailure(f"the core service did not receive {what}; it received "
-                          f"{[b.decode(errors='replace') for b in self.received]}")
+        """The first frame body received, before or within `seconds`, that `matches`; fails
+        naming `what` on time-out or end of stream."""
+        end = time.monotonic() + seconds
+        while not any(map(matches, self.received)):
+            if len(self._buffer) >= FRAME_HEADER.size:
+                end_of_frame = FRAME_HEADER.size + FRAME_HEADER.unpack_from(self._buffer)[0]
+                if len(self._buffer) >= end_of_frame:
+                    self.received.append(self._buffer[FRAME_HEADER.size:end_of_frame])
+                    self._buffer = self._buffer[end_of_frame:]
+                    continue
+            self._socket.settimeout(max(0.0, end - time.monotonic()) or 0.001)
+            try:
+                chunk = self._socket.recv(65536)
+            except socket.timeout:
+                chunk = b""
+            if not chunk or time.monotonic() > end:
+                raise TestFailure(f"the core service did not receive {what}; it received "
+                                  f"{[b.decode(errors='replace') for b in self.received]}")
+            self._buffer += chunk
+        return next(body for body in self.received if matches(body))
 
     def send(self, body: bytes) -> None:
         self._socket.sendall(FRAME_HEADER.pack(len(body)) + body)
-
-    def close(self) -> None:
-        self._socket.close()
 
 
 class TestCoreService:
     """Listens where the host looks for the core service: $XDG_RUNTIME_DIR/kerrow/browser.sock."""
 
     def __init__(self, folder: RunFolder):
-        directory = folder.runtime / "kerrow"
-        directory.mkdir(mode=0o700)
-        self.path = directory / "browser.sock"
+        self.path = folder.runtime / "kerrow" / "browser.sock"
+        self.path.parent.mkdir(mode=0o700)
         self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self._listener.bind(str(self.path))
         self._listener.listen(8)
-        self.connections: List[CoreConnection] = []
 
     def accept(self, seconds: float) -> CoreConnection:
-        with selectors.DefaultSelector() as selector:
-            selector.register(self._listener, selectors.EVENT_READ)
-            if not selector.select(timeout=seconds):
-                raise TestFailure(f"no host connected to {self.path} within {seconds:g} s")
-        connection, _ = self._listener.accept()
-        self.connections.append(CoreConnection(connection))
-        return self.connections[-1]
-
-    def close(self) -> None:
-        for connection in self.connections:
-            connection.close()
-        self._listener.close()
+        self._listener.settimeout(seconds)
+        try:
+            return CoreConnection(self._listener.accept()[0])
+        except socket.timeout as error:
+            raise TestFailure(f"no host connected to {self.path} within {seconds:g} s") from error

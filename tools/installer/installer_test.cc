@@ -29,14 +29,15 @@ struct Outcome {
     std::string err;
 };
 
-std::size_t manifestCount(const fs::path& root) {
-    std::size_t count = 0;
-    if (fs::exists(root)) {
-        for (const auto& entry : fs::recursive_directory_iterator(root)) {
-            count += entry.path().filename() == manifestName ? 1 : 0;
+std::vector<fs::path> manifestsUnder(const fs::path& root) {
+    std::vector<fs::path> found;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        if (entry.path().filename() == manifestName) {
+            found.push_back(entry.path().parent_path().lexically_relative(root));
         }
     }
-    return count;
+    std::sort(found.begin(), found.end());
+    return found;
 }
 
 mode_t modeOf(const fs::path& path) {
@@ -54,21 +55,17 @@ class InstallerTest : public ::testing::Test {
     }
 
     Outcome install(std::vector<std::string> arguments,
-                    const std::map<std::string, std::string>& extraEnvironment = {}) {
-        std::map<std::string, std::string> environment{{"HOME", home_.string()},
-                                                       {"PATH", "/usr/bin:/bin"}};
-        for (const auto& [name, value] : extraEnvironment) {
-            environment[name] = value;
-        }
-        const fs::path errorFile = directory_.path() / "stderr";
-        fs::remove(errorFile);
-        test::HostProcess process(KERROW_INSTALLER_BINARY, arguments, environment, errorFile);
+                    const test::Environment& extraEnvironment = {}) {
+        test::Environment environment = extraEnvironment;
+        environment.try_emplace("HOME", home_.string());
+        environment.try_emplace("PATH", "/usr/bin:/bin");
+        fs::remove(directory_.path() / "stderr");
+        test::HostProcess process(KERROW_INSTALLER_BINARY, arguments, environment,
+                                  directory_.path() / "stderr");
         process.closeInput();
-        Outcome outcome;
-        outcome.out = process.receiveRest();
-        outcome.status = process.waitForExit();
-        outcome.err = test::readFile(errorFile);
-        return outcome;
+        auto out = process.receiveRest();
+        const auto status = process.waitForExit();
+        return {status, std::move(out), process.standardError()};
     }
 
     [[nodiscard]] std::vector<std::string> withIds(std::vector<std::string> arguments) const {
@@ -112,7 +109,7 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
         {"config/opera", {"config/opera/NativeMessagingHosts"}},
     };
     const fs::path config = directory_.path() / "config";
-    const std::map<std::string, std::string> xdg{{"XDG_CONFIG_HOME", config.string()}};
+    const test::Environment xdg{{"XDG_CONFIG_HOME", config.string()}};
     for (const auto& [inUse, manifests] : cases) {
         SCOPED_TRACE(inUse);
         fs::remove_all(home_);
@@ -121,7 +118,7 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
                                                             : home_ / inUse);
         const auto written = install(withIds({}), xdg);
         ASSERT_EQ(written.status, 0) << written.err;
-        EXPECT_EQ(manifestCount(home_) + manifestCount(config), manifests.size());
+        EXPECT_EQ(manifestsUnder(directory_.path()).size(), manifests.size());
         for (const fs::path folder : manifests) {
             const fs::path base = *folder.begin() == "config" ? directory_.path() : home_;
             const auto text = test::readFile(base / folder / manifestName);
@@ -167,30 +164,29 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
 
 TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
     const fs::path profile = directory_.path() / "profile";
-    const fs::path folder = profile / "NativeMessagingHosts";
-    ASSERT_EQ(install(withIds({"--user-data-dir", profile.string()})).status, 0);
-    ASSERT_EQ(install({"--user-data-dir", profile.string(), "--extension-id",
-                       std::string(otherChromeId), "--host", host_.string()})
-                  .status,
-              0);
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1)
+    const fs::path manifest = profile / "NativeMessagingHosts" / manifestName;
+    const auto inProfile = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.end(), {"--user-data-dir", profile.string()});
+        return install(arguments);
+    };
+    ASSERT_EQ(inProfile(withIds({})).status, 0);
+    ASSERT_EQ(
+        inProfile({"--extension-id", std::string(otherChromeId), "--host", host_.string()}).status,
+        0);
+    EXPECT_EQ(std::distance(fs::directory_iterator(manifest.parent_path()), {}), 1)
         << "only the manifest, no temporary file";
 
-    EXPECT_EQ(install({"--check", "--user-data-dir", profile.string(), "--extension-id",
-                       std::string(otherChromeId), "--host", host_.string()})
-                  .status,
-              0);
-    const auto stale = install(
-        {"--check", "--user-data-dir", profile.string(), "--extension-id", std::string(chromeId)});
+    EXPECT_EQ(inProfile({"--check", "--extension-id", std::string(otherChromeId)}).status, 0);
+    const auto stale = inProfile({"--check", "--extension-id", std::string(chromeId)});
     EXPECT_EQ(stale.status, 1);
     EXPECT_THAT(stale.err,
                 HasSubstr("allowed extensions are not exactly " + std::string(chromeId)));
 
     ::chmod(host_.c_str(), 0644);
-    const auto broken = install({"--check", "--user-data-dir", profile.string()});
+    const auto broken = inProfile({"--check"});
     EXPECT_EQ(broken.status, 1);
-    EXPECT_THAT(broken.err, HasSubstr("user data dir: FAILED " + (folder / manifestName).string() +
-                                      ": host " + host_.string() + " is not executable"));
+    EXPECT_THAT(broken.err, HasSubstr("user data dir: FAILED " + manifest.string() + ": host " +
+                                      host_.string() + " is not executable"));
 }
 
 TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
@@ -234,15 +230,11 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
     fs::create_directories(root / "usr/lib64");  // as on Fedora and openSUSE
     const auto written = install(withIds({"--system", "--root", root.string()}));
     ASSERT_EQ(written.status, 0) << written.err;
-    std::vector<std::string> folders;
-    for (auto it = fs::recursive_directory_iterator(root); it != fs::end(it); ++it) {
-        if (it->path().filename() == manifestName) {
-            folders.push_back(it->path().parent_path().lexically_relative(root).string());
-            EXPECT_EQ(modeOf(it->path()), 0644);
-        }
+    const auto folders = manifestsUnder(root);
+    for (const auto& folder : folders) {
+        EXPECT_EQ(modeOf(root / folder / manifestName), 0644) << folder;
     }
-    std::sort(folders.begin(), folders.end());
-    EXPECT_EQ(folders, (std::vector<std::string>{
+    EXPECT_EQ(folders, (std::vector<fs::path>{
                            "etc/chromium/native-messaging-hosts",
                            "etc/opt/chrome/native-messaging-hosts",
                            "etc/opt/edge/native-messaging-hosts",
@@ -270,8 +262,8 @@ TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
     test::TestCoreService core(runtime / "kerrow/browser.sock");
     fs::create_directories(home_ / ".config/chromium");
     ASSERT_EQ(install(withIds({})).status, 0);
-    std::map<std::string, std::string> environment{{"XDG_RUNTIME_DIR", runtime.string()},
-                                                   {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
+    test::Environment environment{{"XDG_RUNTIME_DIR", runtime.string()},
+                                  {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
 
     const auto sound = install({"--doctor", "--extension-id", std::string(chromeId)}, environment);
     EXPECT_EQ(sound.status, 0) << sound.out;

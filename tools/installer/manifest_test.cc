@@ -2,45 +2,44 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <fstream>
-
-#include "tests/support/test_support.h"
 
 namespace kerrow::installer {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
-TEST(ExtensionIdTest, ChromeIdsAreThirtyTwoLettersFromAToP) {
-    EXPECT_TRUE(isChromiumExtensionId("pjemfmlmnlcehcppgfmabofnjojcgifc"));
-    EXPECT_TRUE(isChromiumExtensionId("aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"));
-    EXPECT_FALSE(isChromiumExtensionId("pjemfmlmnlcehcppgfmabofnjojcgif"));    // 31
-    EXPECT_FALSE(isChromiumExtensionId("pjemfmlmnlcehcppgfmabofnjojcgifca"));  // 33
-    EXPECT_FALSE(isChromiumExtensionId("qjemfmlmnlcehcppgfmabofnjojcgifc"));   // q
-    EXPECT_FALSE(isChromiumExtensionId("PJEMFMLMNLCEHCPPGFMABOFNJOJCGIFC"));   // upper case
-    EXPECT_FALSE(isChromiumExtensionId("chrome-extension://pjemfmlmnlcehcppgfmabofnjojcgifc/"));
+TEST(ExtensionIdTest, ChromeIdsAreThirtyTwoLettersAToPAndFirefoxIdsEmailLikeOrBracedGuids) {
+    const struct {
+        std::string id;
+        bool chrome;
+        bool firefox;
+    } cases[] = {
+        {"pjemfmlmnlcehcppgfmabofnjojcgifc", true, false},
+        {"pjemfmlmnlcehcppgfmabofnjojcgif", false, false},    // 31
+        {"pjemfmlmnlcehcppgfmabofnjojcgifca", false, false},  // 33
+        {"qjemfmlmnlcehcppgfmabofnjojcgifc", false, false},   // q
+        {"PJEMFMLMNLCEHCPPGFMABOFNJOJCGIFC", false, false},
+        {"browser-test@kerrowsoftware.com", false, true},
+        {"@kerrow", false, true},
+        {"{daf44bf7-a45e-4450-979c-91cf07434c3d}", false, true},
+        {"{DAF44BF7-A45E-4450-979C-91CF07434C3D}", false, true},
+        {"kerrowsoftware.com", false, false},
+        {"kerrow@", false, false},
+        {"a@b@c", false, false},
+        {"daf44bf7-a45e-4450-979c-91cf07434c3d", false, false},
+        {"{daf44bf7-a45e-4450-979c-91cf07434c3g}", false, false},
+        {"x\"@kerrow.com", false, false},
+        {"x@kerrow.com\n", false, false},
+        {std::string(70, 'a') + "@b.example", false, true},  // 80 characters
+        {std::string(71, 'a') + "@b.example", false, false},
+    };
+    for (const auto& [id, chrome, firefox] : cases) {
+        EXPECT_EQ(isChromiumExtensionId(id), chrome) << id;
+        EXPECT_EQ(isFirefoxExtensionId(id), firefox) << id;
+    }
 }
 
-TEST(ExtensionIdTest, FirefoxIdsAreEmailLikeOrBracedGuids) {
-    EXPECT_TRUE(isFirefoxExtensionId("browser-test@kerrowsoftware.com"));
-    EXPECT_TRUE(isFirefoxExtensionId("@kerrow"));
-    EXPECT_TRUE(isFirefoxExtensionId("{daf44bf7-a45e-4450-979c-91cf07434c3d}"));
-    EXPECT_TRUE(isFirefoxExtensionId("{DAF44BF7-A45E-4450-979C-91CF07434C3D}"));
-    EXPECT_FALSE(isFirefoxExtensionId("kerrowsoftware.com"));
-    EXPECT_FALSE(isFirefoxExtensionId("kerrow@"));
-    EXPECT_FALSE(isFirefoxExtensionId("a@b@c"));
-    EXPECT_FALSE(isFirefoxExtensionId("daf44bf7-a45e-4450-979c-91cf07434c3d"));
-    EXPECT_FALSE(isFirefoxExtensionId("{daf44bf7-a45e-4450-979c-91cf07434c3g}"));
-    EXPECT_FALSE(isFirefoxExtensionId("x\"@kerrow.com"));
-    EXPECT_FALSE(isFirefoxExtensionId("x@kerrow.com\n"));
-    EXPECT_TRUE(isFirefoxExtensionId(std::string(70, 'a') + "@b.example"));   // 80
-    EXPECT_FALSE(isFirefoxExtensionId(std::string(71, 'a') + "@b.example"));  // 81
-}
-
-TEST(ManifestTextTest, ChromeFamilyManifestListsOrigins) {
+TEST(ManifestTextTest, ChromeFamilyListsOriginsAndFirefoxAddOnIdsWithThePathEscaped) {
     EXPECT_EQ(
         manifestText(BrowserFamily::chromium, "/usr/lib/kerrow/kerrow-native-messaging-host",
                      {"pjemfmlmnlcehcppgfmabofnjojcgifc", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"}),
@@ -55,9 +54,6 @@ TEST(ManifestTextTest, ChromeFamilyManifestListsOrigins) {
   ]
 }
 )");
-}
-
-TEST(ManifestTextTest, FirefoxManifestListsAddOnIdsAndEscapesThePath) {
     const auto text = manifestText(BrowserFamily::firefox, "/opt/a \"b\"\\c/host", {"x@k.example"});
     EXPECT_THAT(text, HasSubstr(R"("path": "/opt/a \"b\"\\c/host",)"));
     EXPECT_THAT(text, HasSubstr(R"("allowed_extensions": [
@@ -65,62 +61,51 @@ TEST(ManifestTextTest, FirefoxManifestListsAddOnIdsAndEscapesThePath) {
   ])"));
 }
 
-class ManifestProblemsTest : public ::testing::Test {
-  protected:
-    ManifestProblemsTest() : host_(directory_.path() / "host") {
-        std::ofstream(host_) << "#!/bin/sh\n";
-        ::chmod(host_.c_str(), 0755);
-    }
-
-    // A Chrome-family manifest with the given path and allowed_origins (JSON text).
-    [[nodiscard]] std::string chromeManifest(const std::string& path,
-                                             const std::string& origins) const {
-        return R"({"name":"com.kerrowsoftware.native_messaging_host","type":"stdio","path":")" +
-               path + R"(","allowed_origins":)" + origins + "}";
-    }
-
-    test::TemporaryDirectory directory_;
-    std::filesystem::path host_;
-    const std::string origin_ = R"(["chrome-extension://pjemfmlmnlcehcppgfmabofnjojcgifc/"])";
-};
-
-TEST_F(ManifestProblemsTest, NamesEveryBrokenMember) {
-    const auto problemsOf = [](std::string_view text) {
-        return manifestProblems(text, {BrowserFamily::chromium, std::nullopt, {}});
+TEST(ManifestProblemsTest, NamesEveryBrokenMemberAndEachUnmetExpectation) {
+    const std::string host = "/bin/sh";
+    const std::string id = "pjemfmlmnlcehcppgfmabofnjojcgifc";
+    const std::string other = "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa";
+    const std::string origins =
+        R"(["chrome-extension://)" + id + R"(/","chrome-extension://)" + other + R"(/"])";
+    const auto chrome = [&](const std::string& name, const std::string& type,
+                            const std::string& path, const std::string& allowed) {
+        return R"({"name":")" + name + R"(",)" + type + R"("path":")" + path +
+               R"(","allowed_origins":)" + allowed + "}";
     };
-    EXPECT_EQ(problemsOf("{\"name\": "), std::vector<std::string>{"not a JSON object"});
-    EXPECT_EQ(problemsOf("[]"), std::vector<std::string>{"not a JSON object"});
-    EXPECT_EQ(
-        problemsOf(R"({"name":"com.other","type":"stdio","path":")" + host_.string() +
-                   R"(","allowed_origins":)" + origin_ + "}"),
-        std::vector<std::string>{"name must be \"com.kerrowsoftware.native_messaging_host\""});
-    EXPECT_EQ(problemsOf(R"({"name":"com.kerrowsoftware.native_messaging_host","path":")" +
-                         host_.string() + R"(","allowed_origins":)" + origin_ + "}"),
-              std::vector<std::string>{"type must be \"stdio\""});
-    EXPECT_EQ(problemsOf(chromeManifest("bin/host", origin_)),
-              std::vector<std::string>{"path \"bin/host\" is not absolute"});
-    EXPECT_EQ(problemsOf(chromeManifest(host_.string(), "[]")),
-              std::vector<std::string>{"allowed_origins must be a non-empty array"});
-    EXPECT_EQ(problemsOf(chromeManifest(host_.string(), R"(["chrome-extension://abc/"])")),
-              std::vector<std::string>{"allowed_origins entry \"chrome-extension://abc/\" is not "
-                                       "chrome-extension://<32 letters a-p>/"});
-}
-
-TEST_F(ManifestProblemsTest, ExpectationsPinPathAndExactIdSet) {
-    const std::vector<std::string> ids{"pjemfmlmnlcehcppgfmabofnjojcgifc",
-                                       "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"};
-    const auto text = manifestText(BrowserFamily::chromium, host_, ids);
-    EXPECT_THAT(manifestProblems(text, {BrowserFamily::chromium, host_, {ids[1], ids[0]}}),
-                IsEmpty());
-    EXPECT_EQ(manifestProblems(text, {BrowserFamily::chromium, host_, {ids[0]}}),
-              std::vector<std::string>{
-                  "allowed extensions are not exactly pjemfmlmnlcehcppgfmabofnjojcgifc"});
-    EXPECT_EQ(
-        manifestProblems(text, {BrowserFamily::chromium, "/usr/bin/other", {}}),
-        std::vector<std::string>{"path \"" + host_.string() + "\" is not \"/usr/bin/other\""});
-    // A Chrome manifest is not a Firefox one: Firefox needs allowed_extensions.
-    EXPECT_EQ(manifestProblems(text, {BrowserFamily::firefox, std::nullopt, {}}),
-              std::vector<std::string>{"allowed_extensions must be a non-empty array"});
+    const std::string name(hostName);
+    const std::string stdio = R"("type":"stdio",)";
+    const ManifestExpectation any{BrowserFamily::chromium, std::nullopt, {}};
+    const struct {
+        std::string text;
+        ManifestExpectation expected;
+        std::vector<std::string> problems;
+    } cases[] = {
+        {chrome(name, stdio, host, origins), any, {}},
+        {"{\"name\": ", any, {"not a JSON object"}},
+        {"[]", any, {"not a JSON object"}},
+        {chrome("com.other", stdio, host, origins), any, {"name must be \"" + name + "\""}},
+        {chrome(name, "", host, origins), any, {"type must be \"stdio\""}},
+        {chrome(name, stdio, "bin/host", origins), any, {"path \"bin/host\" is not absolute"}},
+        {chrome(name, stdio, host, "[]"), any, {"allowed_origins must be a non-empty array"}},
+        {chrome(name, stdio, host, R"(["chrome-extension://abc/"])"),
+         any,
+         {"allowed_origins entry \"chrome-extension://abc/\" is not "
+          "chrome-extension://<32 letters a-p>/"}},
+        {chrome(name, stdio, host, origins), {BrowserFamily::chromium, host, {other, id}}, {}},
+        {chrome(name, stdio, host, origins),
+         {BrowserFamily::chromium, std::nullopt, {id}},
+         {"allowed extensions are not exactly " + id}},
+        {chrome(name, stdio, host, origins),
+         {BrowserFamily::chromium, "/usr/bin/other", {}},
+         {"path \"/bin/sh\" is not \"/usr/bin/other\""}},
+        // A Chrome manifest is not a Firefox one: Firefox needs allowed_extensions.
+        {chrome(name, stdio, host, origins),
+         {BrowserFamily::firefox, std::nullopt, {}},
+         {"allowed_extensions must be a non-empty array"}},
+    };
+    for (const auto& [text, expected, problems] : cases) {
+        EXPECT_EQ(manifestProblems(text, expected), problems) << text;
+    }
 }
 
 }  // namespace
