@@ -39,6 +39,18 @@ sockaddr_un addressOf(const std::filesystem::path& path) {
     return address;
 }
 
+// Runs `call` on a thread of its own; the future holds the code of the error it threw, if any.
+std::future<std::error_code> errorCodeOf(std::function<void()> call) {
+    return std::async(std::launch::async, [call = std::move(call)] {
+        try {
+            call();
+        } catch (const std::system_error& error) {
+            return error.code();
+        }
+        return std::error_code();
+    });
+}
+
 // A Unix socket bound at `path` and not listening (yet): connecting to it is refused.
 Descriptor boundSocket(const std::filesystem::path& path) {
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -247,14 +259,7 @@ TEST_P(SetupWakeTest, ASetupThatWaitsGivesUpAtOnceWhenWoken) {
     }
     const auto stop = std::make_shared<const Descriptor>(::eventfd(0, EFD_CLOEXEC));
     SocketHelper::setStopSignalDescriptor(stop);
-    auto outcome = std::async(std::launch::async, [&] {
-        try {
-            endpoint->setupSocket();
-        } catch (const std::system_error& error) {
-            return error.code();
-        }
-        return std::error_code();
-    });
+    auto outcome = errorCodeOf([&] { endpoint->setupSocket(); });
     EXPECT_EQ(outcome.wait_for(200ms), std::future_status::timeout);  // it does wait
     if (wake == Wake::stopReading) {
         endpoint->stopReading();
@@ -292,14 +297,8 @@ TEST_F(SocketTest, PacesConnectionsThatEndAtOnce) {
 // service no longer reading holds back fails, and reading stops. (The read here also shows that
 // a blocked send never holds a read back.)
 TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
-    auto blocked = std::async(std::launch::async, [&] {
-        try {
-            endpoint->sendData(Data(std::size_t{16} * 1024 * 1024));  // more than the buffers
-        } catch (const std::system_error& error) {
-            return error.code();
-        }
-        return std::error_code();
-    });
+    // A send of more than the socket buffers hold.
+    auto blocked = errorCodeOf([&] { endpoint->sendData(Data(std::size_t{16} * 1024 * 1024)); });
     EXPECT_EQ(blocked.wait_for(100ms), std::future_status::timeout);
     endpoint->retire(300ms);
     connection->send("on its way");

@@ -29,7 +29,7 @@ class Child {
         if (pid_ == 0) {
             output_.closeReadEnd();
             body(output_.writeEnd());
-            ::_exit(returnedStatus);
+            ::_exit(99);  // applicationMain returned, which it must not
         }
         output_.closeWriteEnd();
     }
@@ -45,18 +45,15 @@ class Child {
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int output() const { return output_.readEnd(); }
 
-    /// The exit status; 128 + the signal when a signal ended it; -1 if it is still running after
-    /// `timeout`.
-    int waitForExit(Duration timeout = 5000ms) {
+    /// The exit status; 128 + the signal when a signal ended it; -1 while it still runs after 5 s.
+    int waitForExit() {
         int status = 0;
-        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
             return -1;
         }
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-
-    static constexpr int returnedStatus = 99;  // applicationMain returned, which it must not
 
   private:
     Pipe output_;
