@@ -72,7 +72,7 @@ TEST_F(LoggerTest, AMessageStaysOneLineOfAtMost64KiBWhateverItCarries) {
 TEST_F(LoggerTest, LoggersOnManyThreadsShareOneFileWithoutTornOrLostLines) {
     constexpr int threads = 8;
     constexpr int linesEach = 2000;
-    std::vector<std::thread> writers;
+    std::vector<std::jthread> writers;
     for (int thread = 0; thread < threads; ++thread) {
         writers.emplace_back([&, thread] {
             const Logger logger(now(), logsDir);  // each thread its own logger, as each service
@@ -82,9 +82,7 @@ TEST_F(LoggerTest, LoggersOnManyThreadsShareOneFileWithoutTornOrLostLines) {
             }
         });
     }
-    for (auto& writer : writers) {
-        writer.join();
-    }
+    writers.clear();  // joins them
     Logger::flushAll();
     const std::regex shape(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z info writer \d+ line \d+)");
     std::set<std::string> seen;
