@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,7 +13,6 @@
 #include <filesystem>
 #include <functional>
 #include <future>
-#include <iterator>
 #include <map>
 #include <thread>
 
@@ -35,24 +33,31 @@ struct RecordingDelegate : SocketReaderDelegate {
     std::vector<std::string> messages;
 };
 
-// A bound Unix socket that is not listening (yet): connecting to it is refused.
-class UnlistenedSocket {
-  public:
-    explicit UnlistenedSocket(const std::filesystem::path& path)
-        : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    ~UnlistenedSocket() { ::close(fd_); }
-    UnlistenedSocket(const UnlistenedSocket&) = delete;
-    UnlistenedSocket& operator=(const UnlistenedSocket&) = delete;
-    [[nodiscard]] int fd() const { return fd_; }
+sockaddr_un addressOf(const std::filesystem::path& path) {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    return address;
+}
 
-  private:
-    int fd_;
-};
+// Runs `call` on a thread of its own; the future holds the code of the error it threw, if any.
+std::future<std::error_code> errorCodeOf(std::function<void()> call) {
+    return std::async(std::launch::async, [call = std::move(call)] {
+        try {
+            call();
+        } catch (const std::system_error& error) {
+            return error.code();
+        }
+        return std::error_code();
+    });
+}
+
+// A Unix socket bound at `path` and not listening (yet): connecting to it is refused.
+Descriptor boundSocket(const std::filesystem::path& path) {
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto address = addressOf(path);
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return socket;
+}
 
 // An endpoint at the browser socket location of a private XDG_RUNTIME_DIR, where a test core
 // service listens.
@@ -62,17 +67,6 @@ class SocketTest : public ::testing::Test {
     std::optional<test::CoreConnection> connect(SocketHelper& helper) {
         helper.setupSocket();
         return core->accept();
-    }
-
-    // Expects setupSocket() to refuse the socket for a reason that names `reason`.
-    void expectRefused(const std::string& reason) {
-        try {
-            endpoint->setupSocket();
-            ADD_FAILURE() << "connected although " << reason;
-        } catch (const SocketTrustError& error) {
-            EXPECT_THAT(error.what(), HasSubstr(reason));
-        }
-        EXPECT_FALSE(endpoint->isConnected());
     }
 
     test::TemporaryDirectory directory;
@@ -101,12 +95,12 @@ TEST(SocketLocation, IsInAnAbsoluteXdgRuntimeDirElseInTmp) {
     const std::string fallback = "/tmp/kerrow-" + std::to_string(::getuid()) + "/browser.sock";
     test::ScopedEnvironmentVariable variable("XDG_RUNTIME_DIR", "/run/user/1000");
     EXPECT_EQ(SocketHelper::browserSocketLocation(), "/run/user/1000/kerrow/browser.sock");
-    variable.set("run/user/1000");
-    EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
-    variable.set("");
-    EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
-    variable.set(std::nullopt);
-    EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
+    for (const auto& relativeEmptyOrUnset :
+         {std::optional<std::string>("run/user/1000"), std::optional<std::string>(""),
+          std::optional<std::string>()}) {
+        variable.set(relativeEmptyOrUnset);
+        EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
+    }
 }
 
 TEST_F(SocketTest, ConnectsWithoutADelegateAndFramesBothWays) {
@@ -123,9 +117,8 @@ TEST_F(SocketTest, ConnectsWithoutADelegateAndFramesBothWays) {
     connection->sendRaw("\x03\x00\x00\x00one\x00\x00\x00\x00\x03\x00\x00\x00two"s);
     endpoint->readSocket();  // one read delivers every frame that arrived
     EXPECT_EQ(delegate->messages, (std::vector<std::string>{"one", "", "two"}));
-}
 
-TEST_F(ConnectedSocketTest, ReassemblesAFrameSplitAcrossReads) {
+    delegate->messages.clear();  // a frame split across reads is reassembled
     for (const std::string& piece : {"\x05\x00"s, "\x00\x00sp"s, "li"s}) {
         connection->sendRaw(piece);
         endpoint->readSocket();
@@ -216,32 +209,28 @@ TEST_F(ConnectedSocketTest, FramesFromConcurrentSendersNeverInterleave) {
 }
 
 TEST_F(SocketTest, SetupWaitsWhileTheSocketIsMissingOrRefuses) {
-    // The delay only makes the first attempts find nothing; the outcome does not depend on it.
-    const auto startListeningSoon = [&] {
-        return std::jthread([&] {
-            std::this_thread::sleep_for(100ms);
-            ::mkdir(socketPath.parent_path().c_str(), 0700);  // as the core service creates it
-            core.emplace(socketPath);
-        });
-    };
     core.reset();
     std::filesystem::remove(socketPath.parent_path());
-    {
-        auto starter = startListeningSoon();
-        endpoint->setupSocket();
+    for (const bool stale : {false, true}) {
+        SCOPED_TRACE(stale ? "refused" : "missing");
+        core.reset();
+        Descriptor left;  // by a core service that ended
+        if (stale) {
+            left = boundSocket(socketPath);
+        }
+        SocketHelper helper(SocketType::browser, socketPath.string());
+        {
+            // The delay only makes the first attempts fail; the outcome does not depend on it.
+            const std::jthread starter([&] {
+                std::this_thread::sleep_for(100ms);
+                ::mkdir(socketPath.parent_path().c_str(), 0700);  // as the core service does
+                core.emplace(socketPath);
+            });
+            helper.setupSocket();
+        }
+        EXPECT_TRUE(helper.isConnected());
+        EXPECT_TRUE(core->accept());
     }
-    EXPECT_TRUE(endpoint->isConnected());
-    EXPECT_TRUE(core->accept());
-
-    core.reset();
-    const UnlistenedSocket stale(socketPath);  // left behind by a core service that ended
-    auto second = std::make_shared<SocketHelper>(SocketType::browser, socketPath.string());
-    {
-        auto starter = startListeningSoon();
-        second->setupSocket();
-    }
-    EXPECT_TRUE(second->isConnected());
-    EXPECT_TRUE(core->accept());
 }
 
 // What can end a setupSocket() that waits, for a socket that is missing or whose backlog is full.
@@ -257,31 +246,20 @@ class SetupWakeTest : public SocketTest,
 TEST_P(SetupWakeTest, ASetupThatWaitsGivesUpAtOnceWhenWoken) {
     const auto [situation, wake] = GetParam();
     core.reset();
-    std::optional<UnlistenedSocket> listener;
-    std::vector<test::CoreConnection> queued;  // connections that fill the backlog
+    Descriptor listener;
+    std::vector<Descriptor> queued;  // connections that fill the backlog
     if (situation == Core::backlogFull) {
-        listener.emplace(socketPath);
-        ASSERT_EQ(::listen(listener->fd(), 0), 0);
-        for (;;) {
-            const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-            sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-            std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-            queued.emplace_back(fd);
-            if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-                break;
-            }
-        }
+        listener = boundSocket(socketPath);
+        ASSERT_EQ(::listen(listener.get(), 0), 0);
+        const auto address = addressOf(socketPath);
+        do {
+            queued.emplace_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        } while (::connect(queued.back().get(), reinterpret_cast<const sockaddr*>(&address),
+                           sizeof address) == 0);
     }
     const auto stop = std::make_shared<const Descriptor>(::eventfd(0, EFD_CLOEXEC));
     SocketHelper::setStopSignalDescriptor(stop);
-    auto outcome = std::async(std::launch::async, [&] {
-        try {
-            endpoint->setupSocket();
-        } catch (const std::system_error& error) {
-            return error.code();
-        }
-        return std::error_code();
-    });
+    auto outcome = errorCodeOf([&] { endpoint->setupSocket(); });
     EXPECT_EQ(outcome.wait_for(200ms), std::future_status::timeout);  // it does wait
     if (wake == Wake::stopReading) {
         endpoint->stopReading();
@@ -319,14 +297,8 @@ TEST_F(SocketTest, PacesConnectionsThatEndAtOnce) {
 // service no longer reading holds back fails, and reading stops. (The read here also shows that
 // a blocked send never holds a read back.)
 TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
-    auto blocked = std::async(std::launch::async, [&] {
-        try {
-            endpoint->sendData(Data(std::size_t{16} * 1024 * 1024));  // more than the buffers
-        } catch (const std::system_error& error) {
-            return error.code();
-        }
-        return std::error_code();
-    });
+    // A send of more than the socket buffers hold.
+    auto blocked = errorCodeOf([&] { endpoint->sendData(Data(std::size_t{16} * 1024 * 1024)); });
     EXPECT_EQ(blocked.wait_for(100ms), std::future_status::timeout);
     endpoint->retire(300ms);
     connection->send("on its way");
@@ -373,11 +345,7 @@ TEST_F(SocketTest, RefusesEverySocketThatBreaksTheTrustRules) {
         {"listener of another user",
          [&](auto& s) {
              std::filesystem::remove(s);
-             foreignListener = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-             sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-             std::strncpy(address.sun_path, s.c_str(), sizeof address.sun_path - 1);
-             ::bind(foreignListener.get(), reinterpret_cast<const sockaddr*>(&address),
-                    sizeof address);
+             foreignListener = boundSocket(s);
              std::thread([&] {
                  ASSERT_TRUE(setUid(nobody));
                  ::listen(foreignListener.get(), 4);
@@ -404,7 +372,6 @@ TEST_F(SocketTest, RefusesEverySocketThatBreaksTheTrustRules) {
             EXPECT_THAT(error.what(), HasSubstr(trust.reason));
         }
     }
-    // A socket of its own user in a private directory is taken (every test above).
 }
 
 }  // namespace

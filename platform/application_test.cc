@@ -24,12 +24,12 @@ using namespace test;
 // process and reports what happened as lines on a pipe.
 class Child {
   public:
-    /// Runs `body` with the pipe's write end in a new process; the process ends when it returns.
+    /// Runs `body` with the pipe's write end in a new process, which ends when `body` returns.
     explicit Child(const std::function<void(int output)>& body) : pid_(::fork()) {
         if (pid_ == 0) {
             output_.closeReadEnd();
             body(output_.writeEnd());
-            ::_exit(returnedStatus);
+            ::_exit(99);  // applicationMain returned, which it must not
         }
         output_.closeWriteEnd();
     }
@@ -45,18 +45,15 @@ class Child {
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int output() const { return output_.readEnd(); }
 
-    /// The exit status; 128 + the signal when a signal ended it; -1 if it is still running after
-    /// `timeout`.
-    int waitForExit(Duration timeout = 5000ms) {
+    /// The exit status; 128 + the signal when a signal ended it; -1 while it still runs after 5 s.
+    int waitForExit() {
         int status = 0;
-        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; }, timeout)) {
+        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
             return -1;
         }
         pid_ = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-
-    static constexpr int returnedStatus = 99;  // applicationMain returned, which it must not
 
   private:
     Pipe output_;
@@ -91,12 +88,6 @@ void runApplication(int output, const std::function<void()>& afterLaunch) {
 
 constexpr std::string_view launchedLine = "launched inside the loop on the main thread\n";
 
-TEST(ApplicationTest, LaunchesOnceInsideTheLoopAndEndsCleanlyOnAStopSignal) {
-    Child child([](int output) { runApplication(output, [] { ::raise(SIGTERM); }); });
-    EXPECT_EQ(child.waitForExit(), 0);
-    EXPECT_EQ(readToEnd(child.output()), std::string(launchedLine) + "terminating\n");
-}
-
 struct StopSignal {
     int number;
     bool toEarlyThread;       // sent to a thread that started before the loop, not to the process
@@ -104,16 +95,6 @@ struct StopSignal {
 };
 
 class ApplicationStopTest : public ::testing::TestWithParam<StopSignal> {};
-
-// One line from `fd`, without its end; "" at end of file or after the default time-out.
-std::string readLine(int fd) {
-    std::string line;
-    for (std::string next = readExactly(fd, 1); !next.empty() && next != "\n";
-         next = readExactly(fd, 1)) {
-        line += next;
-    }
-    return line;
-}
 
 TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
     Child child([busy = GetParam().busyOutsideTheLoop](int output) {
@@ -126,7 +107,8 @@ TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
                 ::pause();
             }
         }).detach();
-        writeAll(output, std::to_string(started.get_future().get()) + "\n");
+        const std::string id = std::to_string(started.get_future().get());
+        writeAll(output, id + std::string(11 - id.size(), ' '));  // 11 characters
         runApplication(output, [busy] {
             if (busy) {
                 pollfd stop{Application::shared().stopSignalDescriptor()->get(), POLLIN, 0};
@@ -134,7 +116,7 @@ TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
             }
         });
     });
-    const pid_t earlyThread = std::stoi(readLine(child.output()));
+    const pid_t earlyThread = std::stoi(readExactly(child.output(), 11));
     ASSERT_EQ(readExactly(child.output(), launchedLine.size()), launchedLine);
     if (GetParam().toEarlyThread) {
         ASSERT_EQ(::tgkill(child.pid(), earlyThread, GetParam().number), 0);
