@@ -46,6 +46,8 @@ constexpr std::array browsers{
                  "config/BraveSoftware/Brave-Browser/NativeMessagingHosts"),
     chromeFamily("brave-beta", "BraveSoftware/Brave-Browser-Beta/NativeMessagingHosts",
                  "BraveSoftware/Brave-Browser-Beta", {chromeSystem}),
+    chromeFamily("brave-dev", "BraveSoftware/Brave-Browser-Dev/NativeMessagingHosts",
+                 "BraveSoftware/Brave-Browser-Dev", {chromeSystem}),
     chromeFamily("brave-nightly", "BraveSoftware/Brave-Browser-Nightly/NativeMessagingHosts",
                  "BraveSoftware/Brave-Browser-Nightly", {chromeSystem}),
     chromeFamily("vivaldi", "vivaldi/NativeMessagingHosts", "vivaldi",
