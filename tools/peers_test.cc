@@ -8,6 +8,7 @@
 #include <fstream>
 #include <memory>
 #include <regex>
+#include <set>
 
 #include "tests/support/host_session.h"
 
@@ -24,39 +25,34 @@ class LineReader {
     /// The next line, or no value at end of output or time-out.
     std::optional<std::string> next(Duration timeout = 10000ms) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
-        for (;;) {
-            if (const auto end = buffer_.find('\n'); end != std::string::npos) {
-                std::string line = buffer_.substr(0, end);
-                buffer_.erase(0, end + 1);
-                seen_ += line + "\n";
-                return line;
-            }
+        std::size_t end = 0;
+        while ((end = buffer_.find('\n')) == std::string::npos) {
             const auto left =
                 std::chrono::duration_cast<Duration>(deadline - std::chrono::steady_clock::now());
             pollfd readable{fd_, POLLIN, 0};
-            if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0) {
-                return std::nullopt;
-            }
             char piece[4096];
-            const ssize_t count = ::read(fd_, piece, sizeof piece);
-            if (count <= 0) {
+            ssize_t count = 0;
+            if (left.count() <= 0 || ::poll(&readable, 1, static_cast<int>(left.count())) <= 0 ||
+                (count = ::read(fd_, piece, sizeof piece)) <= 0) {
                 return std::nullopt;
             }
             buffer_.append(piece, static_cast<std::size_t>(count));
         }
+        std::string line = buffer_.substr(0, end);
+        buffer_.erase(0, end + 1);
+        seen_ += line + "\n";
+        return line;
     }
 
-    /// Reads lines until one contains `text`, and returns it.
-    std::optional<std::string> waitFor(std::string_view text, Duration timeout = 10000ms) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (auto line = next(std::chrono::duration_cast<Duration>(
-                   deadline - std::chrono::steady_clock::now()))) {
+    /// Reads lines until one contains `text`; true when one did.
+    bool waitFor(std::string_view text) {
+        while (auto line = next()) {
             if (line->find(text) != std::string::npos) {
-                return line;
+                return true;
             }
         }
         ADD_FAILURE() << "no line containing '" << text << "'; lines so far:\n" << seen_;
-        return std::nullopt;
+        return false;
     }
 
     [[nodiscard]] const std::string& seen() const { return seen_; }
@@ -200,44 +196,31 @@ wait-hosts 0
 TEST_F(PeersTest, CommandsGoToOneHostOrToAll) {
     auto core = startCore();
     ASSERT_TRUE(core.out->waitFor("core: listening"));
-    // Live connections, by pid: each start notification (one per launch) makes every host
-    // connect anew, so a host's number changes when another host launches.
-    std::map<pid_t, unsigned> hostOf;
-    std::map<unsigned, pid_t> pidOf;
-    const auto follow = [&](const std::function<bool()>& done) {
+    // The numbers of the next connections of hosts `pids`. Each launch's start notification
+    // makes every host connect anew, so a host's number changes when another host launches.
+    const auto connectionsOf = [&](const std::set<pid_t>& pids) {
         const std::regex connected(R"(core: host (\d+) connected \(pid (\d+)\))");
-        const std::regex disconnected(R"(core: host (\d+) disconnected)");
-        while (!done()) {
+        std::map<pid_t, std::string> numbers;
+        while (numbers.size() < pids.size()) {
             const auto line = core.out->next();
             if (!line) {
-                return false;
+                ADD_FAILURE() << core.out->seen();
+                break;
             }
             std::smatch match;
-            if (std::regex_search(*line, match, connected)) {
-                pidOf[std::stoul(match[1])] = std::stoi(match[2]);
-                hostOf[std::stoi(match[2])] = std::stoul(match[1]);
-            } else if (std::regex_search(*line, match, disconnected)) {
-                const auto number = std::stoul(match[1]);
-                if (hostOf[pidOf[number]] == number) {
-                    hostOf.erase(pidOf[number]);
-                }
-                pidOf.erase(number);
+            if (std::regex_search(*line, match, connected) && pids.count(std::stoi(match[2]))) {
+                numbers[std::stoi(match[2])] = match[1];
             }
         }
-        return true;
+        return numbers;
     };
     auto first = startBrowser();
-    const pid_t firstPid = hostPid(first);
-    ASSERT_TRUE(follow([&] { return hostOf.count(firstPid) == 1; })) << core.out->seen();
-    const unsigned firstBefore = hostOf[firstPid];
+    connectionsOf({hostPid(first)});
     auto second = startBrowser();
     const pid_t secondPid = hostPid(second);
-    ASSERT_TRUE(follow([&] {
-        return pidOf.size() == 2 && hostOf.count(secondPid) == 1 && hostOf.count(firstPid) == 1 &&
-               hostOf[firstPid] > firstBefore;
-    })) << core.out->seen();
+    auto numbers = connectionsOf({hostPid(first), secondPid});
 
-    core.type("@" + std::to_string(hostOf[secondPid]) + " close-tab 7");
+    core.type("@" + numbers[secondPid] + " close-tab 7");
     core.type("close-tab 8");
     EXPECT_EQ(second.out->next(), R"({"action":"closeTab","payload":{"id":7}})");
     EXPECT_EQ(second.out->next(), R"({"action":"closeTab","payload":{"id":8}})");
@@ -281,18 +264,27 @@ TEST_F(PeersTest, FailedWaitsEndScripts) {
 }
 
 TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
-    auto bogus = startCore({"--bogus"});
-    EXPECT_EQ(bogus.process->waitForExit(), 2);
-    EXPECT_EQ(bogus.errors(), "kerrow-core-peer: unknown option '--bogus' (see --help)\n");
-
     const auto script = write("bad.script", "close-tab 1\nfrobnicate\nlist 300\n");
-    auto badScript = startCore({"--script", script.string()});
-    EXPECT_EQ(badScript.process->waitForExit(), 2);
-    EXPECT_EQ(badScript.errors(),
-              "kerrow-core-peer: " + script.string() +
-                  ":2: unknown command 'frobnicate' (type help for the list)\n" + script.string() +
-                  ":3: list needs a listType from 0 to 255 first: list 2 "
-                  "a.example\n");
+    const auto file = write("plain-file", "");
+    const struct {
+        std::vector<std::string> arguments;
+        int status;
+        std::string error;
+    } cases[] = {
+        {{"--bogus"}, 2, "unknown option '--bogus' (see --help)\n"},
+        {{"--script", script.string()},
+         2,
+         script.string() + ":2: unknown command 'frobnicate' (type help for the list)\n" +
+             script.string() + ":3: list needs a listType from 0 to 255 first: list 2 a.example\n"},
+        {{"--no-bus", "--socket", file.string()},
+         1,
+         file.string() + " exists and is not a socket\n"},
+    };
+    for (const auto& [arguments, status, error] : cases) {
+        auto core = startCore(arguments);
+        EXPECT_EQ(core.process->waitForExit(), status);
+        EXPECT_EQ(core.errors(), "kerrow-core-peer: " + error);
+    }
     EXPECT_FALSE(std::filesystem::exists(socketPath()));
 
     auto listening = startCore({"--no-bus", "--no-input"});
@@ -302,12 +294,6 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
     EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + socketPath().string() +
                                    " is in use: another core service (or core peer) listens "
                                    "there\n");
-
-    const auto file = write("plain-file", "");
-    auto notSocket = startCore({"--no-bus", "--socket", file.string()});
-    EXPECT_EQ(notSocket.process->waitForExit(), 1);
-    EXPECT_EQ(notSocket.errors(),
-              "kerrow-core-peer: " + file.string() + " exists and is not a socket\n");
 }
 
 TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEnd) {

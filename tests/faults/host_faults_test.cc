@@ -1,0 +1,275 @@
+// Faults around the real host: garbage, a header at the frame limit and a long absence on the
+// core service's side; frames one byte at a time, a browser that stops reading and a log that
+// cannot be opened on the browser's side; and what the host leaves behind across reconnections
+// and repeated starts. (Reconnection and hostile length headers are proven by the unit tests and
+// host_test; the log's modes by the logger's unit tests.)
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <sstream>
+
+#include "kit/frame_codec.h"
+#include "tests/support/host_session.h"
+
+namespace kerrow::test {
+namespace {
+
+std::string closeTabFrame(int id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
+
+// One open descriptor of a process and the flags it was opened with (from fdinfo).
+struct OpenDescriptor {
+    int number;
+    unsigned flags;
+    std::string target;  // where /proc/<pid>/fd/<number> points
+};
+
+std::vector<OpenDescriptor> openDescriptors(pid_t pid) {
+    std::vector<OpenDescriptor> descriptors;
+    const std::filesystem::path proc = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(proc / "fd", error)) {
+        OpenDescriptor descriptor{std::stoi(entry.path().filename().string()), 0, ""};
+        descriptor.target = std::filesystem::read_symlink(entry.path(), error).string();
+        std::ifstream info(proc / "fdinfo" / entry.path().filename());
+        for (std::string line; std::getline(info, line);) {
+            if (line.starts_with("flags:")) {
+                descriptor.flags = static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+            }
+        }
+        descriptors.push_back(descriptor);
+    }
+    std::sort(descriptors.begin(), descriptors.end(),
+              [](const auto& a, const auto& b) { return a.number < b.number; });
+    return descriptors;
+}
+
+std::string describe(const std::vector<OpenDescriptor>& descriptors) {
+    std::string text;
+    for (const auto& descriptor : descriptors) {
+        text += std::to_string(descriptor.number) + " -> " + descriptor.target + " (flags 0" +
+                std::to_string(descriptor.flags) + ")\n";
+    }
+    return text;
+}
+
+std::vector<pid_t> childProcesses(pid_t pid) {
+    std::vector<pid_t> children;
+    std::error_code error;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        std::ifstream list(task.path() / "children");
+        for (pid_t child = 0; list >> child;) {
+            children.push_back(child);
+        }
+    }
+    return children;
+}
+
+class HostFaultTest : public ::testing::Test {
+  protected:
+    HostSession session{KERROW_HOST_BINARY};
+};
+
+TEST_F(HostFaultTest, DropsGarbageAndInvalidUTF8FromTheCoreServiceAndStaysInStep) {
+    auto connection = session.start();
+    std::mt19937 random(20261122);
+    std::vector<std::string> garbage;
+    for (int i = 0; i < 200; ++i) {
+        std::string bytes(random() % 300, '\0');
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+        garbage.push_back(bytes);
+    }
+    garbage.insert(garbage.end(),
+                   {"", std::string(3, '\0'), "kerrow.closeTab-5\xFF",
+                    "kerrow.closeTab-\xC0\xB6",               // an overlong "6"
+                    "kerrow.disableInternet\xED\xA0\x80",     // a surrogate
+                    "kerrow.enableInternet\xF4\x90\x80\x80",  // above U+10FFFF
+                    "kerrow.closeTab-99999999999999999999", "kerrow.closeTab--",
+                    "kerrow.websiteList{not json", "kerrow.websiteList" + std::string(100'000, '['),
+                    R"(kerrow.websiteList{"name":1,"websites":[],"listType":0})"});
+    for (const auto& message : garbage) {
+        connection.send(message);
+    }
+    connection.send("kerrow.closeTab-7");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(7)) << session.log();
+    EXPECT_FALSE(session.core().accept(200ms)) << "garbage ended the connection";
+    EXPECT_TRUE(session.host().running());
+}
+
+TEST_F(HostFaultTest, TakesAHeaderAtTheLimitWithoutReservingItsSize) {
+    auto connection = session.start();
+    const auto peakBefore = procFigure(session.host().pid(), "status", "VmHWM");
+    const auto header = encodeFrameLength(64 * 1024 * 1024);
+    connection.sendRaw(std::string(header.begin(), header.end()) + "kerrow.closeTab-8");
+    connection.close();
+    auto second = session.core().accept(12'000ms);
+    ASSERT_TRUE(second) << "a header at the limit is no error\n" << session.log();
+    EXPECT_LT(procFigure(session.host().pid(), "status", "VmHWM") - peakBefore, 32 * 1024)
+        << "memory was reserved for the announced 64 MiB";
+    EXPECT_FALSE(session.host().receive(200ms)) << "an incomplete frame was delivered";
+}
+
+TEST_F(HostFaultTest, GivesUpAfterTheRetryBoundWithoutSpinningAndReturnsOnTheNextStart) {
+    auto connection = session.start();
+    const pid_t host = session.host().pid();
+    const auto processorTime = [host] {
+        std::ifstream stat("/proc/" + std::to_string(host) + "/stat");
+        const std::string text{std::istreambuf_iterator<char>(stat), {}};
+        // The fields count from the command name's last ")": utime and stime are 12th and 13th.
+        std::istringstream fields(text.substr(text.rfind(')') + 2));
+        std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
+        return std::chrono::milliseconds((std::stoll(values.at(11)) + std::stoll(values.at(12))) *
+                                         1000 / ::sysconf(_SC_CLK_TCK));
+    };
+    session.stopCore();
+    const auto processorBefore = processorTime();
+    const auto lost = std::chrono::steady_clock::now();
+    connection.close();
+    ASSERT_TRUE(session.waitForLog("error Error with socket in host-to-core service: ", 30'000ms))
+        << session.log();
+    EXPECT_GE(std::chrono::steady_clock::now() - lost, 9s) << "gave up before the retry bound";
+    EXPECT_LT(processorTime() - processorBefore, 1000ms) << "retrying used the processor";
+
+    // Meanwhile the browser is still served: a frame is taken and dropped, not queued.
+    session.host().send("while away");
+    ASSERT_TRUE(session.waitForLog("info Sending Tab Data to Browser Messaging")) << session.log();
+    session.startCore();
+    auto back = session.answer();
+    ASSERT_TRUE(back) << session.log();
+    EXPECT_EQ(back->receive(), "kerrow.updateDeviceTwin");
+    session.host().send("back");
+    EXPECT_EQ(back->receive(), "backkerrow.tabList");
+}
+
+TEST_F(HostFaultTest, ReassemblesFramesThatArriveOneByteAtATime) {
+    auto connection = session.start();
+    const std::string bytes = frame(R"({"tabs":[1]})") + frame("") +
+                              frame("\xF0\x9F\x98\x80 split across reads") +
+                              frame(std::string(300, 'x'));  // a length prefix of two bytes
+    for (const char byte : bytes) {
+        session.host().sendRaw(std::string(1, byte));
+        // Each byte is a read of its own: the next one goes only after the host took this one.
+        ASSERT_TRUE(waitUntil([&] {
+            int unread = -1;
+            return ::ioctl(session.host().inputFd(), FIONREAD, &unread) == 0 && unread == 0;
+        }));
+    }
+    session.host().send(std::string(70'000, 'y'));  // a length prefix of three bytes
+    EXPECT_EQ(connection.receive(), R"({"tabs":[1]}kerrow.tabList)");
+    EXPECT_EQ(connection.receive(), "kerrow.tabList");
+    EXPECT_EQ(connection.receive(), "\xF0\x9F\x98\x80 split across readskerrow.tabList");
+    EXPECT_EQ(connection.receive(), std::string(300, 'x') + "kerrow.tabList");
+    EXPECT_EQ(connection.receive(), std::string(70'000, 'y') + "kerrow.tabList");
+}
+
+TEST_F(HostFaultTest, GoesOnWhenTheBrowserStopsReadingItsOutput) {
+    auto connection = session.start();
+    session.host().closeOutput();
+    // Every frame for the extension now meets a closed pipe (EPIPE, and no SIGPIPE death).
+    for (int i = 0; i < 100; ++i) {
+        connection.send("kerrow.closeTab-" + std::to_string(i));
+    }
+    ASSERT_TRUE(session.waitForLog("info Closing Tab: " + closeTabFrame(99))) << session.log();
+    ASSERT_TRUE(session.host().running());
+    session.host().send("still relayed");
+    EXPECT_EQ(connection.receive(), "still relayedkerrow.tabList");
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+}
+
+TEST_F(HostFaultTest, LogsToStandardErrorWhenTheLogCannotBeOpened) {
+    // The log's directory is taken by a file, so it cannot be made, for any user (root too).
+    std::filesystem::create_directories(session.logFile().parent_path().parent_path());
+    std::ofstream(session.logFile().parent_path()) << "not a directory";
+
+    auto connection = session.start();
+    session.host().send("relayed");
+    EXPECT_EQ(connection.receive(), "relayedkerrow.tabList");
+    connection.send("kerrow.closeTab-4");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(4));
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+    EXPECT_EQ(session.host().receiveRest(), "") << "a log line reached standard output";
+    // The lines themselves are the logger's (its unit tests prove their form and the fallback).
+    for (const std::string expected :
+         {" info KerrowNativeMessagingHost started\n",
+          " info Stopping KerrowNativeMessagingHost:BrowserExtensionIO\n"}) {
+        EXPECT_NE(session.standardError().find(expected), std::string::npos)
+            << session.standardError();
+    }
+}
+
+TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
+    // A host started now gets only the three standard streams from us, as from a browser,
+    // whatever our parent left open.
+    for (const auto& descriptor : openDescriptors(::getpid())) {
+        if (descriptor.number > 2) {
+            ::fcntl(descriptor.number, F_SETFD, FD_CLOEXEC);
+        }
+    }
+    session.launch();
+    ASSERT_TRUE(session.waitForAnnouncement());
+    const pid_t host = session.host().pid();
+    std::optional<CoreConnection> connection;
+    std::vector<OpenDescriptor> descriptorsAtStart;
+    std::int64_t threadsAtStart = 0;
+    for (int round = 0; round <= 20; ++round) {
+        // Odd rounds drop the connection, even ones post another start, which the new
+        // connection answers with the device-twin request.
+        if (round % 2 != 0) {
+            connection->close();
+        } else {
+            session.postStart();
+        }
+        connection = session.core().accept(12'000ms);
+        ASSERT_TRUE(connection) << "no connection in round " << round << "\n" << session.log();
+        if (round % 2 == 0) {
+            EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
+        }
+        // The host logs each connection once it is in place; browser frames read after that go
+        // over it. Then traffic both ways, so every part of the host has opened what it opens.
+        ASSERT_TRUE(waitUntil(
+            [&] {
+                const auto lines = session.logMessages();
+                return std::count(lines.begin(), lines.end(),
+                                  "info Established a Connection in host-to-core service") > round;
+            },
+            15'000ms))
+            << session.log();
+        session.host().send("tab data " + std::to_string(round));
+        EXPECT_EQ(connection->receive(), "tab data " + std::to_string(round) + "kerrow.tabList");
+        connection->send("kerrow.closeTab-" + std::to_string(round));
+        EXPECT_EQ(session.host().receive(), closeTabFrame(round));
+        if (round == 0) {
+            descriptorsAtStart = openDescriptors(host);
+            threadsAtStart = procFigure(host, "status", "Threads");
+        }
+    }
+    EXPECT_TRUE(childProcesses(host).empty());
+    const auto descriptors = openDescriptors(host);
+    ASSERT_GE(descriptors.size(), 3U);
+    for (const auto& descriptor : descriptors) {
+        EXPECT_TRUE(descriptor.number <= 2 || (descriptor.flags & O_CLOEXEC) != 0)
+            << "descriptor " << descriptor.number << " would leak into a child\n"
+            << describe(descriptors);
+    }
+    EXPECT_EQ(descriptors[2].number, 2);
+    // Retired parts finish on their own threads; give them a moment to let go.
+    EXPECT_TRUE(waitUntil([&] {
+        return openDescriptors(host).size() <= descriptorsAtStart.size();
+    })) << "before:\n"
+        << describe(descriptorsAtStart) << "after:\n"
+        << describe(openDescriptors(host));
+    EXPECT_TRUE(waitUntil([&] { return procFigure(host, "status", "Threads") <= threadsAtStart; }))
+        << threadsAtStart << " threads before, " << procFigure(host, "status", "Threads");
+}
+
+}  // namespace
+}  // namespace kerrow::test
