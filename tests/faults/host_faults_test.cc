@@ -1,17 +1,15 @@
-// Faults around the real host: garbage, a header at the frame limit and a long absence on the
-// core service's side; frames one byte at a time, a browser that stops reading and a log that
-// cannot be opened on the browser's side; and what the host leaves behind across reconnections
-// and repeated starts. (Reconnection and hostile length headers are proven by the unit tests and
-// host_test; the log's modes by the logger's unit tests.)
+// Faults around the real host: garbage and a header at the frame limit from the core service;
+// frames one byte at a time, a browser that stops reading and a log that cannot be opened; and
+// what the host leaves behind across reconnections and repeated starts. (Reconnection, a core
+// service away and hostile length headers are proven by the unit tests and host_test; the log's
+// modes by the logger's unit tests.)
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <random>
-#include <sstream>
 
 #include "kit/frame_codec.h"
 #include "tests/support/host_session.h"
@@ -50,15 +48,6 @@ std::vector<OpenDescriptor> openDescriptors(pid_t pid) {
     return descriptors;
 }
 
-std::string describe(const std::vector<OpenDescriptor>& descriptors) {
-    std::string text;
-    for (const auto& descriptor : descriptors) {
-        text += std::to_string(descriptor.number) + " -> " + descriptor.target + " (flags 0" +
-                std::to_string(descriptor.flags) + ")\n";
-    }
-    return text;
-}
-
 std::vector<pid_t> childProcesses(pid_t pid) {
     std::vector<pid_t> children;
     std::error_code error;
@@ -77,7 +66,7 @@ class HostFaultTest : public ::testing::Test {
     HostSession session{KERROW_HOST_BINARY};
 };
 
-TEST_F(HostFaultTest, DropsGarbageAndInvalidUTF8FromTheCoreServiceAndStaysInStep) {
+TEST_F(HostFaultTest, DropsGarbageFromTheCoreServiceAndTakesAHeaderAtTheLimitUnreserved) {
     auto connection = session.start();
     std::mt19937 random(20261122);
     std::vector<std::string> garbage;
@@ -100,52 +89,17 @@ TEST_F(HostFaultTest, DropsGarbageAndInvalidUTF8FromTheCoreServiceAndStaysInStep
     connection.send("kerrow.closeTab-7");
     EXPECT_EQ(session.host().receive(), closeTabFrame(7)) << session.log();
     EXPECT_FALSE(session.core().accept(200ms)) << "garbage ended the connection";
-    EXPECT_TRUE(session.host().running());
-}
 
-TEST_F(HostFaultTest, TakesAHeaderAtTheLimitWithoutReservingItsSize) {
-    auto connection = session.start();
+    // A header at the limit is no error, and no memory is reserved before the body arrives.
     const auto peakBefore = procFigure(session.host().pid(), "status", "VmHWM");
     const auto header = encodeFrameLength(64 * 1024 * 1024);
     connection.sendRaw(std::string(header.begin(), header.end()) + "kerrow.closeTab-8");
     connection.close();
     auto second = session.core().accept(12'000ms);
-    ASSERT_TRUE(second) << "a header at the limit is no error\n" << session.log();
+    ASSERT_TRUE(second) << session.log();
     EXPECT_LT(procFigure(session.host().pid(), "status", "VmHWM") - peakBefore, 32 * 1024)
         << "memory was reserved for the announced 64 MiB";
     EXPECT_FALSE(session.host().receive(200ms)) << "an incomplete frame was delivered";
-}
-
-TEST_F(HostFaultTest, GivesUpAfterTheRetryBoundWithoutSpinningAndReturnsOnTheNextStart) {
-    auto connection = session.start();
-    const pid_t host = session.host().pid();
-    const auto processorTime = [host] {
-        std::ifstream stat("/proc/" + std::to_string(host) + "/stat");
-        const std::string text{std::istreambuf_iterator<char>(stat), {}};
-        // The fields count from the command name's last ")": utime and stime are 12th and 13th.
-        std::istringstream fields(text.substr(text.rfind(')') + 2));
-        std::vector<std::string> values{std::istream_iterator<std::string>(fields), {}};
-        return std::chrono::milliseconds((std::stoll(values.at(11)) + std::stoll(values.at(12))) *
-                                         1000 / ::sysconf(_SC_CLK_TCK));
-    };
-    session.stopCore();
-    const auto processorBefore = processorTime();
-    const auto lost = std::chrono::steady_clock::now();
-    connection.close();
-    ASSERT_TRUE(session.waitForLog("error Error with socket in host-to-core service: ", 30'000ms))
-        << session.log();
-    EXPECT_GE(std::chrono::steady_clock::now() - lost, 9s) << "gave up before the retry bound";
-    EXPECT_LT(processorTime() - processorBefore, 1000ms) << "retrying used the processor";
-
-    // Meanwhile the browser is still served: a frame is taken and dropped, not queued.
-    session.host().send("while away");
-    ASSERT_TRUE(session.waitForLog("info Sending Tab Data to Browser Messaging")) << session.log();
-    session.startCore();
-    auto back = session.answer();
-    ASSERT_TRUE(back) << session.log();
-    EXPECT_EQ(back->receive(), "kerrow.updateDeviceTwin");
-    session.host().send("back");
-    EXPECT_EQ(back->receive(), "backkerrow.tabList");
 }
 
 TEST_F(HostFaultTest, ReassemblesFramesThatArriveOneByteAtATime) {
@@ -161,48 +115,39 @@ TEST_F(HostFaultTest, ReassemblesFramesThatArriveOneByteAtATime) {
             return ::ioctl(session.host().inputFd(), FIONREAD, &unread) == 0 && unread == 0;
         }));
     }
-    session.host().send(std::string(70'000, 'y'));  // a length prefix of three bytes
     EXPECT_EQ(connection.receive(), R"({"tabs":[1]}kerrow.tabList)");
     EXPECT_EQ(connection.receive(), "kerrow.tabList");
     EXPECT_EQ(connection.receive(), "\xF0\x9F\x98\x80 split across readskerrow.tabList");
     EXPECT_EQ(connection.receive(), std::string(300, 'x') + "kerrow.tabList");
-    EXPECT_EQ(connection.receive(), std::string(70'000, 'y') + "kerrow.tabList");
 }
 
-TEST_F(HostFaultTest, GoesOnWhenTheBrowserStopsReadingItsOutput) {
+TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput) {
+    // The log's directory is taken by a file, so it cannot be made, for any user (root too).
+    std::filesystem::create_directories(session.logFile().parent_path().parent_path());
+    std::ofstream(session.logFile().parent_path()) << "not a directory";
     auto connection = session.start();
+    connection.send("kerrow.closeTab-4");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(4)) << "a log line reached standard output";
+
     session.host().closeOutput();
     // Every frame for the extension now meets a closed pipe (EPIPE, and no SIGPIPE death).
     for (int i = 0; i < 100; ++i) {
         connection.send("kerrow.closeTab-" + std::to_string(i));
     }
-    ASSERT_TRUE(session.waitForLog("info Closing Tab: " + closeTabFrame(99))) << session.log();
+    EXPECT_TRUE(waitUntil([&] {
+        return session.standardError().find(" info Closing Tab: " + closeTabFrame(99)) !=
+               std::string::npos;
+    })) << session.standardError();
     ASSERT_TRUE(session.host().running());
     session.host().send("still relayed");
     EXPECT_EQ(connection.receive(), "still relayedkerrow.tabList");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
-}
-
-TEST_F(HostFaultTest, LogsToStandardErrorWhenTheLogCannotBeOpened) {
-    // The log's directory is taken by a file, so it cannot be made, for any user (root too).
-    std::filesystem::create_directories(session.logFile().parent_path().parent_path());
-    std::ofstream(session.logFile().parent_path()) << "not a directory";
-
-    auto connection = session.start();
-    session.host().send("relayed");
-    EXPECT_EQ(connection.receive(), "relayedkerrow.tabList");
-    connection.send("kerrow.closeTab-4");
-    EXPECT_EQ(session.host().receive(), closeTabFrame(4));
-    session.host().closeInput();
-    EXPECT_EQ(session.host().waitForExit(), 0);
-    EXPECT_EQ(session.host().receiveRest(), "") << "a log line reached standard output";
     // The lines themselves are the logger's (its unit tests prove their form and the fallback).
     for (const std::string expected :
          {" info KerrowNativeMessagingHost started\n",
           " info Stopping KerrowNativeMessagingHost:BrowserExtensionIO\n"}) {
-        EXPECT_NE(session.standardError().find(expected), std::string::npos)
-            << session.standardError();
+        EXPECT_NE(session.standardError().find(expected), std::string::npos);
     }
 }
 
@@ -257,16 +202,15 @@ TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
     ASSERT_GE(descriptors.size(), 3U);
     for (const auto& descriptor : descriptors) {
         EXPECT_TRUE(descriptor.number <= 2 || (descriptor.flags & O_CLOEXEC) != 0)
-            << "descriptor " << descriptor.number << " would leak into a child\n"
-            << describe(descriptors);
+            << "descriptor " << descriptor.number << " (" << descriptor.target
+            << ") would leak into a child";
     }
     EXPECT_EQ(descriptors[2].number, 2);
     // Retired parts finish on their own threads; give them a moment to let go.
     EXPECT_TRUE(waitUntil([&] {
         return openDescriptors(host).size() <= descriptorsAtStart.size();
-    })) << "before:\n"
-        << describe(descriptorsAtStart) << "after:\n"
-        << describe(openDescriptors(host));
+    })) << descriptorsAtStart.size()
+        << " descriptors before, " << openDescriptors(host).size();
     EXPECT_TRUE(waitUntil([&] { return procFigure(host, "status", "Threads") <= threadsAtStart; }))
         << threadsAtStart << " threads before, " << procFigure(host, "status", "Threads");
 }
