@@ -49,14 +49,11 @@ class PeersTest : public ::testing::Test {
   protected:
     PeersTest() { session_.stopCore(); }
 
-    Peer start(const char* binary, const std::vector<std::string>& arguments) {
-        return Peer{session_.startProcess(binary, arguments)};
-    }
     Peer startCore(const std::vector<std::string>& arguments = {}) {
-        return start(KERROW_CORE_PEER, arguments);
+        return Peer{session_.startProcess(KERROW_CORE_PEER, arguments)};
     }
     Peer startBrowser(const std::vector<std::string>& arguments = {}) {
-        return start(KERROW_BROWSER_PEER, arguments);
+        return Peer{session_.startProcess(KERROW_BROWSER_PEER, arguments)};
     }
 
     std::filesystem::path write(const std::string& name, const std::string& text,
@@ -66,8 +63,6 @@ class PeersTest : public ::testing::Test {
         std::filesystem::permissions(path, permissions);
         return path;
     }
-
-    [[nodiscard]] std::filesystem::path socketPath() const { return session_.socketPath(); }
 
     HostSession session_{""};  // runs the peers only
 };
@@ -113,7 +108,7 @@ wait-hosts 0
 @1 web-on
 )");
     auto core = startCore({"--script", script.string()});
-    ASSERT_TRUE(core.waitFor("core: listening on " + socketPath().string()));
+    ASSERT_TRUE(core.waitFor("core: listening on " + session_.socketPath().string()));
     auto browser = startBrowser();
     browser.type("this is not json");
     browser.type(R"({"tabs":[{"id":42}]})");
@@ -145,68 +140,49 @@ wait-hosts 0
     EXPECT_NE(shown.find("host 1: device-twin update request (kerrow.updateDeviceTwin)\n"),
               std::string::npos);
     EXPECT_NE(shown.find("to host 1: kerrow.closeTab-42  [close tab 42]\n"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(socketPath()));
+    EXPECT_FALSE(std::filesystem::exists(session_.socketPath()));
 }
 
-TEST_F(PeersTest, FailedWaitsEndScripts) {
-    const auto coreScript = write("core.script", "wait-hosts 1\nweb-on\n");
-    auto core = startCore({"--no-bus", "--timeout", "0.2", "--script", coreScript.string()});
-    EXPECT_EQ(core.process->waitForExit(), 1);
-    EXPECT_EQ(core.errors(), "core-peer: " + coreScript.string() +
-                                 ":1: wait-hosts 1: still 0 connected (none) after 0.2 s\n");
-    EXPECT_FALSE(std::filesystem::exists(socketPath()));
-
-    // A host that records its input: nothing after the failed expect may reach it.
-    const auto input = session_.directory() / "input";
-    const auto fakeHost = write("fake-host", "#!/bin/sh\ncat > " + input.string() + "\n",
-                                std::filesystem::perms(0700));
-    const auto browserScript = write("browser.script", "expect never\n{\"late\":1}\n");
-    auto browser = startBrowser(
-        {"--host", fakeHost.string(), "--timeout", "0.2", "--script", browserScript.string()});
-    EXPECT_EQ(browser.process->waitForExit(), 1);
-    EXPECT_EQ(readFile(input), "");
-    EXPECT_NE(browser.errors().find(browserScript.string() +
-                                    ":1: expect: the host wrote no frame containing 'never' "
-                                    "within 0.2 s\nbrowser-peer: script stopped\n"),
-              std::string::npos)
-        << browser.errors();
-    EXPECT_NE(browser.errors().find("the host exited with status 0"), std::string::npos);
-}
-
-TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSockets) {
+TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSocketsAndEndsFailedWaits) {
     const auto script = write("bad.script", "close-tab 1\nfrobnicate\nlist 300\n");
+    const auto waits = write("wait.script", "wait-hosts 1\nweb-on\n");
     const auto file = write("plain-file", "");
     const struct {
         std::vector<std::string> arguments;
         int status;
         std::string error;
     } cases[] = {
-        {{"--bogus"}, 2, "unknown option '--bogus' (see --help)\n"},
+        {{"--bogus"}, 2, "kerrow-core-peer: unknown option '--bogus' (see --help)\n"},
         {{"--script", script.string()},
          2,
-         script.string() + ":2: unknown command 'frobnicate' (type help for the list)\n" +
-             script.string() + ":3: list needs a listType from 0 to 255 first: list 2 a.example\n"},
+         "kerrow-core-peer: " + script.string() +
+             ":2: unknown command 'frobnicate' (type help for the list)\n" + script.string() +
+             ":3: list needs a listType from 0 to 255 first: list 2 a.example\n"},
         {{"--no-bus", "--socket", file.string()},
          1,
-         file.string() + " exists and is not a socket\n"},
+         "kerrow-core-peer: " + file.string() + " exists and is not a socket\n"},
+        {{"--no-bus", "--timeout", "0.2", "--script", waits.string()},
+         1,
+         "core-peer: " + waits.string() +
+             ":1: wait-hosts 1: still 0 connected (none) after 0.2 s\n"},
     };
     for (const auto& [arguments, status, error] : cases) {
         auto core = startCore(arguments);
         EXPECT_EQ(core.process->waitForExit(), status);
-        EXPECT_EQ(core.errors(), "kerrow-core-peer: " + error);
+        EXPECT_EQ(core.errors(), error);
+        EXPECT_FALSE(std::filesystem::exists(session_.socketPath()));
     }
-    EXPECT_FALSE(std::filesystem::exists(socketPath()));
 
     auto listening = startCore({"--no-bus", "--no-input"});
     ASSERT_TRUE(listening.waitFor("core: listening"));
     auto second = startCore({"--no-bus", "--no-input"});
     EXPECT_EQ(second.process->waitForExit(), 1);
-    EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + socketPath().string() +
+    EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + session_.socketPath().string() +
                                    " is in use: another core service (or core peer) listens "
                                    "there\n");
 }
 
-TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEnd) {
+TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults) {
     const auto arguments = session_.directory() / "arguments";
     const auto fakeHost = write(
         "fake-host",
@@ -229,23 +205,36 @@ TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEnd) {
     EXPECT_EQ(missing.errors(),
               "kerrow-browser-peer: cannot start the host /nonexistent/host: No such file or "
               "directory\n");
-}
 
-TEST_F(PeersTest, BrowserPeerDropsAHostThatWritesOverTheBrowserLimit) {
-    // One good frame, then a header announcing 1 MiB + 1 byte; then it waits for end of input.
-    const auto fakeHost = write("big-host",
-                                "#!/bin/sh\nprintf '\\002\\000\\000\\000{}\\001\\000\\020\\000'\n"
-                                "cat > /dev/null\n",
-                                std::filesystem::perms(0700));
-    auto browser = startBrowser({"--host", fakeHost.string()});
-    EXPECT_EQ(browser.line(), "{}");
-    EXPECT_EQ(browser.process->waitForExit(), 1);  // the host ended (0) once its input closed
-    EXPECT_NE(browser.errors().find("the host wrote a frame of 1048577 bytes, over the browser "
-                                    "limit of 1 MiB; a browser drops such a host: closing its "
-                                    "pipes"),
+    // A host that records its input: nothing after a failed expect may reach it.
+    const auto input = session_.directory() / "input";
+    const auto recordingHost = write("recording-host", "#!/bin/sh\ncat > " + input.string() + "\n",
+                                     std::filesystem::perms(0700));
+    const auto script = write("browser.script", "expect never\n{\"late\":1}\n");
+    auto scripted = startBrowser(
+        {"--host", recordingHost.string(), "--timeout", "0.2", "--script", script.string()});
+    EXPECT_EQ(scripted.process->waitForExit(), 1);
+    EXPECT_EQ(readFile(input), "");
+    EXPECT_NE(scripted.errors().find(script.string() +
+                                     ":1: expect: the host wrote no frame containing 'never' "
+                                     "within 0.2 s\nbrowser-peer: script stopped\n"),
               std::string::npos)
-        << browser.errors();
-    EXPECT_NE(browser.errors().find("the host exited with status 0"), std::string::npos);
+        << scripted.errors();
+    EXPECT_NE(scripted.errors().find("the host exited with status 0"), std::string::npos);
+
+    // One good frame, then a header announcing 1 MiB + 1 byte; then it waits for end of input.
+    const auto bigHost = write("big-host",
+                               "#!/bin/sh\nprintf '\\002\\000\\000\\000{}\\001\\000\\020\\000'\n"
+                               "cat > /dev/null\n",
+                               std::filesystem::perms(0700));
+    auto dropping = startBrowser({"--host", bigHost.string()});
+    EXPECT_EQ(dropping.line(), "{}");
+    EXPECT_EQ(dropping.process->waitForExit(), 1);  // the host ended (0) once its input closed
+    EXPECT_NE(dropping.errors().find("the host wrote a frame of 1048577 bytes, over the browser "
+                                     "limit of 1 MiB; a browser drops such a host: closing its "
+                                     "pipes"),
+              std::string::npos)
+        << dropping.errors();
 }
 
 }  // namespace
