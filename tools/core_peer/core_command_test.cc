@@ -38,7 +38,6 @@ TEST(CoreCommandTest, SendCommandsWriteTheCoreServiceMessages) {
         parsed("list 255 d.example").message,
         R"(kerrow.websiteList{"name":"Website list","websites":["d.example"],"listType":255})");
     EXPECT_EQ(parsed(R"(raw kerrow.closeTab-\x34\\2\n)").message, "kerrow.closeTab-4\\2\n");
-    EXPECT_EQ(parsed("raw").message, "");
 }
 
 TEST(CoreCommandTest, TargetsAndControlCommands) {
