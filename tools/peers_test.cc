@@ -32,15 +32,6 @@ struct Peer {
         }
         return text;
     }
-    /// Reads lines until one contains `text`; true when one did.
-    bool waitFor(std::string_view text) {
-        while (const auto next = line()) {
-            if (next->find(text) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    }
 };
 
 /// The peers in a HostSession's private places, with the core peer (not a test core service)
@@ -107,7 +98,7 @@ wait-hosts 0
 @1 web-on
 )");
     auto core = startCore({"--script", script.string()});
-    ASSERT_TRUE(core.waitFor("core: listening on " + session_.socketPath().string()));
+    ASSERT_EQ(core.line(), "core: listening on " + session_.socketPath().string());
     auto browser = startBrowser();
     browser.type("this is not json");
     browser.type(R"({"tabs":[{"id":42}]})");
@@ -171,7 +162,7 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSocketsAndEndsFailedWaits) 
     }
 
     auto listening = startCore({"--no-bus", "--no-input"});
-    ASSERT_TRUE(listening.waitFor("core: listening"));
+    ASSERT_EQ(listening.line(), "core: listening on " + session_.socketPath().string());
     auto second = startCore({"--no-bus", "--no-input"});
     EXPECT_EQ(second.process->waitForExit(), 1);
     EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + session_.socketPath().string() +

@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <memory>
 #include <thread>
 
 #include "tests/support/host_session.h"
@@ -81,7 +80,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
                           30'000ms);
     FrameCollector onFirst(first.fd(), "", 2'000ms);
     std::int64_t residentEarly = 0;
-    std::thread browser([&] {
+    std::jthread browser([&] {
         for (int i = 0; i < frames; ++i) {
             session.host().send(tabData(i));
             if (i == frames / 10) {
@@ -90,7 +89,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
         }
     });
     // Once retired, the first connection is closed by the host: sending stops at the first error.
-    std::thread commandsOnFirst([&] {
+    std::jthread commandsOnFirst([&] {
         for (int i = 0; i < commandsBefore; ++i) {
             const std::string bytes = frame(closeTab(i));
             if (::send(first.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
@@ -103,33 +102,28 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     // connection is read from the moment it is accepted, as a core service would.
     session.postStart();
     session.postStart();
+    // Threads are std::jthread, so that a failed assertion joins them before the host goes.
     auto second = session.core().accept();
-    std::unique_ptr<FrameCollector> onSecond;
-    if (second) {
-        onSecond = std::make_unique<FrameCollector>(second->fd(), "", 2'000ms);
-    }
+    ASSERT_TRUE(second) << session.log();
+    FrameCollector onSecond(second->fd(), "", 2'000ms);
     auto third = session.core().accept();
-    std::unique_ptr<FrameCollector> onThird;
-    if (third) {
-        onThird =
-            std::make_unique<FrameCollector>(third->fd(), relayedTabData(frames - 1), 10'000ms);
-    }
-    std::thread commandsOnThird([&] {
-        for (int i = commandsBefore; third && i < commandsBefore + commands; ++i) {
+    ASSERT_TRUE(third) << session.log();
+    FrameCollector onThird(third->fd(), relayedTabData(frames - 1), 10'000ms);
+    std::jthread commandsOnThird([&] {
+        for (int i = commandsBefore; i < commandsBefore + commands; ++i) {
             third->send(closeTab(i));
         }
     });
     browser.join();
     commandsOnFirst.join();
     commandsOnThird.join();
-    ASSERT_TRUE(second && third) << session.log();
-    ASSERT_TRUE(onFirst.wait(120'000ms) && onSecond->wait(120'000ms) && onThird->wait(120'000ms));
+    ASSERT_TRUE(onFirst.wait(120'000ms) && onSecond.wait(120'000ms) && onThird.wait(120'000ms));
     ASSERT_TRUE(output.wait(120'000ms));
     const auto residentLate = procFigure(host, "status", "VmRSS");
 
     // Every frame went over exactly one connection, and the connections follow each other.
     std::vector<std::string> relayed;
-    for (const auto* collector : {&onFirst, onSecond.get(), onThird.get()}) {
+    for (const auto* collector : {&onFirst, &onSecond, &onThird}) {
         std::copy_if(
             collector->frames().begin(), collector->frames().end(), std::back_inserter(relayed),
             [](const std::string& message) { return message != "kerrow.updateDeviceTwin"; });
