@@ -1,6 +1,5 @@
-// The development peers, run as a person runs them: the real kerrow-core-peer and
-// kerrow-browser-peer binaries with the real host, under a private session bus, in temporary
-// runtime and state directories.
+// The development peers as a person runs them: the real kerrow-core-peer and kerrow-browser-peer
+// with the real host, under a private session bus, in temporary runtime and state directories.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -14,14 +13,12 @@ namespace {
 
 using namespace std::string_literals;
 
-/// A peer process with its standard output read as lines.
+/// A peer process.
 struct Peer {
     std::unique_ptr<HostProcess> process;
 
     [[nodiscard]] std::string errors() const { return process->standardError(); }
-    void type(std::string_view line) { process->sendRaw(std::string(line) + "\n"); }
-    /// The next line on standard output, read a byte at a time so that nothing after it is
-    /// taken; no value at end of output or time-out.
+    /// The next line on standard output (read a byte at a time), or no value at end or time-out.
     std::optional<std::string> line() {
         std::string text;
         for (std::string byte; (byte = readExactly(process->outputFd(), 1, 10000ms)) != "\n";) {
@@ -34,8 +31,7 @@ struct Peer {
     }
 };
 
-/// The peers in a HostSession's private places, with the core peer (not a test core service)
-/// listening at the socket location.
+/// The peers in a HostSession's private places, with no test core service listening.
 class PeersTest : public ::testing::Test {
   protected:
     PeersTest() { session_.stopCore(); }
@@ -100,8 +96,7 @@ wait-hosts 0
     auto core = startCore({"--script", script.string()});
     ASSERT_EQ(core.line(), "core: listening on " + session_.socketPath().string());
     auto browser = startBrowser();
-    browser.type("this is not json");
-    browser.type(R"({"tabs":[{"id":42}]})");
+    browser.process->sendRaw("this is not json\n{\"tabs\":[{\"id\":42}]}\n");
     const std::vector<std::string> expected{
         R"({"action":"closeTab","payload":{"id":42}})",
         R"({"action":"disableWeb","payload":"Homework time"})",

@@ -1,6 +1,5 @@
-// End-to-end tests of the real kerrow-native-messaging-host binary: a private session bus, a test
-// core service listening at the browser socket location, and the host's standard input and output
-// as pipes, exactly as a browser and the core service see it.
+// The real host end to end, as a browser and the core service see it: a private session bus, a
+// test core service at the browser socket location, and standard input and output as pipes.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -60,7 +59,6 @@ TEST_F(HostTest, AnnouncesItselfAndWaitsForTheAnswerBeforeReadingOrConnecting) {
     std::sort(received.begin(), received.end());
     EXPECT_EQ(received, (std::vector<std::optional<std::string>>{
                             "kerrow.updateDeviceTwin", R"({"early":true}kerrow.tabList)"}));
-    EXPECT_EQ(session.announcementCount(), 1);
 
     ASSERT_TRUE(session.waitForLog(sendingLine));
     const auto lines = session.logMessages();
@@ -80,8 +78,7 @@ TEST_F(HostTest, ReconnectsWhenTheCoreServiceDropsTheConnectionMidFrame) {
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":1}})");
     auto second = session.core().accept();
     ASSERT_TRUE(second) << "no reconnection\n" << session.log();
-    // Frames that arrive while the host reconnects are dropped; from the second run of the
-    // connection loop on, they reach the new connection.
+    // Frames are dropped while the host reconnects; once it logs the connection, they reach it.
     ASSERT_TRUE(waitUntil([&] {
         const auto lines = session.logMessages();
         return std::count(lines.begin(), lines.end(), std::string(establishedLine)) == 2;
@@ -171,8 +168,7 @@ TEST_F(HostTest, SigtermEndsTheHostWithStatusZeroAndItsLogWritten) {
     ::kill(session.host().pid(), SIGTERM);
     EXPECT_EQ(session.host().waitForExit(), 0);
     // Written out at once, not by the next periodic flush, which never comes.
-    const auto lines = session.logMessages();
-    EXPECT_NE(std::find(lines.begin(), lines.end(), sendingLine), lines.end()) << session.log();
+    EXPECT_TRUE(session.waitForLog(sendingLine, 0ms)) << session.log();
 }
 
 }  // namespace

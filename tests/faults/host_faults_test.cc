@@ -1,8 +1,5 @@
-// Faults around the real host: garbage and a header at the frame limit from the core service;
-// frames one byte at a time, a browser that stops reading and a log that cannot be opened; and
-// what the host leaves behind across reconnections and repeated starts. (Reconnection, a core
-// service away and hostile length headers are proven by the unit tests and host_test; the log's
-// modes by the logger's unit tests.)
+// Faults around the real host: garbage and a header at the limit from the core service; frames
+// one byte at a time, a browser that stops reading, no log; and what the host leaves behind.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -127,17 +124,12 @@ TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput)
         return session.standardError().find(" info Closing Tab: " + closeTabFrame(99)) !=
                std::string::npos;
     })) << session.standardError();
-    ASSERT_TRUE(session.host().running());
     session.host().send("still relayed");
     EXPECT_EQ(connection.receive(), "still relayedkerrow.tabList");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
-    // The lines themselves are the logger's (its unit tests prove their form and the fallback).
-    for (const std::string expected :
-         {" info KerrowNativeMessagingHost started\n",
-          " info Stopping KerrowNativeMessagingHost:BrowserExtensionIO\n"}) {
-        EXPECT_NE(session.standardError().find(expected), std::string::npos);
-    }
+    EXPECT_NE(session.standardError().find(" info Stopping KerrowNativeMessagingHost:"),
+              std::string::npos);
 }
 
 TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
@@ -155,8 +147,7 @@ TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
     std::map<int, unsigned> descriptorsAtStart;
     std::int64_t threadsAtStart = 0;
     for (int round = 0; round <= 20; ++round) {
-        // Odd rounds drop the connection, even ones post another start, which the new
-        // connection answers with the device-twin request.
+        // Odd rounds drop the connection; even ones post a start (the device-twin request follows).
         if (round % 2 != 0) {
             connection->close();
         } else {
@@ -167,8 +158,7 @@ TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
         if (round % 2 == 0) {
             EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
         }
-        // The host logs each connection once it is in place; browser frames read after that go
-        // over it. Then traffic both ways, so every part of the host has opened what it opens.
+        // Once the connection is logged, traffic both ways makes every part open what it opens.
         ASSERT_TRUE(waitUntil(
             [&] {
                 const auto lines = session.logMessages();

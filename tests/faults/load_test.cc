@@ -1,6 +1,5 @@
-// Load on the real host: 100,000 extension frames and 12,000 core commands at once, in both
-// directions, while two start notifications hand the traffic over to a new connection: nothing
-// lost, duplicated or reordered, and memory flat.
+// Load on the real host: 100,000 frames and 12,000 commands at once while two starts hand the
+// traffic to a new connection: nothing lost, duplicated or reordered, and memory flat.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -28,10 +27,7 @@ class FrameCollector {
               finished_ = true;
           }) {}
     ~FrameCollector() { reader_.join(); }
-    FrameCollector(const FrameCollector&) = delete;
-    FrameCollector& operator=(const FrameCollector&) = delete;
 
-    // Waits for the reader to finish, at most `timeout`; true when it has.
     bool wait(Duration timeout) {
         return waitUntil([this] { return finished_.load(); }, timeout);
     }
@@ -98,8 +94,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
             }
         }
     });
-    // Two start notifications in quick succession, while both directions are busy. Each
-    // connection is read from the moment it is accepted, as a core service would.
+    // Two starts while both directions are busy; each connection is read from its accept on.
     session.postStart();
     session.postStart();
     // Threads are std::jthread, so that a failed assertion joins them before the host goes.

@@ -1,7 +1,5 @@
-// The real host under Valgrind's memcheck (started through host-under-valgrind): a session that
-// touches every path of the host must end with exit status 0, which memcheck turns into 99 on
-// any memory error or definite or indirect leak. The report of each run is kept in
-// KERROW_MEMCHECK_LOGS/<pid>.log and quoted on failure.
+// The real host under Valgrind's memcheck (host-under-valgrind), which turns exit status 0 into 99
+// on any memory error or leak; its report, KERROW_MEMCHECK_LOGS/<pid>.log, is quoted on failure.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -17,11 +15,8 @@ constexpr Duration slow = 60'000ms;
 TEST(MemcheckTest, RelaysReconnectsAndEndsWhileRetryingWithoutMemoryErrorsOrLeaks) {
     HostSession session{KERROW_HOST_BINARY};
     auto connection = session.start(slow);
-    for (int i = 0; i < 50; ++i) {
-        session.host().send(R"({"tabs":[)" + std::to_string(i) + "]}");
-        EXPECT_EQ(connection.receive(slow),
-                  R"({"tabs":[)" + std::to_string(i) + "]}kerrow.tabList");
-    }
+    session.host().send(R"({"tabs":[1]})");
+    EXPECT_EQ(connection.receive(slow), R"({"tabs":[1]}kerrow.tabList)");
     for (const std::string command :
          {"kerrow.closeTab-42", "kerrow.closeTab-abc", "kerrow.disableInternetSchool/hours",
           "kerrow.enableInternet",
