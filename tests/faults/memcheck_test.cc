@@ -1,7 +1,5 @@
-// The real host under Valgrind's memcheck (started through host-under-valgrind): a session that
-// touches every path of the host must end with exit status 0, which memcheck turns into 99 on
-// any memory error or definite or indirect leak. The report of each run is kept in
-// KERROW_MEMCHECK_LOGS/<pid>.log and quoted on failure.
+// The real host under Valgrind's memcheck (host-under-valgrind), which turns exit status 0 into 99
+// on any memory error or leak; its report, KERROW_MEMCHECK_LOGS/<pid>.log, is quoted on failure.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -14,30 +12,11 @@ namespace {
 // Memcheck runs the host some twenty to fifty times slower; every wait is stretched to match.
 constexpr Duration slow = 60'000ms;
 
-std::string report(pid_t pid) {
-    return readFile(std::filesystem::path(KERROW_MEMCHECK_LOGS) / (std::to_string(pid) + ".log"));
-}
-
-class MemcheckTest : public ::testing::Test {
-  protected:
-    void expectCleanExit() {
-        session.host().closeInput();
-        const auto status = session.host().waitForExit(slow);
-        const std::string text = report(session.host().pid());
-        EXPECT_EQ(status, 0) << text;
-        EXPECT_NE(text.find("ERROR SUMMARY: 0 errors"), std::string::npos) << text;
-    }
-
+TEST(MemcheckTest, RelaysReconnectsAndEndsWhileRetryingWithoutMemoryErrorsOrLeaks) {
     HostSession session{KERROW_HOST_BINARY};
-};
-
-TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
     auto connection = session.start(slow);
-    for (int i = 0; i < 50; ++i) {
-        session.host().send(R"({"tabs":[)" + std::to_string(i) + "]}");
-        EXPECT_EQ(connection.receive(slow),
-                  R"({"tabs":[)" + std::to_string(i) + "]}kerrow.tabList");
-    }
+    session.host().send(R"({"tabs":[1]})");
+    EXPECT_EQ(connection.receive(slow), R"({"tabs":[1]}kerrow.tabList)");
     for (const std::string command :
          {"kerrow.closeTab-42", "kerrow.closeTab-abc", "kerrow.disableInternetSchool/hours",
           "kerrow.enableInternet",
@@ -65,16 +44,18 @@ TEST_F(MemcheckTest, RelaysAndReconnectsWithoutMemoryErrorsOrLeaks) {
     EXPECT_EQ(third->receive(slow), "kerrow.updateDeviceTwin");
     session.host().send("last");
     EXPECT_EQ(third->receive(slow), "lastkerrow.tabList");
-    expectCleanExit();
-}
 
-TEST_F(MemcheckTest, EndsCleanlyWhileRetryingAMissingCoreService) {
-    auto connection = session.start(slow);
+    // The core service goes away; the host ends while it retries.
     session.stopCore();
-    connection.close();
+    third->close();
     session.host().send("nobody listens");
     ASSERT_TRUE(session.waitForLog("info Sending Tab Data to Browser Messaging", slow));
-    expectCleanExit();
+    session.host().closeInput();
+    const auto status = session.host().waitForExit(slow);
+    const std::string report = readFile(std::filesystem::path(KERROW_MEMCHECK_LOGS) /
+                                        (std::to_string(session.host().pid()) + ".log"));
+    EXPECT_EQ(status, 0) << report;
+    EXPECT_NE(report.find("ERROR SUMMARY: 0 errors"), std::string::npos) << report;
 }
 
 }  // namespace

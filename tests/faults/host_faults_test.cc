@@ -1,0 +1,196 @@
+// Faults around the real host: garbage and a header at the limit from the core service; frames
+// one byte at a time, a browser that stops reading, no log; and what the host leaves behind.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <random>
+
+#include "kit/frame_codec.h"
+#include "tests/support/host_session.h"
+
+namespace kerrow::test {
+namespace {
+
+std::string closeTabFrame(int id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
+
+// The open descriptors of a process, each with the flags it was opened with (from fdinfo).
+std::map<int, unsigned> openDescriptors(pid_t pid) {
+    std::map<int, unsigned> descriptors;
+    const std::filesystem::path proc = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(proc / "fd", error)) {
+        std::ifstream info(proc / "fdinfo" / entry.path().filename());
+        for (std::string line; std::getline(info, line);) {
+            if (line.starts_with("flags:")) {
+                descriptors[std::stoi(entry.path().filename().string())] =
+                    static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+            }
+        }
+    }
+    return descriptors;
+}
+
+std::vector<pid_t> childProcesses(pid_t pid) {
+    std::vector<pid_t> children;
+    std::error_code error;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        std::ifstream list(task.path() / "children");
+        for (pid_t child = 0; list >> child;) {
+            children.push_back(child);
+        }
+    }
+    return children;
+}
+
+class HostFaultTest : public ::testing::Test {
+  protected:
+    HostSession session{KERROW_HOST_BINARY};
+};
+
+TEST_F(HostFaultTest, DropsGarbageFromTheCoreServiceAndTakesAHeaderAtTheLimitUnreserved) {
+    auto connection = session.start();
+    std::mt19937 random(20261122);
+    std::vector<std::string> garbage;
+    for (int i = 0; i < 200; ++i) {
+        std::string bytes(random() % 300, '\0');
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+        garbage.push_back(bytes);
+    }
+    garbage.insert(garbage.end(),
+                   {"", std::string(3, '\0'), "kerrow.closeTab-5\xFF",
+                    "kerrow.closeTab-\xC0\xB6",               // an overlong "6"
+                    "kerrow.disableInternet\xED\xA0\x80",     // a surrogate
+                    "kerrow.enableInternet\xF4\x90\x80\x80",  // above U+10FFFF
+                    "kerrow.closeTab-99999999999999999999", "kerrow.closeTab--",
+                    "kerrow.websiteList{not json", "kerrow.websiteList" + std::string(100'000, '['),
+                    R"(kerrow.websiteList{"name":1,"websites":[],"listType":0})"});
+    for (const auto& message : garbage) {
+        connection.send(message);
+    }
+    connection.send("kerrow.closeTab-7");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(7)) << session.log();
+    EXPECT_FALSE(session.core().accept(200ms)) << "garbage ended the connection";
+
+    // A header at the limit is no error, and no memory is reserved before the body arrives.
+    const auto peakBefore = procFigure(session.host().pid(), "status", "VmHWM");
+    const auto header = encodeFrameLength(64 * 1024 * 1024);
+    connection.sendRaw(std::string(header.begin(), header.end()) + "kerrow.closeTab-8");
+    connection.close();
+    auto second = session.core().accept(12'000ms);
+    ASSERT_TRUE(second) << session.log();
+    EXPECT_LT(procFigure(session.host().pid(), "status", "VmHWM") - peakBefore, 32 * 1024)
+        << "memory was reserved for the announced 64 MiB";
+    EXPECT_FALSE(session.host().receive(200ms)) << "an incomplete frame was delivered";
+}
+
+TEST_F(HostFaultTest, ReassemblesFramesThatArriveOneByteAtATime) {
+    auto connection = session.start();
+    const std::string bytes =
+        frame(R"({"tabs":[1]})") + frame("") + frame("\xF0\x9F\x98\x80 split across reads");
+    for (const char byte : bytes) {
+        session.host().sendRaw(std::string(1, byte));
+        // Each byte is a read of its own: the next one goes only after the host took this one.
+        ASSERT_TRUE(waitUntil([&] {
+            int unread = -1;
+            return ::ioctl(session.host().inputFd(), FIONREAD, &unread) == 0 && unread == 0;
+        }));
+    }
+    EXPECT_EQ(connection.receive(), R"({"tabs":[1]}kerrow.tabList)");
+    EXPECT_EQ(connection.receive(), "kerrow.tabList");
+    EXPECT_EQ(connection.receive(), "\xF0\x9F\x98\x80 split across readskerrow.tabList");
+}
+
+TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput) {
+    // The log's directory is taken by a file, so it cannot be made, for any user (root too).
+    std::filesystem::create_directories(session.logFile().parent_path().parent_path());
+    std::ofstream(session.logFile().parent_path()) << "not a directory";
+    auto connection = session.start();
+    connection.send("kerrow.closeTab-4");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(4)) << "a log line reached standard output";
+
+    session.host().closeOutput();
+    // Every frame for the extension now meets a closed pipe (EPIPE, and no SIGPIPE death).
+    for (int i = 0; i < 100; ++i) {
+        connection.send("kerrow.closeTab-" + std::to_string(i));
+    }
+    EXPECT_TRUE(waitUntil([&] {
+        return session.standardError().find(" info Closing Tab: " + closeTabFrame(99)) !=
+               std::string::npos;
+    })) << session.standardError();
+    session.host().send("still relayed");
+    EXPECT_EQ(connection.receive(), "still relayedkerrow.tabList");
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+    EXPECT_NE(session.standardError().find(" info Stopping KerrowNativeMessagingHost:"),
+              std::string::npos);
+}
+
+TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
+    // A host started now gets only the three standard streams from us, as from a browser,
+    // whatever our parent left open.
+    for (const auto& [number, flags] : openDescriptors(::getpid())) {
+        if (number > 2) {
+            ::fcntl(number, F_SETFD, FD_CLOEXEC);
+        }
+    }
+    session.launch();
+    ASSERT_TRUE(session.waitForAnnouncement());
+    const pid_t host = session.host().pid();
+    std::optional<CoreConnection> connection;
+    std::map<int, unsigned> descriptorsAtStart;
+    std::int64_t threadsAtStart = 0;
+    for (int round = 0; round <= 20; ++round) {
+        // Odd rounds drop the connection; even ones post a start (the device-twin request follows).
+        if (round % 2 != 0) {
+            connection->close();
+        } else {
+            session.postStart();
+        }
+        connection = session.core().accept(12'000ms);
+        ASSERT_TRUE(connection) << "no connection in round " << round << "\n" << session.log();
+        if (round % 2 == 0) {
+            EXPECT_EQ(connection->receive(), "kerrow.updateDeviceTwin");
+        }
+        // Once the connection is logged, traffic both ways makes every part open what it opens.
+        ASSERT_TRUE(waitUntil(
+            [&] {
+                const auto lines = session.logMessages();
+                return std::count(lines.begin(), lines.end(),
+                                  "info Established a Connection in host-to-core service") > round;
+            },
+            15'000ms))
+            << session.log();
+        session.host().send("tab data " + std::to_string(round));
+        EXPECT_EQ(connection->receive(), "tab data " + std::to_string(round) + "kerrow.tabList");
+        connection->send("kerrow.closeTab-" + std::to_string(round));
+        EXPECT_EQ(session.host().receive(), closeTabFrame(round));
+        if (round == 0) {
+            descriptorsAtStart = openDescriptors(host);
+            threadsAtStart = procFigure(host, "status", "Threads");
+        }
+    }
+    EXPECT_TRUE(childProcesses(host).empty());
+    const auto descriptors = openDescriptors(host);
+    EXPECT_EQ(descriptors.count(2), 1U) << "standard error was closed";
+    for (const auto& [number, flags] : descriptors) {
+        EXPECT_TRUE(number <= 2 || (flags & O_CLOEXEC) != 0)
+            << "descriptor " << number << " would leak into a child";
+    }
+    // Retired parts finish on their own threads; give them a moment to let go.
+    EXPECT_TRUE(waitUntil([&] {
+        return openDescriptors(host).size() <= descriptorsAtStart.size();
+    })) << descriptorsAtStart.size()
+        << " descriptors before, " << openDescriptors(host).size();
+    EXPECT_TRUE(waitUntil([&] { return procFigure(host, "status", "Threads") <= threadsAtStart; }))
+        << threadsAtStart << " threads before, " << procFigure(host, "status", "Threads");
+}
+
+}  // namespace
+}  // namespace kerrow::test
