@@ -12,9 +12,14 @@
 #include <thread>
 
 #include "bench/driver/bench_session.h"
-#include "bench/driver/proc_sample.h"
+#include "tests/support/proc_sample.h"
 
 namespace kerrow::bench {
+
+using test::contextSwitchesBetween;
+using test::cpuNanosecondsBetween;
+using test::ProcessSample;
+using test::sampleProcess;
 
 /// A JSON text of exactly `size` bytes (at least 11), as an extension's tab list might be.
 [[nodiscard]] std::string extensionMessage(std::size_t size);

@@ -1,4 +1,4 @@
-#include "bench/driver/proc_sample.h"
+#include "tests/support/proc_sample.h"
 
 #include <filesystem>
 #include <fstream>
@@ -6,14 +6,14 @@
 
 #include "tests/support/host_process.h"
 
-namespace kerrow::bench {
+namespace kerrow::test {
 
 ProcessSample sampleProcess(pid_t pid) {
     ProcessSample sample;
-    sample.residentKiB = test::procFigure(pid, "status", "VmRSS");
-    sample.threads = static_cast<int>(test::procFigure(pid, "status", "Threads"));
-    sample.privateKiB = test::procFigure(pid, "smaps_rollup", "Private_Clean") +
-                        test::procFigure(pid, "smaps_rollup", "Private_Dirty");
+    sample.residentKiB = procFigure(pid, "status", "VmRSS");
+    sample.threads = static_cast<int>(procFigure(pid, "status", "Threads"));
+    sample.privateKiB = procFigure(pid, "smaps_rollup", "Private_Clean") +
+                        procFigure(pid, "smaps_rollup", "Private_Dirty");
     std::error_code error;
     const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
     for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
@@ -21,8 +21,8 @@ ProcessSample sampleProcess(pid_t pid) {
         const std::string status = "task/" + id + "/status";
         ProcessSample::Thread thread;
         std::ifstream(task.path() / "schedstat") >> thread.cpuNanoseconds;
-        thread.contextSwitches = test::procFigure(pid, status, "voluntary_ctxt_switches") +
-                                 test::procFigure(pid, status, "nonvoluntary_ctxt_switches");
+        thread.contextSwitches = procFigure(pid, status, "voluntary_ctxt_switches") +
+                                 procFigure(pid, status, "nonvoluntary_ctxt_switches");
         sample.threadsById[std::stoi(id)] = thread;
     }
     return sample;
@@ -50,4 +50,4 @@ std::int64_t contextSwitchesBetween(const ProcessSample& before, const ProcessSa
     return growthBetween(before, after, &ProcessSample::Thread::contextSwitches);
 }
 
-}  // namespace kerrow::bench
+}  // namespace kerrow::test

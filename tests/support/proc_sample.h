@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <map>
 
-namespace kerrow::bench {
+namespace kerrow::test {
 
 struct ProcessSample {
     struct Thread {
@@ -32,4 +32,4 @@ struct ProcessSample {
 [[nodiscard]] std::int64_t contextSwitchesBetween(const ProcessSample& before,
                                                   const ProcessSample& after);
 
-}  // namespace kerrow::bench
+}  // namespace kerrow::test
