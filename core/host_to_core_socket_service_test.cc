@@ -122,31 +122,6 @@ TEST_F(ServiceTest, DropsWhatItCannotRouteAndGoesOn) {
     EXPECT_EQ(logLines(), expected);
 }
 
-TEST_F(ServiceTest, ReconnectsWhenTheCoreServiceEndsTheConnection) {
-    service->setup();
-    ASSERT_TRUE(logShows("info Established a Connection in host-to-core service"));
-    connection->close();
-    auto again = core.accept();
-    ASSERT_TRUE(again);
-    EXPECT_TRUE(logShows("info Established a Connection in host-to-core service", 2));
-    again->send("kerrow.closeTab-5");
-    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":5}})");
-}
-
-TEST_F(ServiceTest, StopsForGoodAfterASocketError) {
-    service->setup();
-    connection->sendRaw("\xff\xff\xff\xff");  // announces 4 GiB: a protocol error
-    ASSERT_TRUE(logShows(
-        "error Error with socket in host-to-core service: inbound frame of 4294967295 bytes "
-        "exceeds the 64 MiB limit"));
-    EXPECT_TRUE(connection->waitForClose());
-    EXPECT_FALSE(core.accept(300ms));  // it never reconnects
-    const auto lines = logLines();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "info Established a Connection in host-to-core service"),
-              1);
-}
-
 // A repeated start retires the service: commands already on their way still arrive, and neither
 // the end of the connection nor a reconnect under way is an error or leads to a reconnect.
 TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
