@@ -32,7 +32,7 @@ class LoggerTest : public ::testing::Test {
 };
 
 // Without an explicit flush, the lines reach the file within a second.
-TEST_F(LoggerTest, WritesTheCallersTimeStampLevelAndMessageSoon) {
+TEST_F(LoggerTest, WritesEachMessageAsOneLineWithTheCallersTimeSoon) {
     const Logger logger(now(), logsDir);
     logger.logInformation("KerrowNativeMessagingHost started", exampleTime());
     logger.logError(std::system_error(ENOENT, std::generic_category(), "connect"),
@@ -43,10 +43,8 @@ TEST_F(LoggerTest, WritesTheCallersTimeStampLevelAndMessageSoon) {
         "directory\n";
     EXPECT_TRUE(test::waitUntil([&] { return test::readFile(logFile) == expected; }, 3000ms))
         << test::readFile(logFile);
-}
 
-TEST_F(LoggerTest, AMessageStaysOneLineOfAtMost64KiBWhateverItCarries) {
-    const Logger logger(now(), logsDir);
+    // A message stays one line of at most 64 KiB, whatever it carries.
     logger.logInformation(
         "Received Disable Internet: a\n2026-01-01T00:00:00.000Z error forged\r\x1b[2J\tend\x7f",
         exampleTime());
@@ -57,7 +55,7 @@ TEST_F(LoggerTest, AMessageStaysOneLineOfAtMost64KiBWhateverItCarries) {
     }
     logger.logInformation(huge, exampleTime());
     Logger::flushAll();
-    const std::string log = test::readFile(logFile);
+    const std::string log = test::readFile(logFile).substr(expected.size());
     const std::string first = log.substr(0, log.find('\n') + 1);
     EXPECT_EQ(first,
               "2026-11-22T09:14:03.042Z info Received Disable Internet: "
