@@ -129,7 +129,7 @@ TEST_F(SocketTest, ConnectsWithoutADelegateAndFramesBothWays) {
     EXPECT_EQ(delegate->messages, (std::vector<std::string>{"split", "!"}));
 }
 
-// The decoder's limit is proven at its edge in the codec tests; the endpoint's is 64 MiB.
+// One byte over 64 MiB is refused; a header of exactly 64 MiB is taken (faults/ shows it).
 TEST_F(ConnectedSocketTest, RefusesAFrameOverTheLimitAsSoonAsItsHeaderArrives) {
     connection->sendRaw(test::frame("before") + "\x01\x00\x00\x04"s);
     try {
