@@ -59,8 +59,7 @@ Descriptor boundSocket(const std::filesystem::path& path) {
     return socket;
 }
 
-// An endpoint at the browser socket location of a private XDG_RUNTIME_DIR, where a test core
-// service listens.
+// An endpoint at the browser socket location of a private XDG_RUNTIME_DIR, and a core service.
 class SocketTest : public ::testing::Test {
   protected:
     // Sets `helper` up and returns the core service's side of its connection.
@@ -263,9 +262,8 @@ TEST_F(SocketTest, PacesConnectionsThatEndAtOnce) {
     EXPECT_LE(connections, 10);  // 20 ms doubling to 1 s; without pacing, thousands
 }
 
-// Retired, the endpoint still reads and sends, but only for its grace: a send that a core
-// service no longer reading holds back fails, and reading stops. (The read here also shows that
-// a blocked send never holds a read back.)
+// Retired, the endpoint reads and sends only for its grace: a send held back fails, reading stops.
+// (The read here also shows that a blocked send never holds a read back.)
 TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
     // A send of more than the socket buffers hold.
     auto blocked = errorCodeOf([&] { endpoint->sendData(Data(std::size_t{16} * 1024 * 1024)); });

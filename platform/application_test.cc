@@ -98,8 +98,7 @@ class ApplicationStopTest : public ::testing::TestWithParam<StopSignal> {};
 
 TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
     Child child([busy = GetParam().busyOutsideTheLoop](int output) {
-        // Like a logger's flusher: started before the loop, so the stop signals are not blocked
-        // in it.
+        // Like a logger's flusher: started before the loop, so it does not block stop signals.
         std::promise<pid_t> started;
         std::thread([&started] {
             started.set_value(::gettid());
