@@ -1,6 +1,7 @@
 // Faults around the real host: garbage and a header at the limit from the core service; frames
 // one byte at a time, a browser that stops reading, no log; and what the host leaves behind.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
@@ -14,6 +15,8 @@
 
 namespace kerrow::test {
 namespace {
+
+using ::testing::HasSubstr;
 
 std::string closeTabFrame(int id) {
     return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
@@ -88,6 +91,9 @@ TEST_F(HostFaultTest, DropsGarbageFromTheCoreServiceAndTakesAHeaderAtTheLimitUnr
     EXPECT_LT(procFigure(session.host().pid(), "status", "VmHWM") - peakBefore, 32 * 1024)
         << "memory was reserved for the announced 64 MiB";
     EXPECT_FALSE(session.host().receive(200ms)) << "an incomplete frame was delivered";
+    second->send("kerrow.enableInternet");
+    EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})")
+        << "the cut frame's bytes were joined to the next connection's";
 }
 
 TEST_F(HostFaultTest, ReassemblesFramesThatArriveOneByteAtATime) {
@@ -124,12 +130,13 @@ TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput)
         return session.standardError().find(" info Closing Tab: " + closeTabFrame(99)) !=
                std::string::npos;
     })) << session.standardError();
+    // The last frame before end of input is relayed before the process ends.
     session.host().send("still relayed");
-    EXPECT_EQ(connection.receive(), "still relayedkerrow.tabList");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
-    EXPECT_NE(session.standardError().find(" info Stopping KerrowNativeMessagingHost:"),
-              std::string::npos);
+    EXPECT_EQ(connection.receive(), "still relayedkerrow.tabList");
+    EXPECT_TRUE(connection.waitForClose());
+    EXPECT_THAT(session.standardError(), HasSubstr(" info Stopping KerrowNativeMessagingHost:"));
 }
 
 TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {

@@ -47,10 +47,6 @@ std::string relayedTabData(int i) {
     return tabData(i) + "kerrow.tabList";
 }
 
-std::string closeTab(int i) {
-    return "kerrow.closeTab-" + std::to_string(i);
-}
-
 std::string closeTabFrame(int i) {
     return R"({"action":"closeTab","payload":{"id":)" + std::to_string(i) + "}}";
 }
@@ -87,7 +83,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     // Once retired, the first connection is closed by the host: sending stops at the first error.
     std::jthread commandsOnFirst([&] {
         for (int i = 0; i < commandsBefore; ++i) {
-            const std::string bytes = frame(closeTab(i));
+            const std::string bytes = frame("kerrow.closeTab-" + std::to_string(i));
             if (::send(first.fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) !=
                 static_cast<ssize_t>(bytes.size())) {
                 break;
@@ -106,7 +102,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     FrameCollector onThird(third->fd(), relayedTabData(frames - 1), 10'000ms);
     std::jthread commandsOnThird([&] {
         for (int i = commandsBefore; i < commandsBefore + commands; ++i) {
-            third->send(closeTab(i));
+            third->send("kerrow.closeTab-" + std::to_string(i));
         }
     });
     browser.join();
@@ -115,6 +111,10 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     ASSERT_TRUE(onFirst.wait(120'000ms) && onSecond.wait(120'000ms) && onThird.wait(120'000ms));
     ASSERT_TRUE(output.wait(120'000ms));
     const auto residentLate = procFigure(host, "status", "VmRSS");
+    // The retired services closed their connections and never connect again; one announcement.
+    EXPECT_TRUE(first.waitForClose() && second->waitForClose()) << session.log();
+    EXPECT_FALSE(session.core().accept(500ms)) << "a retired service reconnected";
+    EXPECT_EQ(session.announcementCount(), 1);
 
     // Every frame went over exactly one connection, and the connections follow each other.
     std::vector<std::string> relayed;
