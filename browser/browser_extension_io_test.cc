@@ -109,34 +109,5 @@ TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
     EXPECT_EQ(textView(inputHandle->readDataOfLength(4)), "\x06\0\0\0"s);
 }
 
-// The stop path ends the process, so it runs in a forked child: frames, then end of input. The
-// child is forked at EXPECT_EXIT (no re-execution), so it shares the directory made here.
-TEST(RelayStop, EndOfInputLogsFlushesAndExitsWithStatusZero) {
-    GTEST_FLAG_SET(death_test_style, "fast");
-    test::TemporaryDirectory directory;
-    const auto logFile = directory.path() / "kerrow" / "native-messaging-host.log";
-    EXPECT_EXIT(
-        {
-            ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
-            test::Pipe input;
-            test::writeAll(input.writeEnd(), frame("one") + frame("two"));
-            input.closeWriteEnd();
-            auto channel = std::make_shared<BrowserExtensionIO>(
-                std::make_shared<FileHandle>(input.releaseReadEnd()),
-                std::make_shared<FileHandle>(::dup(2)));
-            channel->start();
-            for (;;) {
-                ::pause();
-            }
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_EQ(
-        test::logMessages(logFile),
-        (std::vector<std::string>{"info Starting KerrowNativeMessagingHost:BrowserExtensionIO",
-                                  "info Sending Tab Data to Browser Messaging",
-                                  "info Sending Tab Data to Browser Messaging",
-                                  "info Stopping KerrowNativeMessagingHost:BrowserExtensionIO"}));
-}
-
 }  // namespace
 }  // namespace kerrow
