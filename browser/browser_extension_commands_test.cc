@@ -42,7 +42,6 @@ class CommandTest : public ::testing::Test {
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
-// The service's tests show each command's frame and log line; these are the channel's own cases.
 TEST_F(CommandTest, TakesAPlusSignedIdAndWritesEachKindOfWebsiteList) {
     channel->closeTab("+5");
     channel->setWebsiteList(

@@ -24,12 +24,15 @@ class RelayTest : public ::testing::Test {
         auto accepted = core.accept();
         ASSERT_TRUE(accepted);
         connection.emplace(std::move(*accepted));
-        channel = std::make_shared<BrowserExtensionIO>(
+        channel = newChannel();
+    }
+
+    std::shared_ptr<BrowserExtensionIO> newChannel() {
+        return std::make_shared<BrowserExtensionIO>(
             inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
     }
 
-    // Retires the channel, so that closing the pipes cannot end the test process, and waits
-    // until its loop has let go of the input.
+    // Retires the channel (closing the pipes must not end the test) and waits for its loop.
     void TearDown() override {
         if (channel) {
             channel->retire();
@@ -82,8 +85,7 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     auto newConnection = core.accept();
     ASSERT_TRUE(newConnection);
     channel->retire();
-    auto next = std::make_shared<BrowserExtensionIO>(
-        inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+    auto next = newChannel();
     next->browserSocket = second;
     next->start();
 
@@ -98,8 +100,7 @@ TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
     // The loop's work item holds the channel weakly: a channel gone by then reads nothing.
     channel.reset();
     {
-        auto doomed = std::make_shared<BrowserExtensionIO>(
-            inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+        auto doomed = newChannel();
         doomed->browserSocket = socket;
         doomed->retire();
         doomed->start();

@@ -71,8 +71,6 @@ TEST(NativeHostMessageCoding, ReadsLenientlyWhereTheFormAllows) {
          {Type::setWhitelist, Payload::setWhitelist({})}},
         {R"({"action":"setBlacklist","payload":{"blacklist":["\u00e9\/"]}})",
          {Type::setBlacklist, Payload::setBlacklist({"\xc3\xa9/"})}},
-        {R"({"action":"config","payload":{"config":{"address":""}}})",
-         {Type::config, Payload::config(Config{"", std::string(Config::kDefaultAPI)})}},
     };
     for (const auto& [json, expected] : cases) {
         EXPECT_EQ(NativeHostMessage::fromJSONString(json), expected) << json;

@@ -28,7 +28,6 @@ using std::chrono::sys_seconds;
     return record;
 }
 
-// The microseconds are dropped; the exact object is proven with the message that carries it.
 TEST(LoginEntryFromUtmpx, TakesLoginsAndProcessEndsOnlyToTheSecond) {
     const struct {
         short type;

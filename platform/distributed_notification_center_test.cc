@@ -56,8 +56,7 @@ class DistributedNotificationCenterTest : public ::testing::Test {
     DistributedNotificationCenter center{loop.get()};
 };
 
-// Only a signal whose first argument is an observed name is a notification (an extra argument
-// does not matter); every observer of the name sees it.
+// A signal whose first argument is an observed name (extra ones aside) reaches every observer.
 TEST_F(DistributedNotificationCenterTest, DeliversOnlyTheObservedNamesFromAnotherConnection) {
     std::vector<std::string> seen;
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, first observer"); });
@@ -116,8 +115,8 @@ TEST_F(DistributedNotificationCenterTest, ObservesAgainOnceTheBusComesBack) {
 TEST(DistributedNotificationCenterWithoutBusTest, ThrowsANamedErrorAndConnectsOnceThereIsABus) {
     const TemporaryDirectory runtime;
     const ScopedEnvironmentVariable noAddress("DBUS_SESSION_BUS_ADDRESS", std::nullopt);
-    std::optional<ScopedEnvironmentVariable> runtimeDirectory;
-    runtimeDirectory.emplace("XDG_RUNTIME_DIR", runtime.path().string());
+    std::optional<ScopedEnvironmentVariable> runtimeDirectory{std::in_place, "XDG_RUNTIME_DIR",
+                                                              runtime.path().string()};
     const EventLoop loop = newLoop();
     DistributedNotificationCenter center(loop.get());
     bool seen = false;

@@ -16,7 +16,6 @@ using namespace std::string_literals;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
-/// A peer process.
 struct Peer {
     std::unique_ptr<HostProcess> process;
 

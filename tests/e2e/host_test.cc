@@ -15,7 +15,6 @@ namespace kerrow::test {
 namespace {
 
 constexpr std::string_view startedLine = "info KerrowNativeMessagingHost started";
-constexpr std::string_view settingUpLine = "info Setting up Host to Core service";
 constexpr std::string_view requestingLine = "info Requesting Device Twin update";
 constexpr std::string_view sendingLine = "info Sending Tab Data to Browser Messaging";
 
@@ -59,7 +58,9 @@ TEST_F(HostTest, AnnouncesItselfAndWaitsForTheAnswerBeforeReadingOrConnecting) {
 
     ASSERT_TRUE(session.waitForLog(sendingLine));
     const auto lines = session.logMessages();
-    EXPECT_TRUE(inOrder(lines, {startedLine, settingUpLine, requestingLine})) << session.log();
+    EXPECT_TRUE(
+        inOrder(lines, {startedLine, "info Setting up Host to Core service", requestingLine}))
+        << session.log();
     EXPECT_TRUE(
         inOrder(lines, {"info Starting KerrowNativeMessagingHost:BrowserExtensionIO", sendingLine}))
         << session.log();
@@ -69,11 +70,7 @@ TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBr
     auto connection = session.start();
     connection.sendRaw(std::string("\xFF\xFF\xFF\xFF", 4));
     EXPECT_TRUE(connection.waitForClose()) << session.log();
-    ASSERT_TRUE(session.waitForLog(
-        "error Error with socket in host-to-core service: inbound frame of 4294967295 bytes "
-        "exceeds the 64 MiB limit"));
     EXPECT_FALSE(session.core().accept(500ms)) << "reconnected after a socket error";
-    // End of input still ends the process well, with nothing more on standard output.
     session.host().send("dropped");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);

@@ -1,5 +1,4 @@
-// Faults around the real host: garbage and a header at the limit from the core service; frames
-// one byte at a time, a browser that stops reading, no log; and what the host leaves behind.
+// The real host under faults: bad core input, split frames, no log, a closed output, leaks.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -117,7 +116,6 @@ TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput)
         return session.standardError().find(" info Closing Tab: " + closeTabFrame(99)) !=
                std::string::npos;
     })) << session.standardError();
-    // The last frame before end of input is relayed before the process ends.
     session.host().send("still relayed");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
@@ -127,8 +125,7 @@ TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput)
 }
 
 TEST_F(HostFaultTest, LeaksNothingAcrossReconnectionsAndRestarts) {
-    // A host started now gets only the three standard streams from us, as from a browser,
-    // whatever our parent left open.
+    // Like a browser, we give the host only the three standard streams, whatever we inherited.
     for (const auto& [number, flags] : openDescriptors(::getpid())) {
         if (number > 2) {
             ::fcntl(number, F_SETFD, FD_CLOEXEC);

@@ -1,5 +1,4 @@
-// Load on the real host: 100,000 frames and 12,000 commands at once while two starts hand the
-// traffic to a new connection: nothing lost, duplicated or reordered, and memory flat.
+// The real host under load across two repeated starts: nothing lost or reordered, memory flat.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -12,8 +11,7 @@
 namespace kerrow::test {
 namespace {
 
-// Reads frames from a descriptor on a thread of its own until the frame `last` arrived, the
-// stream ends, or `idle` passes without a frame. frames() is safe to call once wait() held.
+// Reads frames on its own thread until `last`, end of stream or `idle`; frames() once wait() held.
 class FrameCollector {
   public:
     FrameCollector(int fd, std::string last, Duration idle)
@@ -111,7 +109,6 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     ASSERT_TRUE(onFirst.wait(120'000ms) && onSecond.wait(120'000ms) && onThird.wait(120'000ms));
     ASSERT_TRUE(output.wait(120'000ms));
     const auto residentLate = procFigure(host, "status", "VmRSS");
-    // The retired services closed their connections and never connect again; one announcement.
     EXPECT_TRUE(first.waitForClose() && second->waitForClose()) << session.log();
     EXPECT_FALSE(session.core().accept(500ms)) << "a retired service reconnected";
     EXPECT_EQ(session.announcementCount(), 1);
