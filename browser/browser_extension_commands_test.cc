@@ -42,33 +42,22 @@ class CommandTest : public ::testing::Test {
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
-TEST_F(CommandTest, EachCommandWritesItsEnvelopeAnnouncedByItsExactText) {
-    channel->closeTab("42");
+TEST_F(CommandTest, TakesAPlusSignedIdAndWritesEachKindOfWebsiteList) {
     channel->closeTab("+5");
-    channel->disableInternet(R"(say "no" to a/b\c)");
-    channel->enableInternet();
     channel->setWebsiteList(
-        dataFromText(R"({"name":"S","websites":["c.example","a.example/x"],"listType":0})"));
-    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":[],"listType":1})"));
+        dataFromText(R"({"name":"S","websites":["c.example","a.example"],"listType":0})"));
     // A list of neither kind clears allow, then block.
     channel->setWebsiteList(dataFromText(R"({"name":"N","websites":["x"],"listType":2})"));
     const std::vector<std::string> written = {
-        R"({"action":"closeTab","payload":{"id":42}})",
         R"({"action":"closeTab","payload":{"id":5}})",
-        R"({"action":"disableWeb","payload":"say \"no\" to a\/b\\c"})",
-        R"({"action":"enableWeb","payload":{}})",
-        R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example\/x"]}})",
-        R"({"action":"setBlacklist","payload":{"blacklist":[]}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example"]}})",
         R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
         R"({"action":"setBlacklist","payload":{"blacklist":[]}})"};
     EXPECT_EQ(frames(), written);
-    EXPECT_EQ(
-        logLines(),
-        (std::vector<std::string>{
-            "info Closing Tab: " + written[0], "info Closing Tab: " + written[1],
-            "info Disabling Internet: " + written[2], "info Enabling Internet: " + written[3],
-            "info Setting Website List: " + written[4], "info Setting Website List: " + written[5],
-            "info Clearing Allow Website Lists", "info Clearing Block Website Lists"}));
+    EXPECT_EQ(logLines(),
+              (std::vector<std::string>{
+                  "info Closing Tab: " + written[0], "info Setting Website List: " + written[1],
+                  "info Clearing Allow Website Lists", "info Clearing Block Website Lists"}));
 }
 
 TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {

@@ -24,12 +24,15 @@ class RelayTest : public ::testing::Test {
         auto accepted = core.accept();
         ASSERT_TRUE(accepted);
         connection.emplace(std::move(*accepted));
-        channel = std::make_shared<BrowserExtensionIO>(
+        channel = newChannel();
+    }
+
+    std::shared_ptr<BrowserExtensionIO> newChannel() {
+        return std::make_shared<BrowserExtensionIO>(
             inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
     }
 
-    // Retires the channel, so that closing the pipes cannot end the test process, and waits
-    // until its loop has let go of the input.
+    // Retires the channel (closing the pipes must not end the test) and waits for its loop.
     void TearDown() override {
         if (channel) {
             channel->retire();
@@ -82,8 +85,7 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     auto newConnection = core.accept();
     ASSERT_TRUE(newConnection);
     channel->retire();
-    auto next = std::make_shared<BrowserExtensionIO>(
-        inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+    auto next = newChannel();
     next->browserSocket = second;
     next->start();
 
@@ -98,8 +100,7 @@ TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
     // The loop's work item holds the channel weakly: a channel gone by then reads nothing.
     channel.reset();
     {
-        auto doomed = std::make_shared<BrowserExtensionIO>(
-            inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+        auto doomed = newChannel();
         doomed->browserSocket = socket;
         doomed->retire();
         doomed->start();
@@ -107,35 +108,6 @@ TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
     test::writeAll(input.writeEnd(), frame("unread"));
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
     EXPECT_EQ(textView(inputHandle->readDataOfLength(4)), "\x06\0\0\0"s);
-}
-
-// The stop path ends the process, so it runs in a forked child: frames, then end of input. The
-// child is forked at EXPECT_EXIT (no re-execution), so it shares the directory made here.
-TEST(RelayStop, EndOfInputLogsFlushesAndExitsWithStatusZero) {
-    GTEST_FLAG_SET(death_test_style, "fast");
-    test::TemporaryDirectory directory;
-    const auto logFile = directory.path() / "kerrow" / "native-messaging-host.log";
-    EXPECT_EXIT(
-        {
-            ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
-            test::Pipe input;
-            test::writeAll(input.writeEnd(), frame("one") + frame("two"));
-            input.closeWriteEnd();
-            auto channel = std::make_shared<BrowserExtensionIO>(
-                std::make_shared<FileHandle>(input.releaseReadEnd()),
-                std::make_shared<FileHandle>(::dup(2)));
-            channel->start();
-            for (;;) {
-                ::pause();
-            }
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_EQ(
-        test::logMessages(logFile),
-        (std::vector<std::string>{"info Starting KerrowNativeMessagingHost:BrowserExtensionIO",
-                                  "info Sending Tab Data to Browser Messaging",
-                                  "info Sending Tab Data to Browser Messaging",
-                                  "info Stopping KerrowNativeMessagingHost:BrowserExtensionIO"}));
 }
 
 }  // namespace

@@ -30,18 +30,6 @@ std::vector<std::string> framesOf(const std::string& bytes) {
     return bodies;
 }
 
-std::string written(std::string_view body) {
-    Pipe pipe;
-    FileHandle output(pipe.releaseWriteEnd());
-    std::thread writer([&] {
-        writeFrame(output, body);
-        output.closeFile();
-    });
-    auto bytes = test::readToEnd(pipe.readEnd());
-    writer.join();
-    return bytes;
-}
-
 TEST(StandardStreamReading, ReadsFramesUntilEndOfInput) {
     const std::string big(0x010203, 'z');  // the length is little-endian over all four bytes
     const struct {
@@ -79,11 +67,6 @@ TEST(StandardStreamReading, CancelledReaderLeavesTheFrameToTheNextReader) {
     EXPECT_EQ(readFrame(input), dataFromText("hello"));
     EXPECT_EQ(readFrame(input), dataFromText("b"));
     EXPECT_EQ(readFrame(input), std::nullopt);
-}
-
-TEST(StandardStreamWriting, WritesTheLittleEndianByteCountThenTheBody) {
-    EXPECT_EQ(written("{}"), "\x02\0\0\0{}"s);
-    EXPECT_EQ(written(std::string(0x012345, 'b')).size(), 4u + 0x012345u);
 }
 
 }  // namespace

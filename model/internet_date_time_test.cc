@@ -11,10 +11,10 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::sys_seconds;
 
-TEST(InternetDateTime, WritesUTCToTheSecondWithZ) {
+TEST(InternetDateTime, WritesUTCToTheSecondWithZForFourDigitYearsOnly) {
     const struct {
         std::int64_t secondsSinceEpoch;
-        std::string_view text;
+        std::optional<std::string_view> text;
     } cases[] = {
         {0, "1970-01-01T00:00:00Z"},
         {1714550400, "2024-05-01T08:00:00Z"},
@@ -22,17 +22,16 @@ TEST(InternetDateTime, WritesUTCToTheSecondWithZ) {
         {-1, "1969-12-31T23:59:59Z"},
         {-62167219200, "0000-01-01T00:00:00Z"},
         {253402300799, "9999-12-31T23:59:59Z"},
+        {-62167219201, std::nullopt},
+        {253402300800, std::nullopt},
     };
     for (const auto& [secondsSinceEpoch, text] : cases) {
         const sys_seconds date{seconds{secondsSinceEpoch}};
-        EXPECT_EQ(formatInternetDateTime(date), text);
-        EXPECT_EQ(parseInternetDateTime(text), date) << text;
+        EXPECT_EQ(formatInternetDateTime(date), text) << secondsSinceEpoch;
+        if (text) {
+            EXPECT_EQ(parseInternetDateTime(*text), date) << *text;
+        }
     }
-}
-
-TEST(InternetDateTime, GivesNoTextForYearsOutsideFourDigits) {
-    EXPECT_EQ(formatInternetDateTime(sys_seconds{seconds{-62167219201}}), std::nullopt);
-    EXPECT_EQ(formatInternetDateTime(sys_seconds{seconds{253402300800}}), std::nullopt);
 }
 
 TEST(InternetDateTime, ReadsNumericOffsetsAsTheSameInstant) {

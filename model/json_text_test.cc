@@ -10,8 +10,6 @@ namespace {
 
 using namespace std::string_view_literals;
 
-// The extension has always received strings escaped this way; any change shows up as a different
-// frame body.
 TEST(JSONStringWriter, EscapesExactlyTheAgreedCharacters) {
     const struct {
         std::string_view text;

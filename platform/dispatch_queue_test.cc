@@ -13,8 +13,7 @@
 namespace kerrow {
 namespace {
 
-// Several threads submit at once: nothing is lost, each submitter's items run in its order, all
-// on one thread of the queue's own (so never two at once).
+// Several submitters at once: nothing lost, each one's items in order, all on one own thread.
 TEST(DispatchQueue, RunsItemsInOrderOnOneThreadOfItsOwn) {
     constexpr int submitters = 4;
     constexpr int each = 250;

@@ -1,5 +1,6 @@
 // The development peers as a person runs them: the real kerrow-core-peer and kerrow-browser-peer
 // with the real host, under a private session bus, in temporary runtime and state directories.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -12,8 +13,9 @@ namespace kerrow::test {
 namespace {
 
 using namespace std::string_literals;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
 
-/// A peer process.
 struct Peer {
     std::unique_ptr<HostProcess> process;
 
@@ -78,7 +80,7 @@ TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBackAndReportBadInput) {
         filter.process->closeInput();
         EXPECT_EQ(filter.process->receiveRest(), output) << mode;
         EXPECT_EQ(filter.process->waitForExit(), status) << mode;
-        EXPECT_NE(filter.errors().find(error), std::string::npos) << filter.errors();
+        EXPECT_THAT(filter.errors(), HasSubstr(error));
     }
 }
 
@@ -110,19 +112,16 @@ wait-hosts 0
     browser.process->closeInput();
     EXPECT_EQ(browser.line(), std::nullopt);              // nothing else on standard output
     EXPECT_EQ(browser.process->waitForExit(10000ms), 1);  // the host ended well; a line was bad
-    EXPECT_NE(browser.errors().find("line 1: line is not JSON: "), std::string::npos);
-    EXPECT_NE(browser.errors().find("the host exited with status 0"), std::string::npos);
+    EXPECT_THAT(browser.errors(), AllOf(HasSubstr("line 1: line is not JSON: "),
+                                        HasSubstr("the host exited with status 0")));
 
     EXPECT_EQ(core.process->waitForExit(10000ms), 1);
     EXPECT_EQ(core.errors(), "core-peer: " + script.string() + ":9: no host 1 (connected: none)\n");
-    const std::string shown = core.process->receiveRest();
-    EXPECT_NE(shown.find("core: host 1 connected (pid "), std::string::npos) << shown;
-    EXPECT_NE(shown.find("host 1: tab data {\"tabs\":[{\"id\":42}]}  + kerrow.tabList\n"),
-              std::string::npos)
-        << shown;
-    EXPECT_NE(shown.find("host 1: device-twin update request (kerrow.updateDeviceTwin)\n"),
-              std::string::npos);
-    EXPECT_NE(shown.find("to host 1: kerrow.closeTab-42  [close tab 42]\n"), std::string::npos);
+    EXPECT_THAT(core.process->receiveRest(),
+                AllOf(HasSubstr("core: host 1 connected (pid "),
+                      HasSubstr("host 1: tab data {\"tabs\":[{\"id\":42}]}  + kerrow.tabList\n"),
+                      HasSubstr("host 1: device-twin update request (kerrow.updateDeviceTwin)\n"),
+                      HasSubstr("to host 1: kerrow.closeTab-42  [close tab 42]\n")));
     EXPECT_FALSE(std::filesystem::exists(session_.socketPath()));
 }
 
@@ -175,7 +174,7 @@ TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults)
     chrome.process->closeInput();
     EXPECT_EQ(chrome.process->waitForExit(), 1);
     EXPECT_EQ(readFile(arguments), "chrome-extension://abc/\n");
-    EXPECT_NE(chrome.errors().find("the host exited with status 3"), std::string::npos);
+    EXPECT_THAT(chrome.errors(), HasSubstr("the host exited with status 3"));
 
     auto firefox =
         startBrowser({"--host", fakeHost.string(), "--firefox", "--manifest", "/m.json"});
@@ -198,12 +197,11 @@ TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults)
         {"--host", recordingHost.string(), "--timeout", "0.2", "--script", script.string()});
     EXPECT_EQ(scripted.process->waitForExit(), 1);
     EXPECT_EQ(readFile(input), "");
-    EXPECT_NE(scripted.errors().find(script.string() +
-                                     ":1: expect: the host wrote no frame containing 'never' "
-                                     "within 0.2 s\nbrowser-peer: script stopped\n"),
-              std::string::npos)
-        << scripted.errors();
-    EXPECT_NE(scripted.errors().find("the host exited with status 0"), std::string::npos);
+    EXPECT_THAT(scripted.errors(),
+                AllOf(HasSubstr(script.string() +
+                                ":1: expect: the host wrote no frame containing 'never' within "
+                                "0.2 s\nbrowser-peer: script stopped\n"),
+                      HasSubstr("the host exited with status 0")));
 
     // One good frame, then a header announcing 1 MiB + 1 byte; then it waits for end of input.
     const auto bigHost = write("big-host",
@@ -213,11 +211,9 @@ TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults)
     auto dropping = startBrowser({"--host", bigHost.string()});
     EXPECT_EQ(dropping.line(), "{}");
     EXPECT_EQ(dropping.process->waitForExit(), 1);  // the host ended (0) once its input closed
-    EXPECT_NE(dropping.errors().find("the host wrote a frame of 1048577 bytes, over the browser "
-                                     "limit of 1 MiB; a browser drops such a host: closing its "
-                                     "pipes"),
-              std::string::npos)
-        << dropping.errors();
+    EXPECT_THAT(dropping.errors(),
+                HasSubstr("the host wrote a frame of 1048577 bytes, over the browser limit of 1 "
+                          "MiB; a browser drops such a host: closing its pipes"));
 }
 
 }  // namespace
