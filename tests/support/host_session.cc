@@ -22,18 +22,6 @@ HostSession::HostSession(std::filesystem::path hostBinary)
     startCore();
 }
 
-void HostSession::startCore() {
-    core_.emplace(socketPath());
-}
-
-std::filesystem::path HostSession::socketPath() const {
-    return runtime_ / "kerrow" / "browser.sock";
-}
-
-std::filesystem::path HostSession::logFile() const {
-    return state_ / "kerrow" / "native-messaging-host.log";
-}
-
 std::unique_ptr<HostProcess> HostSession::startProcess(const std::filesystem::path& binary,
                                                        const std::vector<std::string>& arguments) {
     Environment environment{
@@ -58,14 +46,9 @@ void HostSession::launch(const std::vector<std::string>& arguments) {
     host_ = startProcess(hostBinary_, arguments);
 }
 
-bool HostSession::waitForAnnouncement(Duration timeout) {
+bool HostSession::waitForAnnouncement(Duration timeout, int count) {
     return client_.waitForSignal(
-        std::string(NotificationName::nativeMessagingHostDidFinishLaunching), timeout);
-}
-
-int HostSession::announcementCount() {
-    return client_.signalCount(
-        std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
+        std::string(NotificationName::nativeMessagingHostDidFinishLaunching), timeout, count);
 }
 
 void HostSession::postStart() {
@@ -90,14 +73,6 @@ CoreConnection HostSession::start(Duration timeout) {
         throw std::runtime_error("no device-twin request but " + request.value_or("nothing"));
     }
     return std::move(*connection);
-}
-
-std::string HostSession::log() const {
-    return readFile(logFile());
-}
-
-std::vector<std::string> HostSession::logMessages() const {
-    return test::logMessages(logFile());
 }
 
 bool HostSession::waitForLog(std::string_view message, Duration timeout) const {

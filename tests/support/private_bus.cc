@@ -107,12 +107,6 @@ bool BusClient::waitForSignal(std::string_view name, Duration timeout, int count
     return true;
 }
 
-int BusClient::signalCount(std::string_view name) {
-    while (sd_bus_process(bus_.get(), nullptr) > 0) {
-    }
-    return received(name);
-}
-
 int BusClient::received(std::string_view name) const {
     const auto found = received_.find(name);
     return found == received_.end() ? 0 : found->second;
