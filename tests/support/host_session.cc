@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "kit/notification_names.h"
-
 namespace kerrow::test {
 
 HostSession::HostSession(std::filesystem::path hostBinary)
@@ -18,7 +16,7 @@ HostSession::HostSession(std::filesystem::path hostBinary)
     std::filesystem::create_directory(runtime_);
     std::filesystem::create_directory(state_);
     ::chmod(runtime_.c_str(), 0700);
-    client_.observe(std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
+    client_.observe(NotificationName::nativeMessagingHostDidFinishLaunching);
     startCore();
 }
 
@@ -44,15 +42,6 @@ std::unique_ptr<HostProcess> HostSession::startProcess(const std::filesystem::pa
 
 void HostSession::launch(const std::vector<std::string>& arguments) {
     host_ = startProcess(hostBinary_, arguments);
-}
-
-bool HostSession::waitForAnnouncement(Duration timeout, int count) {
-    return client_.waitForSignal(
-        std::string(NotificationName::nativeMessagingHostDidFinishLaunching), timeout, count);
-}
-
-void HostSession::postStart() {
-    client_.post(std::string(NotificationName::startCoreHostServices));
 }
 
 std::optional<CoreConnection> HostSession::answer(Duration timeout) {

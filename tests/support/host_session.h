@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kit/notification_names.h"
 #include "tests/support/host_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/test_support.h"
@@ -28,8 +29,11 @@ class HostSession {
     /// Starts the host with the origin argument a Chrome-family browser passes.
     void launch(const std::vector<std::string>& arguments = {"chrome-extension://kerrow/"});
     /// True once the host announced itself `count` times on the bus (BusClient::waitForSignal).
-    [[nodiscard]] bool waitForAnnouncement(Duration timeout = 5000ms, int count = 1);
-    void postStart();
+    [[nodiscard]] bool waitForAnnouncement(Duration timeout = 5000ms, int count = 1) {
+        return client_.waitForSignal(NotificationName::nativeMessagingHostDidFinishLaunching,
+                                     timeout, count);
+    }
+    void postStart() { client_.post(NotificationName::startCoreHostServices); }
     /// Posts the start notification and accepts the host's connection.
     [[nodiscard]] std::optional<CoreConnection> answer(Duration timeout = 5000ms);
     /// Launches, answers, and takes the device-twin request off the new connection.

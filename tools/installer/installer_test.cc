@@ -77,7 +77,7 @@ class InstallerTest : public ::testing::Test {
 
 TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     // A folder that tells a browser is in use, and the manifest folders written for it; a Flatpak
-    // app's manifest names an executable launcher in the app's folder.
+    // app's manifest names the launcher in the app's folder (flatpak_launcher_test runs it).
     const struct {
         std::string inUse;
         std::vector<std::string> manifests;
@@ -124,9 +124,6 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
             }
             const fs::path app = home_ / ".var/app" / *std::next(folder.begin(), 2);
             EXPECT_EQ(named, app / "kerrow/kerrow-native-messaging-host");
-            EXPECT_EQ(fs::status(named).permissions(), fs::perms(0755));
-            EXPECT_THAT(test::readFile(named),
-                        HasSubstr("exec flatpak-spawn --host '" + host_.string() + "' \"$@\""));
             EXPECT_THAT(written.out,
                         HasSubstr("flatpak override --user --talk-name=org.freedesktop.Flatpak " +
                                   std::next(folder.begin(), 2)->string()));
