@@ -43,7 +43,7 @@ WriterThread::WriterThread(HostProcess& child, std::function<void()> work)
 
 WriterThread::~WriterThread() {
     if (thread_.joinable()) {
-        child_.signal(SIGKILL);
+        ::kill(child_.pid(), SIGKILL);
         thread_.join();
     }
 }

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "bench/driver/bench_session.h"
-#include "tests/support/proc_sample.h"
+#include "tests/support/host_process.h"
 
 namespace kerrow::bench {
 

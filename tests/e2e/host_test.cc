@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tests/support/host_session.h"
-#include "tests/support/proc_sample.h"
 
 namespace kerrow::test {
 namespace {

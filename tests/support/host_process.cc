@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <fstream>
 #include <system_error>
-#include <thread>
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX declares it nowhere
 
@@ -92,36 +91,18 @@ std::string HostProcess::receiveRest(Duration timeout) {
     return process_.output ? readToEnd(process_.output.get(), timeout) : std::string();
 }
 
-void HostProcess::signal(int number) const {
-    if (!status_) {
-        ::kill(process_.pid, number);
-    }
-}
-
 std::optional<int> HostProcess::waitForExit(Duration timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!status_) {
-        int waitStatus = 0;
-        const pid_t done = ::waitpid(process_.pid, &waitStatus, WNOHANG);
-        if (done == process_.pid) {
-            status_ = WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
-        } else if (done < 0 && errno != EINTR) {
-            throw std::system_error(errno, std::generic_category(), "waitpid");
-        } else if (std::chrono::steady_clock::now() >= deadline) {
-            return std::nullopt;
-        } else {
-            std::this_thread::sleep_for(2ms);
-        }
-    }
+    waitUntil(
+        [&] {
+            int waitStatus = 0;
+            if (!status_ && ::waitpid(process_.pid, &waitStatus, WNOHANG) == process_.pid) {
+                status_ =
+                    WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
+            }
+            return status_.has_value();
+        },
+        timeout);
     return status_;
-}
-
-bool HostProcess::running() const {
-    siginfo_t info{};
-    return !status_ &&
-           ::waitid(P_PID, static_cast<id_t>(process_.pid), &info, WEXITED | WNOHANG | WNOWAIT) ==
-               0 &&
-           info.si_pid == 0;
 }
 
 std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name) {
@@ -132,6 +113,48 @@ std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name)
         }
     }
     return 0;
+}
+
+ProcessSample sampleProcess(pid_t pid) {
+    ProcessSample sample;
+    sample.residentKiB = procFigure(pid, "status", "VmRSS");
+    sample.threads = static_cast<int>(procFigure(pid, "status", "Threads"));
+    sample.privateKiB = procFigure(pid, "smaps_rollup", "Private_Clean") +
+                        procFigure(pid, "smaps_rollup", "Private_Dirty");
+    std::error_code error;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        const std::string id = task.path().filename().string();
+        const std::string status = "task/" + id + "/status";
+        ProcessSample::Thread thread;
+        std::ifstream(task.path() / "schedstat") >> thread.cpuNanoseconds;
+        thread.contextSwitches = procFigure(pid, status, "voluntary_ctxt_switches") +
+                                 procFigure(pid, status, "nonvoluntary_ctxt_switches");
+        sample.threadsById[std::stoi(id)] = thread;
+    }
+    return sample;
+}
+
+namespace {
+
+template <typename Field>
+std::int64_t growthBetween(const ProcessSample& before, const ProcessSample& after, Field field) {
+    std::int64_t total = 0;
+    for (const auto& [id, thread] : after.threadsById) {
+        const auto earlier = before.threadsById.find(id);
+        total += thread.*field - (earlier == before.threadsById.end() ? 0 : earlier->second.*field);
+    }
+    return total;
+}
+
+}  // namespace
+
+std::int64_t cpuNanosecondsBetween(const ProcessSample& before, const ProcessSample& after) {
+    return growthBetween(before, after, &ProcessSample::Thread::cpuNanoseconds);
+}
+
+std::int64_t contextSwitchesBetween(const ProcessSample& before, const ProcessSample& after) {
+    return growthBetween(before, after, &ProcessSample::Thread::contextSwitches);
 }
 
 }  // namespace kerrow::test

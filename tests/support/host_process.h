@@ -1,12 +1,8 @@
-// Starting a program the way a browser starts a native messaging host, and watching it run.
-//
-// launchProcess() starts it with standard input and output on pipes held by the caller, the
-// default signal mask and dispositions, the given arguments, and either the given environment
-// (nothing inherited) or ours; standard error goes to a file or is ours. HostProcess owns such a
-// process for a test or a benchmark: frames in and out with bounded waits, signals, exit status;
-// it kills and reaps the process when destroyed. No GoogleTest: failures throw
-// std::system_error. Use a HostProcess from one thread (its descriptors may be read and written
-// by threads of the caller's own); the /proc readers from any thread.
+// Starting a program the way a browser starts a native messaging host: standard input and output
+// on our pipes, default signal mask and dispositions. HostProcess owns one for a test or a
+// benchmark (frames in and out with bounded waits, exit status) and kills and reaps it when
+// destroyed. Failures throw std::system_error. Use a HostProcess from one thread. The /proc
+// readers below (for tests and the benchmarks' figures) work from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -31,9 +27,8 @@ struct LaunchedProcess {
     Descriptor output;  // our read end of its standard output
 };
 
-/// Starts `binary` (a path, or a name looked up in PATH) with `arguments` (argv[1]...). No
-/// `environment`: ours; an empty `standardError` path: ours. The caller reaps the process. Throws
-/// std::system_error "cannot start the host <binary>: <reason>".
+/// Starts `binary` (a path, or a name in PATH). No `environment`: ours; an empty `standardError`
+/// path: ours. The caller reaps the process.
 [[nodiscard]] LaunchedProcess launchProcess(const std::filesystem::path& binary,
                                             const std::vector<std::string>& arguments,
                                             const std::optional<Environment>& environment,
@@ -44,14 +39,12 @@ class HostProcess {
     HostProcess(const std::filesystem::path& binary, const std::vector<std::string>& arguments,
                 const std::optional<Environment>& environment,
                 const std::filesystem::path& standardErrorFile);
-    /// Kills the process if it still runs, and reaps it.
-    ~HostProcess();
+    ~HostProcess();  // kills the process if it still runs, and reaps it
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
-    /// Writes one frame with `body` to its standard input.
+    /// Writes one frame with `body` to its standard input; sendRaw() writes bytes as they are.
     void send(std::string_view body) { sendRaw(frame(body)); }
-    /// Writes raw bytes to its standard input.
     void sendRaw(std::string_view bytes) { writeAll(process_.input.get(), bytes); }
     /// The next frame it wrote to standard output, or no value at end or time-out.
     [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms);
@@ -59,14 +52,9 @@ class HostProcess {
     [[nodiscard]] std::string receiveRest(Duration timeout = 5000ms);
     /// Ends its standard input (the browser closing the connection).
     void closeInput() { process_.input.reset(); }
-    /// Closes our read end of its standard output.
     void closeOutput() { process_.output.reset(); }
-    void signal(int number) const;
-    /// The exit status (128 + signal number when a signal ended it), or no value when the
-    /// process still runs after `timeout`.
+    /// The exit status (128 + signal number after a signal), or no value while it runs.
     [[nodiscard]] std::optional<int> waitForExit(Duration timeout = 5000ms);
-    /// True while the process has not ended (it is not reaped by this call).
-    [[nodiscard]] bool running() const;
 
     /// What it wrote on standard error so far ("" when that is not a file of ours).
     [[nodiscard]] std::string standardError() const { return readFile(standardError_); }
@@ -80,9 +68,28 @@ class HostProcess {
     std::optional<int> status_;  // once reaped
 };
 
-/// A figure of /proc/<pid>/<file> that is written "Name: <number> ...": `file` "status"
-/// (VmRSS, VmHWM, Threads) or "smaps_rollup" (Private_Clean, Private_Dirty, in KiB). 0 when
-/// the file or the field is missing.
+/// The figure "Name: <number> ..." of /proc/<pid>/<file> ("status", "smaps_rollup"); 0 if missing.
 [[nodiscard]] std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name);
+
+/// What /proc tells about a process at one moment, thread by thread.
+struct ProcessSample {
+    struct Thread {
+        std::int64_t cpuNanoseconds = 0;   // on a CPU, user and kernel (schedstat)
+        std::int64_t contextSwitches = 0;  // voluntary and involuntary: wake-ups, roughly
+    };
+    std::map<int, Thread> threadsById;
+    std::int64_t residentKiB = 0;  // VmRSS
+    std::int64_t privateKiB = 0;   // pages of this process alone (smaps_rollup)
+    int threads = 0;
+};
+
+/// The process `pid` now, from /proc/<pid>/{status,smaps_rollup,task/*}; empty when it is gone.
+[[nodiscard]] ProcessSample sampleProcess(pid_t pid);
+
+/// What each thread alive at `after` added since `before` (a thread ended between is lost).
+[[nodiscard]] std::int64_t cpuNanosecondsBetween(const ProcessSample& before,
+                                                 const ProcessSample& after);
+[[nodiscard]] std::int64_t contextSwitchesBetween(const ProcessSample& before,
+                                                  const ProcessSample& after);
 
 }  // namespace kerrow::test

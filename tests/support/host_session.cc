@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "kit/notification_names.h"
-
 namespace kerrow::test {
 
 HostSession::HostSession(std::filesystem::path hostBinary)
@@ -18,20 +16,8 @@ HostSession::HostSession(std::filesystem::path hostBinary)
     std::filesystem::create_directory(runtime_);
     std::filesystem::create_directory(state_);
     ::chmod(runtime_.c_str(), 0700);
-    client_.observe(std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
+    client_.observe(NotificationName::nativeMessagingHostDidFinishLaunching);
     startCore();
-}
-
-void HostSession::startCore() {
-    core_.emplace(socketPath());
-}
-
-std::filesystem::path HostSession::socketPath() const {
-    return runtime_ / "kerrow" / "browser.sock";
-}
-
-std::filesystem::path HostSession::logFile() const {
-    return state_ / "kerrow" / "native-messaging-host.log";
 }
 
 std::unique_ptr<HostProcess> HostSession::startProcess(const std::filesystem::path& binary,
@@ -58,20 +44,6 @@ void HostSession::launch(const std::vector<std::string>& arguments) {
     host_ = startProcess(hostBinary_, arguments);
 }
 
-bool HostSession::waitForAnnouncement(Duration timeout) {
-    return client_.waitForSignal(
-        std::string(NotificationName::nativeMessagingHostDidFinishLaunching), timeout);
-}
-
-int HostSession::announcementCount() {
-    return client_.signalCount(
-        std::string(NotificationName::nativeMessagingHostDidFinishLaunching));
-}
-
-void HostSession::postStart() {
-    client_.post(std::string(NotificationName::startCoreHostServices));
-}
-
 std::optional<CoreConnection> HostSession::answer(Duration timeout) {
     postStart();
     return core().accept(timeout);
@@ -90,14 +62,6 @@ CoreConnection HostSession::start(Duration timeout) {
         throw std::runtime_error("no device-twin request but " + request.value_or("nothing"));
     }
     return std::move(*connection);
-}
-
-std::string HostSession::log() const {
-    return readFile(logFile());
-}
-
-std::vector<std::string> HostSession::logMessages() const {
-    return test::logMessages(logFile());
 }
 
 bool HostSession::waitForLog(std::string_view message, Duration timeout) const {

@@ -6,8 +6,11 @@
 namespace kerrow::test {
 namespace {
 
-[[noreturn]] void fail(const std::string& what, int error) {
-    throw std::runtime_error(what + ": " + std::strerror(error));
+// Throws for a negative sd-bus result (-errno).
+void check(int result, const std::string& what) {
+    if (result < 0) {
+        throw std::runtime_error(what + ": " + std::strerror(-result));
+    }
 }
 
 }  // namespace
@@ -30,12 +33,13 @@ void PrivateBus::start() {
         std::vector<std::string>{"--session", "--nofork", "--nosyslog", "--address=" + address_,
                                  "--print-address=1"},
         std::nullopt, directory_.path() / "daemon.log");
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
     std::string line;
-    while (!line.ends_with('\n') && std::chrono::steady_clock::now() < deadline) {
-        line += readExactly(daemon_->outputFd(), 1, 10s);
-    }
-    if (!line.ends_with('\n')) {
+    if (!waitUntil(
+            [&] {
+                line += readExactly(daemon_->outputFd(), 1, 100ms);
+                return line.ends_with('\n');
+            },
+            10s)) {
         const std::string errors = daemon_->standardError();
         stop();
         throw std::runtime_error("dbus-daemon did not come up at " + address_ + ": " + errors);
@@ -44,20 +48,11 @@ void PrivateBus::start() {
 
 BusClient::BusClient(const std::string& address) {
     sd_bus* bus = nullptr;
-    if (const int r = sd_bus_new(&bus); r < 0) {
-        fail("sd_bus_new", -r);
-    }
+    check(sd_bus_new(&bus), "sd_bus_new");
     bus_.reset(bus);
-    int r = sd_bus_set_address(bus, address.c_str());
-    if (r >= 0) {
-        r = sd_bus_set_bus_client(bus, 1);
-    }
-    if (r >= 0) {
-        r = sd_bus_start(bus);
-    }
-    if (r < 0) {
-        fail("connect to " + address, -r);
-    }
+    check(sd_bus_set_address(bus, address.c_str()), "connect to " + address);
+    check(sd_bus_set_bus_client(bus, 1), "connect to " + address);
+    check(sd_bus_start(bus), "connect to " + address);
 }
 
 BusClient::~BusClient() {
@@ -69,22 +64,17 @@ void BusClient::observe(std::string_view name) {
                              "',interface='" + notificationInterface + "',member='" +
                              notificationMember + "',arg0='" + std::string(name) + "'";
     sd_bus_slot* slot = nullptr;
-    if (const int r = sd_bus_add_match(bus_.get(), &slot, rule.c_str(), count, this); r < 0) {
-        fail("observe " + std::string(name), -r);
-    }
+    check(sd_bus_add_match(bus_.get(), &slot, rule.c_str(), count, this),
+          "observe " + std::string(name));
     matches_.emplace_back(slot);
 }
 
 void BusClient::post(std::string_view name) {
     const std::string text(name);
-    int r = sd_bus_emit_signal(bus_.get(), notificationPath, notificationInterface,
-                               notificationMember, "s", text.c_str());
-    if (r >= 0) {
-        r = sd_bus_flush(bus_.get());
-    }
-    if (r < 0) {
-        fail("post " + text, -r);
-    }
+    check(sd_bus_emit_signal(bus_.get(), notificationPath, notificationInterface,
+                             notificationMember, "s", text.c_str()),
+          "post " + text);
+    check(sd_bus_flush(bus_.get()), "post " + text);
 }
 
 bool BusClient::waitForSignal(std::string_view name, Duration timeout, int count) {
@@ -105,12 +95,6 @@ bool BusClient::waitForSignal(std::string_view name, Duration timeout, int count
         }
     }
     return true;
-}
-
-int BusClient::signalCount(std::string_view name) {
-    while (sd_bus_process(bus_.get(), nullptr) > 0) {
-    }
-    return received(name);
 }
 
 int BusClient::received(std::string_view name) const {

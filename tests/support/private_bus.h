@@ -1,11 +1,7 @@
 // A private session bus for tests, and a plain client of it that plays the core service's part
-// in the distributed notifications (posts the start notification, sees the host's announcement).
-//
-// PrivateBus runs a dbus-daemon of its own, listening in a temporary directory, and points
-// DBUS_SESSION_BUS_ADDRESS of the test process (and so of every process it starts) at it; one at
-// a time per process, since the variable is process-wide. BusClient is a connection not tied to
-// any event loop: waiting drives it. For tests, tools and benchmarks; use each from one thread at
-// a time.
+// in the distributed notifications. PrivateBus runs a dbus-daemon of its own and points this
+// process's DBUS_SESSION_BUS_ADDRESS (so that of every process it starts) at it: one at a time.
+// BusClient is tied to no event loop: waiting drives it. Use each from one thread at a time.
 #pragma once
 
 #include <sys/types.h>
@@ -31,8 +27,7 @@ inline constexpr const char* notificationMember = "Posted";
 
 class PrivateBus {
   public:
-    /// Starts the daemon and waits until it accepts connections; throws std::runtime_error when
-    /// it cannot start.
+    /// Starts the daemon and waits until it accepts connections; throws std::runtime_error.
     PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -63,17 +58,13 @@ class BusClient {
     /// Starts counting notification `name` (observe each name once); the bus has acknowledged
     /// the match on return.
     void observe(std::string_view name);
-    /// Posts notification `name` and flushes it to the bus.
     void post(std::string_view name);
-    /// Waits until at least `count` notifications `name` have arrived since observe(name).
-    /// False on time-out.
+    /// Waits until at least `count` notifications `name` have arrived since observe(name), after
+    /// reading what the bus has delivered (so a zero `timeout` only looks). False on time-out.
     [[nodiscard]] bool waitForSignal(std::string_view name, Duration timeout = 5000ms,
                                      int count = 1);
-    /// How many notifications `name` have arrived since observe(name), after reading what the
-    /// bus has already delivered (without waiting).
-    [[nodiscard]] int signalCount(std::string_view name);
 
-    /// The raw connection, for signals the helpers above do not cover.
+    /// For signals the helpers above do not cover.
     [[nodiscard]] sd_bus* connection() { return bus_.get(); }
 
   private:

@@ -39,31 +39,10 @@ bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
     }
 }
 
-std::string readUpTo(int fd, std::size_t n, Duration timeout, bool untilEnd) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::string bytes;
-    char buffer[65536];
-    while ((untilEnd || bytes.size() < n) && waitReadable(fd, deadline)) {
-        const std::size_t wanted =
-            untilEnd ? sizeof buffer : std::min(sizeof buffer, n - bytes.size());
-        const ssize_t got = ::read(fd, buffer, wanted);
-        if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
-            continue;
-        }
-        if (got <= 0) {
-            break;
-        }
-        bytes.append(buffer, static_cast<std::size_t>(got));
-    }
-    return bytes;
-}
-
 }  // namespace
 
 TemporaryDirectory::TemporaryDirectory() {
-    const char* base = std::getenv("TMPDIR");  // NOLINT(concurrency-mt-unsafe): read at set-up
-    std::string pattern =
-        std::string(base != nullptr && base[0] == '/' ? base : "/tmp") + "/kerrow-test-XXXXXX";
+    std::string pattern = std::filesystem::temp_directory_path() / "kerrow-test-XXXXXX";
     if (::mkdtemp(pattern.data()) == nullptr) {
         fail("mkdtemp " + pattern);
     }
@@ -103,11 +82,20 @@ void writeAll(int fd, std::string_view bytes) {
 }
 
 std::string readExactly(int fd, std::size_t n, Duration timeout) {
-    return readUpTo(fd, n, timeout, false);
-}
-
-std::string readToEnd(int fd, Duration timeout) {
-    return readUpTo(fd, 0, timeout, true);
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::string bytes;
+    char buffer[65536];
+    while (bytes.size() < n && waitReadable(fd, deadline)) {
+        const ssize_t got = ::read(fd, buffer, std::min(sizeof buffer, n - bytes.size()));
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
+            continue;
+        }
+        if (got <= 0) {
+            break;
+        }
+        bytes.append(buffer, static_cast<std::size_t>(got));
+    }
+    return bytes;
 }
 
 std::string frame(std::string_view body) {
@@ -115,15 +103,12 @@ std::string frame(std::string_view body) {
 }
 
 std::optional<std::string> readFrameFrom(int fd, Duration timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     const std::string header = readExactly(fd, frameHeaderLength, timeout);
     if (header.size() < frameHeaderLength) {
         return std::nullopt;
     }
     const std::uint32_t length = decodeFrameLength(header);
-    const auto left =
-        std::chrono::duration_cast<Duration>(deadline - std::chrono::steady_clock::now());
-    std::string body = readExactly(fd, length, std::max(left, Duration(1)));
+    std::string body = readExactly(fd, length, timeout);
     return body.size() < length ? std::nullopt : std::optional(std::move(body));
 }
 
@@ -181,9 +166,9 @@ std::optional<std::string> CoreConnection::receive(Duration timeout) {
 
 bool CoreConnection::waitForClose(Duration timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    char buffer[4096];
+    char buffer[65536];
     while (waitReadable(socket_.get(), deadline)) {
-        const ssize_t got = ::recv(socket_.get(), buffer, sizeof buffer, 0);
+        const ssize_t got = ::recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
         if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) {
             return true;
         }

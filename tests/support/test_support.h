@@ -1,8 +1,6 @@
 // The building blocks of every test that starts or observes a host: temporary directories, pipes,
-// bounded reads and waits, frames (kit/frame_codec.h), log lines, and a test core service on a
-// real Unix socket. No GoogleTest here: a failure throws std::system_error or
-// std::runtime_error, which a test reports as its failure and a tool as its error. Each helper
-// is used from one thread unless its comment says otherwise.
+// bounded reads and waits, frames, log lines, and a test core service on a real Unix socket. No
+// GoogleTest: failures throw std::system_error or std::runtime_error. One thread per helper.
 #pragma once
 
 #include <chrono>
@@ -54,16 +52,16 @@ class Pipe {
 void writeAll(int fd, std::string_view bytes);
 /// Reads exactly `n` bytes within `timeout`; fewer at end of file or time-out.
 [[nodiscard]] std::string readExactly(int fd, std::size_t n, Duration timeout = 5000ms);
-/// Reads until end of file or `timeout`.
-[[nodiscard]] std::string readToEnd(int fd, Duration timeout = 5000ms);
+[[nodiscard]] inline std::string readToEnd(int fd, Duration timeout = 5000ms) {
+    return readExactly(fd, std::string::npos, timeout);
+}
 
-/// The frame of `body` (encodeFrame).
 [[nodiscard]] std::string frame(std::string_view body);
-/// Reads one frame within `timeout`; no value at end of file or time-out.
+/// Reads one frame, waiting at most `timeout` for its header and for its body; no value at end
+/// of file or time-out.
 [[nodiscard]] std::optional<std::string> readFrameFrom(int fd, Duration timeout = 5000ms);
 
-/// Sets an environment variable (or unsets it, given no value) and restores its earlier state on
-/// destruction. Only while no other thread of the process reads the environment.
+/// Sets (or, given no value, unsets) a variable until destruction; no other thread may read it.
 class ScopedEnvironmentVariable {
   public:
     ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value);
@@ -77,12 +75,10 @@ class ScopedEnvironmentVariable {
     std::optional<std::string> saved_;
 };
 
-/// Polls `condition` every few milliseconds until it holds or `timeout` passes.
 bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5000ms);
 
-/// The whole content of a file ("" when missing).
+/// The whole content of a file ("" when missing); its log lines without time stamps ("info Foo").
 [[nodiscard]] std::string readFile(const std::filesystem::path& path);
-/// The messages of the log lines in a file: each line without its time stamp ("info Foo").
 [[nodiscard]] std::vector<std::string> logMessages(const std::filesystem::path& logFile);
 
 /// One accepted connection of the test core service.
@@ -92,9 +88,7 @@ class CoreConnection {
 
     /// The next message (one socket frame) from the host, or no value at end or time-out.
     [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms);
-    /// Sends one message as a socket frame.
     void send(std::string_view message) { sendRaw(frame(message)); }
-    /// Sends raw bytes, unframed.
     void sendRaw(std::string_view bytes) { writeAll(socket_.get(), bytes); }
     /// True when the host closed its side (end of file within `timeout`).
     [[nodiscard]] bool waitForClose(Duration timeout = 5000ms);
@@ -105,8 +99,7 @@ class CoreConnection {
     Descriptor socket_;
 };
 
-/// A stand-in core service: listens on a Unix stream socket at `socketPath`, creating its
-/// directory with mode 0700.
+/// A stand-in core service listening at `socketPath`, its directory created with mode 0700.
 class TestCoreService {
   public:
     explicit TestCoreService(std::filesystem::path socketPath);
@@ -114,7 +107,6 @@ class TestCoreService {
     TestCoreService(const TestCoreService&) = delete;
     TestCoreService& operator=(const TestCoreService&) = delete;
 
-    /// The next connection within `timeout`, or no value.
     [[nodiscard]] std::optional<CoreConnection> accept(Duration timeout = 5000ms);
     /// Stops listening and removes the socket file.
     void stop();

@@ -1,6 +1,5 @@
-// The launcher that a Flatpak browser starts, run through real flatpak-spawn: Debian's
-// flatpak-spawn asks a real flatpak-session-helper, activated on a private session bus, to run
-// the real host outside the (here absent) sandbox, with the test's pipes as its standard streams.
+// The launcher a Flatpak browser starts, through real flatpak-spawn and flatpak-session-helper
+// (activated on a private bus), which run the real host with the test's pipes as its streams.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -22,8 +21,7 @@ TEST(FlatpakLauncherTest, RelaysBothWaysAndPassesEndOfInputAndSignalsToTheHost) 
     fs::create_directories(runtime);
     ::chmod(runtime.c_str(), 0700);
     fs::create_directories(app);
-    // The session helper, which the bus starts on demand, runs the host with the bus's
-    // environment: the one of this process when the bus starts.
+    // The session helper runs the host with the environment the bus started with: ours.
     const test::ScopedEnvironmentVariable runtimeHome("XDG_RUNTIME_DIR", runtime.string());
     const test::ScopedEnvironmentVariable stateHome("XDG_STATE_HOME",
                                                     (directory.path() / "state").string());
@@ -40,8 +38,7 @@ TEST(FlatpakLauncherTest, RelaysBothWaysAndPassesEndOfInputAndSignalsToTheHost) 
     installer.closeInput();
     ASSERT_EQ(installer.waitForExit(), 0) << installer.standardError();
 
-    // Starts the launcher as the browser does, answers the host's announcement and returns the
-    // host's connection, the device-twin request taken off.
+    // Starts the launcher as the browser does; the host's connection, device-twin request read.
     std::optional<test::HostProcess> browser;
     const auto launch = [&](int announcements) {
         browser.emplace(app / "kerrow/kerrow-native-messaging-host",

@@ -40,12 +40,6 @@ std::vector<fs::path> manifestsUnder(const fs::path& root) {
     return found;
 }
 
-mode_t modeOf(const fs::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
-}
-
 class InstallerTest : public ::testing::Test {
   protected:
     InstallerTest() : home_(directory_.path() / "home"), host_(directory_.path() / "host") {
@@ -82,8 +76,8 @@ class InstallerTest : public ::testing::Test {
 };
 
 TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
-    // The folders that tell a browser is in use, and the manifest folders written for them.
-    // "flatpak" ones must name an executable launcher in the app's folder.
+    // A folder that tells a browser is in use, and the manifest folders written for it; a Flatpak
+    // app's manifest names the launcher in the app's folder (flatpak_launcher_test runs it).
     const struct {
         std::string inUse;
         std::vector<std::string> manifests;
@@ -130,9 +124,6 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
             }
             const fs::path app = home_ / ".var/app" / *std::next(folder.begin(), 2);
             EXPECT_EQ(named, app / "kerrow/kerrow-native-messaging-host");
-            EXPECT_EQ(modeOf(named), 0755);
-            EXPECT_THAT(test::readFile(named),
-                        HasSubstr("exec flatpak-spawn --host '" + host_.string() + "' \"$@\""));
             EXPECT_THAT(written.out,
                         HasSubstr("flatpak override --user --talk-name=org.freedesktop.Flatpak " +
                                   std::next(folder.begin(), 2)->string()));
@@ -159,7 +150,8 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     EXPECT_THAT(partial.err, HasSubstr("firefox: not registered: no Firefox family extension id"));
     EXPECT_THAT(partial.err, HasSubstr("chromium (snap): not registered: the snap of Chromium"));
     EXPECT_TRUE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts" / manifestName));
-    EXPECT_EQ(modeOf(home_ / ".config/chromium/NativeMessagingHosts"), 0700);
+    EXPECT_EQ(fs::status(home_ / ".config/chromium/NativeMessagingHosts").permissions(),
+              fs::perms(0700));
 }
 
 TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
@@ -197,7 +189,6 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
         std::string message;
     } cases[] = {
         {{"--extension-id", "kerrow"}, "'kerrow' is neither a Chrome extension id"},
-        {{"--extension-id", id + "a"}, "is neither a Chrome extension id"},
         {{"--browser", "mosaic", "--extension-id", id}, "unknown browser 'mosaic' (known: chrome,"},
         {{"--host", "bin/host", "--extension-id", id}, "--host must be an absolute path"},
         {{"--host", "/nonexistent/kerrow-host", "--extension-id", id},
@@ -232,7 +223,8 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
     ASSERT_EQ(written.status, 0) << written.err;
     const auto folders = manifestsUnder(root);
     for (const auto& folder : folders) {
-        EXPECT_EQ(modeOf(root / folder / manifestName), 0644) << folder;
+        EXPECT_EQ(fs::status(root / folder / manifestName).permissions(), fs::perms(0644))
+            << folder;
     }
     EXPECT_EQ(folders, (std::vector<fs::path>{
                            "etc/chromium/native-messaging-hosts",
