@@ -1,5 +1,6 @@
 #include "browser/browser_extension_io.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -18,6 +19,10 @@ Descriptor makeRetireEvent(int& error) {
     error = event ? 0 : errno;
     return event;
 }
+
+// How often a channel waiting for standard input's reading lock looks again; its retirement
+// wakes it at once.
+constexpr int lockRetryMilliseconds = 10;
 
 }  // namespace
 
@@ -47,7 +52,19 @@ void BrowserExtensionIO::readLoop() {
                                   "); a retirement waits for the next frame",
                               now());
     }
-    const std::lock_guard reading(inputHandle->readingLock());
+    // Another channel may hold standard input: the one this replaces, finishing its frame, or,
+    // after two quick starts, a later one that took the lock first. A retirement ends the wait,
+    // so that a retired channel never stays behind a reader that never lets go, holding its
+    // endpoint (and with it the retired connection) open for the rest of the process.
+    std::unique_lock reading(inputHandle->readingLock(), std::try_to_lock);
+    while (!reading.owns_lock()) {
+        if (retired_.load(std::memory_order_acquire)) {
+            return;
+        }
+        pollfd wake{retireEvent_.get(), POLLIN, 0};
+        ::poll(&wake, 1, lockRetryMilliseconds);
+        (void)reading.try_lock();
+    }
     Data body;  // one buffer for every frame: it keeps the capacity of the largest so far
     while (!retired_.load(std::memory_order_acquire)) {
         switch (readFrame(*inputHandle, body, retireEvent_.get())) {

@@ -93,6 +93,16 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     test::writeAll(input.writeEnd(), after.substr(6));
     EXPECT_EQ(newConnection->receive(), "afterkerrow.tabList");
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
+
+    // A channel retired while it waits for the lock (two quick starts: the later one took it)
+    // gives up waiting and lets go of itself and its endpoint.
+    auto late = newChannel();
+    late->start();
+    std::weak_ptr<BrowserExtensionIO> waiting = late;
+    ASSERT_TRUE(test::waitUntil([&] { return waiting.use_count() == 2; }));  // its loop runs
+    late->retire();
+    late.reset();
+    EXPECT_TRUE(test::waitUntil([&] { return waiting.expired(); }));
     channel = next;  // retired by TearDown
 }
 
