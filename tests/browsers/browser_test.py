@@ -53,8 +53,7 @@ def process_fields(pid: int) -> Optional[List[str]]:
 
 
 def has_ended(pid: int) -> bool:
-    fields = process_fields(pid)
-    return fields is None or fields[0] == "Z"
+    return (process_fields(pid) or ["Z"])[0] == "Z"  # gone, or a zombie
 
 
 class RunFolder:
@@ -303,8 +302,7 @@ def run(browser, host: Path, installer: Path, folder: RunFolder, processes: Proc
         raise TestFailure(f"the core service's peer is {executable} {arguments}, expected "
                           f"{host} {browser.host_arguments}")
 
-    # The device-twin request and the extension's first message travel on different threads
-    # of the host, so either may come first.
+    # Sent from different threads of the host, these two may come in either order.
     connection.receive_until(lambda body: body == b"kerrow.updateDeviceTwin", 10,
                              "the device-twin request")
     forwarded = tab_list_body(connection.receive_until(
@@ -338,7 +336,6 @@ def main() -> int:
     parser.add_argument("--host", type=Path, required=True, help="the host binary")
     parser.add_argument("--installer", type=Path, required=True,
                         help="kerrow-native-messaging-host-install")
-    parser.add_argument("--keep", action="store_true", help="keep the run folder")
     arguments = parser.parse_args()
     folder, processes = RunFolder(), ProcessGroup()
     try:
@@ -355,10 +352,7 @@ def main() -> int:
         return 1
     finally:
         processes.close()
-        if arguments.keep:
-            print(f"run folder kept: {folder.root}")
-        else:
-            shutil.rmtree(folder.root, ignore_errors=True)
+        shutil.rmtree(folder.root, ignore_errors=True)
     print(f"{arguments.browser}: passed")
     return 0
 

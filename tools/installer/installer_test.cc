@@ -66,10 +66,9 @@ class InstallerTest : public ::testing::Test {
     }
 
     [[nodiscard]] std::vector<std::string> withIds(std::vector<std::string> arguments) const {
-        for (const auto id : {chromeId, firefoxId}) {
-            arguments.insert(arguments.end(), {"--extension-id", std::string(id)});
-        }
-        arguments.insert(arguments.end(), {"--host", host_.string()});
+        arguments.insert(arguments.end(),
+                         {"--extension-id", std::string(chromeId), "--extension-id",
+                          std::string(firefoxId), "--host", host_.string()});
         return arguments;
     }
 
@@ -250,9 +249,8 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
 }
 
 TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
-    const fs::path runtime = directory_.path() / "runtime";
-    fs::create_directories(runtime);
-    ::chmod(runtime.c_str(), 0700);
+    const test::TemporaryDirectory runtimeDirectory;  // mode 0700
+    const fs::path runtime = runtimeDirectory.path();
     test::PrivateBus bus;
     test::TestCoreService core(runtime / "kerrow/browser.sock");
     fs::create_directories(home_ / ".config/chromium");
@@ -285,10 +283,9 @@ TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
 }
 
 TEST_F(InstallerTest, FlatpakLauncherRelaysBothWaysAndPassesEndOfInputAndSignalsToTheHost) {
-    const fs::path runtime = directory_.path() / "runtime";
+    const test::TemporaryDirectory runtimeDirectory;  // mode 0700
+    const fs::path runtime = runtimeDirectory.path();
     const fs::path app = home_ / ".var/app/org.chromium.Chromium";
-    fs::create_directories(runtime);
-    ::chmod(runtime.c_str(), 0700);
     fs::create_directories(app);
     // The session helper runs the host with the environment the bus started with: ours.
     const test::ScopedEnvironmentVariable runtimeHome("XDG_RUNTIME_DIR", runtime.string());
