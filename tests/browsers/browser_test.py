@@ -1,28 +1,207 @@
 #!/usr/bin/env python3
-"""Real browsers drive the real host.
+"""Real browsers drive the real host. Python 3 standard library only; one thread.
 
-A headless browser with a fresh profile loads the test extension (extension/), which connects
-to the host whose manifest the installer wrote into a home holding nothing else (for Firefox, only
-the XDG profile layout). A test core service answers the host's announcement on a private bus.
-The run passes when the extension's tab list reaches the core service unchanged with the
-kerrow.tabList suffix, kerrow.closeTab-42 reaches the extension as a closeTab message (which it
-echoes), the browser started the installed host with its documented arguments, and the host ended,
-with status 0 where seen, once the browser had ended.
+A headless browser loads extension/, which connects to the host the installer registered in an
+otherwise empty home. Passes when the tab list and a close-tab command cross unchanged, the host
+was started with its documented arguments, and it ended (status 0 where seen) with the browser.
 """
 
 import argparse
+import contextlib
+import ctypes
 import json
 import os
 import shutil
+import signal
+import socket
+import struct
 import subprocess
 import sys
+import tempfile
+import time
 from pathlib import Path
-from typing import Dict, List
+from typing import Callable, Dict, List, Optional
 
-sys.dont_write_bytecode = True  # keep the source folder free of __pycache__
+NOTIFICATION_PATH = "/com/kerrowsoftware/DistributedNotifications"
+NOTIFICATION_INTERFACE = "com.kerrowsoftware.DistributedNotifications"
+DID_FINISH_LAUNCHING = "com.kerrowsoftware.nativeMessagingHostDidFinishLaunching"
+START_CORE_HOST_SERVICES = "com.kerrowsoftware.startCoreHostServices"
+FRAME_HEADER = struct.Struct("<I")  # a frame on the browser socket: this length, then the body
+PR_SET_CHILD_SUBREAPER = 36
 
-from harness import (DID_FINISH_LAUNCHING, START_CORE_HOST_SERVICES, ProcessGroup, PrivateBus,
-                     RunFolder, TestCoreService, TestFailure, has_ended, wait_until)
+
+class TestFailure(Exception):
+    """A broken expectation; the message says what was expected and what happened."""
+
+
+def wait_until(condition: Callable[[], bool], seconds: float, what: str) -> None:
+    """Polls `condition` every 20 ms until it holds; fails naming `what` when time runs out."""
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise TestFailure(f"timed out after {seconds:g} s waiting for {what}")
+        time.sleep(0.02)
+
+
+def process_fields(pid: int) -> Optional[List[str]]:
+    """The fields of /proc/<pid>/stat after the command name (state, ppid, ...), or None."""
+    try:
+        text = Path(f"/proc/{pid}/stat").read_text()
+    except OSError:
+        return None
+    return text[text.rindex(")") + 2:].split()
+
+
+def has_ended(pid: int) -> bool:
+    return (process_fields(pid) or ["Z"])[0] == "Z"  # gone, or a zombie
+
+
+class RunFolder:
+    """A fresh folder tree for one run, removed at the close: home, runtime (0700), state, tmp."""
+
+    def __init__(self):
+        self.root = Path(tempfile.mkdtemp(prefix="kerrow-browser-"))
+        self.home, self.runtime, self.state, self.tmp = (
+            self.root / name for name in ("home", "runtime", "state", "tmp"))
+        for folder in (self.home, self.runtime, self.state, self.tmp):
+            folder.mkdir(mode=0o700)
+
+    def environment(self, bus_address: str) -> Dict[str, str]:
+        """All a browser and its host see: no display, the private bus, XDG folders and TMPDIR."""
+        return {
+            "HOME": str(self.home),
+            "PATH": os.environ.get("PATH", "/usr/bin:/bin"),
+            "LANG": "C.UTF-8",
+            "TMPDIR": str(self.tmp),
+            "XDG_RUNTIME_DIR": str(self.runtime),
+            "XDG_STATE_HOME": str(self.state),
+            "XDG_CONFIG_HOME": str(self.home / ".config"),
+            "XDG_CACHE_HOME": str(self.home / ".cache"),
+            "DBUS_SESSION_BUS_ADDRESS": bus_address,
+        }
+
+
+class ProcessGroup:
+    """Every process a test starts, and their descendants: as a subreaper, the test adopts a host
+    its browser left behind, and close() finds it whatever its session or process group."""
+
+    def __init__(self):
+        libc = ctypes.CDLL(None, use_errno=True)
+        if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
+            raise OSError(ctypes.get_errno(), "prctl(PR_SET_CHILD_SUBREAPER)")
+        self.started: List[subprocess.Popen] = []
+
+    def start(self, argv: List[str], env: Optional[Dict[str, str]] = None,
+              output: Optional[Path] = None) -> subprocess.Popen:
+        """Starts `argv` in a session of its own; its output goes to `output`, else to a pipe."""
+        with open(output or os.devnull, "wb") as log:
+            process = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL,
+                                       stdout=log if output else subprocess.PIPE, stderr=log,
+                                       start_new_session=True)
+        self.started.append(process)
+        return process
+
+    @staticmethod
+    def exit_status(pid: int) -> Optional[int]:
+        """An adopted, ended descendant's exit status; None when its own parent collected it."""
+        try:
+            reaped, status = os.waitpid(pid, os.WNOHANG)
+        except ChildProcessError:
+            return None
+        return os.waitstatus_to_exitcode(status) if reaped == pid else None
+
+    def close(self) -> None:
+        """Kills everything still running, descendants found through /proc included."""
+        for process in self.started:
+            if process.poll() is None:
+                with contextlib.suppress(ProcessLookupError):
+                    os.killpg(process.pid, signal.SIGKILL)
+            process.wait(timeout=10)
+        children: Dict[int, List[int]] = {}
+        for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
+            children.setdefault(int((process_fields(pid) or ["", "0"])[1]), []).append(pid)
+        pending = children.get(os.getpid(), [])
+        while pending:
+            pid = pending.pop()
+            pending += children.get(pid, [])
+            if not has_ended(pid):
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, signal.SIGKILL)
+        with contextlib.suppress(ChildProcessError):
+            while True:
+                os.waitpid(-1, 0)  # collects every adopted descendant
+
+
+class PrivateBus:
+    """A private dbus-daemon, a monitor logging the host-notification signals, and dbus-send."""
+
+    def __init__(self, processes: ProcessGroup, folder: RunFolder):
+        daemon = processes.start(
+            ["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1",
+             f"--address=unix:path={folder.root / 'bus'}"])
+        self.address = daemon.stdout.readline().decode().strip()
+        self.log = folder.root / "bus.log"
+        processes.start(
+            ["dbus-monitor", "--address", self.address,
+             f"type='signal',path='{NOTIFICATION_PATH}',interface='{NOTIFICATION_INTERFACE}'"],
+            output=self.log)
+        # A new monitor loses its unique name once it is monitoring: from then on nothing is missed.
+        self.wait_for_line(lambda line: "member=NameLost" in line, "dbus-monitor to start")
+
+    def wait_for_line(self, matches: Callable[[str], bool], what: str) -> None:
+        wait_until(lambda: any(map(matches, self.log.read_text().splitlines())), 30, what)
+
+    def post(self, name: str) -> None:
+        subprocess.run(["dbus-send", f"--bus={self.address}", "--type=signal", NOTIFICATION_PATH,
+                        f"{NOTIFICATION_INTERFACE}.Posted", f"string:{name}"],
+                       check=True, timeout=10, stdin=subprocess.DEVNULL)
+
+
+class CoreConnection:
+    """One host connected to the test core service; `received` holds every frame body so far."""
+
+    def __init__(self, connection: socket.socket):
+        self._socket = connection
+        self._reader = connection.makefile("rb")
+        self.received: List[bytes] = []
+        self.peer_pid = struct.unpack(
+            "3i", connection.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 12))[0]
+
+    def receive_until(self, matches: Callable[[bytes], bool], seconds: float,
+                      what: str) -> bytes:
+        """The first body received that `matches`, waiting up to `seconds` for it."""
+        end = time.monotonic() + seconds
+        while not any(map(matches, self.received)):
+            self._socket.settimeout(max(0.001, end - time.monotonic()))
+            try:
+                (length,) = FRAME_HEADER.unpack(self._reader.read(FRAME_HEADER.size))
+                self.received.append(self._reader.read(length))
+            except (socket.timeout, struct.error) as error:  # time-out or end of stream
+                raise TestFailure(f"the core service did not receive {what}; it received "
+                                  f"{self.received}") from error
+        return next(body for body in self.received if matches(body))
+
+    def send(self, body: bytes) -> None:
+        self._socket.sendall(FRAME_HEADER.pack(len(body)) + body)
+
+
+class TestCoreService:
+    """Listens where the host looks for the core service: $XDG_RUNTIME_DIR/kerrow/browser.sock."""
+
+    def __init__(self, folder: RunFolder):
+        self.path = folder.runtime / "kerrow" / "browser.sock"
+        self.path.parent.mkdir(mode=0o700)
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(str(self.path))
+        self._listener.listen(8)
+
+    def accept(self, seconds: float) -> CoreConnection:
+        self._listener.settimeout(seconds)
+        try:
+            return CoreConnection(self._listener.accept()[0])
+        except socket.timeout as error:
+            raise TestFailure(f"no host connected to {self.path} within {seconds:g} s") from error
+
 
 EXTENSION = Path(__file__).resolve().parent / "extension"
 MANIFEST_NAME = "com.kerrowsoftware.native_messaging_host.json"
@@ -49,8 +228,7 @@ def run_installer(installer: Path, arguments: List[str], env: Dict[str, str]) ->
 
 
 class Chromium:
-    """Debian's Chromium, headless, as root, offline, with the extension unpacked. Registered
-    before its first start, as a person installing first would: by name."""
+    """Debian's Chromium, headless and offline, unpacked extension; registered by name first."""
 
     installer_arguments = ["--browser", "chromium"]
 
@@ -71,9 +249,8 @@ class Chromium:
 
 
 class Firefox:
-    """Debian's Firefox ESR, headless, with the unsigned extension found through a proxy file in
-    the profile (ESR honours the signature preference). Found by the installer through its XDG
-    profile (Firefox 147 and later); the manifest still goes to ~/.mozilla, which Firefox reads."""
+    """Debian's Firefox ESR, headless, the unsigned extension found through a proxy file. The
+    installer finds it by its XDG profile and writes the manifest to ~/.mozilla, still read."""
 
     installer_arguments: List[str] = []
 
@@ -97,8 +274,8 @@ def tab_list_body(body: bytes):
     if not body.endswith(TAB_LIST_SUFFIX):
         return None
     try:
-        return json.loads(body[:-len(TAB_LIST_SUFFIX)].decode("utf-8"))
-    except (UnicodeDecodeError, ValueError):
+        return json.loads(body.removesuffix(TAB_LIST_SUFFIX))
+    except ValueError:  # bad UTF-8 or bad JSON
         return None
 
 
@@ -125,8 +302,7 @@ def run(browser, host: Path, installer: Path, folder: RunFolder, processes: Proc
         raise TestFailure(f"the core service's peer is {executable} {arguments}, expected "
                           f"{host} {browser.host_arguments}")
 
-    # The device-twin request and the extension's first message travel on different threads
-    # of the host, so either may come first.
+    # Sent from different threads of the host, these two may come in either order.
     connection.receive_until(lambda body: body == b"kerrow.updateDeviceTwin", 10,
                              "the device-twin request")
     forwarded = tab_list_body(connection.receive_until(
@@ -144,7 +320,8 @@ def run(browser, host: Path, installer: Path, folder: RunFolder, processes: Proc
         raise TestFailure(f"the extension received {echoed['message']} for "
                           f"{CLOSE_TAB_COMMAND!r}, expected {CLOSE_TAB_MESSAGE}")
 
-    processes.stop(started)
+    started.send_signal(signal.SIGTERM)  # as a desktop session ends a browser
+    started.wait(timeout=10)
     wait_until(lambda: has_ended(connection.peer_pid), 10,
                f"the host (pid {connection.peer_pid}) to end after the browser ended")
     status = processes.exit_status(connection.peer_pid)
@@ -159,7 +336,6 @@ def main() -> int:
     parser.add_argument("--host", type=Path, required=True, help="the host binary")
     parser.add_argument("--installer", type=Path, required=True,
                         help="kerrow-native-messaging-host-install")
-    parser.add_argument("--keep", action="store_true", help="keep the run folder")
     arguments = parser.parse_args()
     folder, processes = RunFolder(), ProcessGroup()
     try:
@@ -176,10 +352,7 @@ def main() -> int:
         return 1
     finally:
         processes.close()
-        if arguments.keep:
-            print(f"run folder kept: {folder.root}")
-        else:
-            shutil.rmtree(folder.root, ignore_errors=True)
+        shutil.rmtree(folder.root, ignore_errors=True)
     print(f"{arguments.browser}: passed")
     return 0
 

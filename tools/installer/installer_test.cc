@@ -1,13 +1,16 @@
-// The installer binary run as a user would run it, against a temporary home.
+// The installer binary run as a user would run it, against a temporary home; and the launcher
+// it writes for a Flatpak browser, run through real flatpak-spawn and flatpak-session-helper.
 #include "tools/installer/installer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "kit/notification_names.h"
 #include "tests/support/host_process.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/test_support.h"
@@ -63,10 +66,9 @@ class InstallerTest : public ::testing::Test {
     }
 
     [[nodiscard]] std::vector<std::string> withIds(std::vector<std::string> arguments) const {
-        for (const auto id : {chromeId, firefoxId}) {
-            arguments.insert(arguments.end(), {"--extension-id", std::string(id)});
-        }
-        arguments.insert(arguments.end(), {"--host", host_.string()});
+        arguments.insert(arguments.end(),
+                         {"--extension-id", std::string(chromeId), "--extension-id",
+                          std::string(firefoxId), "--host", host_.string()});
         return arguments;
     }
 
@@ -77,7 +79,7 @@ class InstallerTest : public ::testing::Test {
 
 TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     // A folder that tells a browser is in use, and the manifest folders written for it; a Flatpak
-    // app's manifest names the launcher in the app's folder (flatpak_launcher_test runs it).
+    // app's manifest names the launcher in the app's folder (the last test runs it).
     const struct {
         std::string inUse;
         std::vector<std::string> manifests;
@@ -247,9 +249,8 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
 }
 
 TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
-    const fs::path runtime = directory_.path() / "runtime";
-    fs::create_directories(runtime);
-    ::chmod(runtime.c_str(), 0700);
+    const test::TemporaryDirectory runtimeDirectory;  // mode 0700
+    const fs::path runtime = runtimeDirectory.path();
     test::PrivateBus bus;
     test::TestCoreService core(runtime / "kerrow/browser.sock");
     fs::create_directories(home_ / ".config/chromium");
@@ -279,6 +280,58 @@ TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
     const auto json = nlohmann::json::parse(install({"--doctor", "--json"}, environment).out);
     EXPECT_EQ(json["ok"], false);
     EXPECT_EQ(json["findings"].size(), 3U);
+}
+
+TEST_F(InstallerTest, FlatpakLauncherRelaysBothWaysAndPassesEndOfInputAndSignalsToTheHost) {
+    const test::TemporaryDirectory runtimeDirectory;  // mode 0700
+    const fs::path runtime = runtimeDirectory.path();
+    const fs::path app = home_ / ".var/app/org.chromium.Chromium";
+    fs::create_directories(app);
+    // The session helper runs the host with the environment the bus started with: ours.
+    const test::ScopedEnvironmentVariable runtimeHome("XDG_RUNTIME_DIR", runtime.string());
+    const test::ScopedEnvironmentVariable stateHome("XDG_STATE_HOME",
+                                                    (directory_.path() / "state").string());
+    const test::PrivateBus bus;
+    test::BusClient client(bus.address());
+    const auto announcement = NotificationName::nativeMessagingHostDidFinishLaunching;
+    client.observe(announcement);
+    test::TestCoreService core(runtime / "kerrow/browser.sock");
+    const auto installed =
+        install({"--extension-id", std::string(otherChromeId), "--host", KERROW_HOST_BINARY});
+    ASSERT_EQ(installed.status, 0) << installed.err;
+
+    // Starts the launcher as the browser does; the host's connection, device-twin request read.
+    std::optional<test::HostProcess> browser;
+    const auto launch = [&](int announcements) {
+        browser.emplace(app / "kerrow/kerrow-native-messaging-host",
+                        std::vector<std::string>{"chrome-extension://kerrow/"},
+                        test::Environment{{"PATH", "/usr/libexec/flatpak-xdg-utils:/usr/bin:/bin"},
+                                          {"DBUS_SESSION_BUS_ADDRESS", bus.address()}},
+                        directory_.path() / "launcher.err");
+        EXPECT_TRUE(client.waitForSignal(announcement, test::Duration(10000), announcements))
+            << browser->standardError();
+        client.post(NotificationName::startCoreHostServices);
+        auto connection = core.accept();
+        EXPECT_EQ(connection ? connection->receive() : std::nullopt, "kerrow.updateDeviceTwin");
+        return connection;
+    };
+
+    auto connection = launch(1);
+    ASSERT_TRUE(connection);
+    browser->send(R"({"tabs":[]})");
+    EXPECT_EQ(connection->receive(), R"({"tabs":[]}kerrow.tabList)");
+    connection->send("kerrow.closeTab-42");
+    EXPECT_EQ(browser->receive(), R"({"action":"closeTab","payload":{"id":42}})");
+    browser->closeInput();
+    EXPECT_EQ(browser->waitForExit(), 0);
+    EXPECT_TRUE(connection->waitForClose());
+
+    // SIGTERM to the launcher reaches the host: it ends, though its input stays open.
+    auto second = launch(2);
+    ASSERT_TRUE(second);
+    ASSERT_EQ(::kill(browser->pid(), SIGTERM), 0);
+    EXPECT_TRUE(second->waitForClose());
+    EXPECT_EQ(browser->waitForExit(), 0);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Connects to the native messaging host as soon as the browser starts the extension, sends one
-// tab list, and reports every message the host writes back through the same port, so that the
-// test's core service sees both directions.
+// Connects to the native messaging host at start, sends one tab list, and reports every message
+// the host writes back through the same port, so the test's core service sees both directions.
 "use strict";
 
 const hostName = "com.kerrowsoftware.native_messaging_host";
@@ -8,11 +7,6 @@ const port = chrome.runtime.connectNative(hostName);
 
 port.onMessage.addListener((message) => {
   port.postMessage({ type: "received", message });
-});
-
-port.onDisconnect.addListener(() => {
-  const error = chrome.runtime.lastError;
-  console.error("native port closed", error ? error.message : "");
 });
 
 port.postMessage({
