@@ -61,8 +61,8 @@ Pipe::Pipe() {
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         fail("pipe2");
     }
-    read_.reset(ends[0]);
-    write_.reset(ends[1]);
+    readEnd.reset(ends[0]);
+    writeEnd.reset(ends[1]);
 }
 
 void writeAll(int fd, std::string_view bytes) {
@@ -192,19 +192,16 @@ TestCoreService::TestCoreService(std::filesystem::path socketPath)
 }
 
 std::optional<CoreConnection> TestCoreService::accept(Duration timeout) {
-    if (!listener_ || !waitReadable(listener_.get(), std::chrono::steady_clock::now() + timeout)) {
+    if (!waitReadable(listener_.get(), std::chrono::steady_clock::now() + timeout)) {
         return std::nullopt;
     }
     const int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC);
     return fd < 0 ? std::nullopt : std::optional<CoreConnection>(std::in_place, fd);
 }
 
-void TestCoreService::stop() {
-    if (listener_) {
-        listener_.reset();
-        std::error_code ignored;
-        std::filesystem::remove(socketPath_, ignored);
-    }
+TestCoreService::~TestCoreService() {
+    std::error_code ignored;
+    std::filesystem::remove(socketPath_, ignored);
 }
 
 }  // namespace kerrow::test
