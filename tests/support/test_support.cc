@@ -39,6 +39,14 @@ bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
     }
 }
 
+void setVariable(const std::string& name, const std::optional<std::string>& value) {
+    if (value) {
+        ::setenv(name.c_str(), value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe): see .h
+    } else {
+        ::unsetenv(name.c_str());  // NOLINT(concurrency-mt-unsafe): see .h
+    }
+}
+
 }  // namespace
 
 TemporaryDirectory::TemporaryDirectory() {
@@ -118,19 +126,11 @@ ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
     if (const char* saved = std::getenv(name_.c_str())) {  // NOLINT(concurrency-mt-unsafe): see .h
         saved_ = saved;
     }
-    set(value);
+    setVariable(name_, value);
 }
 
 ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
-    set(saved_);
-}
-
-void ScopedEnvironmentVariable::set(const std::optional<std::string>& value) {
-    if (value) {
-        ::setenv(name_.c_str(), value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe): see .h
-    } else {
-        ::unsetenv(name_.c_str());  // NOLINT(concurrency-mt-unsafe): see .h
-    }
+    setVariable(name_, saved_);
 }
 
 bool waitUntil(const std::function<bool()>& condition, Duration timeout) {

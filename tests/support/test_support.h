@@ -55,7 +55,6 @@ class ScopedEnvironmentVariable {
     ~ScopedEnvironmentVariable();
     ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
     ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
-    void set(const std::optional<std::string>& value);
 
   private:
     std::string name_;
