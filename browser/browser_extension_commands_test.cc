@@ -16,15 +16,15 @@ class CommandTest : public ::testing::Test {
   protected:
     void SetUp() override {
         ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
-        outputHandle = std::make_shared<FileHandle>(output.releaseWriteEnd());
+        outputHandle = std::make_shared<FileHandle>(output.writeEnd.release());
         channel = std::make_shared<BrowserExtensionIO>(
-            std::make_shared<FileHandle>(::dup(input.readEnd())), outputHandle);
+            std::make_shared<FileHandle>(::dup(input.readEnd.get())), outputHandle);
     }
 
     // Every frame written so far, as bodies.
     std::vector<std::string> frames() {
         std::vector<std::string> bodies;
-        while (auto body = test::readFrameFrom(output.readEnd(), 100ms)) {
+        while (auto body = test::readFrameFrom(output.readEnd.get(), 100ms)) {
             bodies.push_back(std::move(*body));
         }
         return bodies;
@@ -98,12 +98,13 @@ TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
 TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {
     // Two channels on one output handle, as after a repeated start, writing at once.
     auto second = std::make_shared<BrowserExtensionIO>(
-        std::make_shared<FileHandle>(::dup(input.readEnd())), outputHandle);
+        std::make_shared<FileHandle>(::dup(input.readEnd.get())), outputHandle);
     constexpr int each = 300;
     std::vector<std::string> bodies;
     std::thread reader([&] {
         std::optional<std::string> body;
-        while (bodies.size() < 2 * each && (body = test::readFrameFrom(output.readEnd(), 5000ms))) {
+        while (bodies.size() < 2 * each &&
+               (body = test::readFrameFrom(output.readEnd.get(), 5000ms))) {
             bodies.push_back(std::move(*body));
         }
     });

@@ -29,7 +29,7 @@ class RelayTest : public ::testing::Test {
 
     std::shared_ptr<BrowserExtensionIO> newChannel() {
         return std::make_shared<BrowserExtensionIO>(
-            inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd())));
+            inputHandle, std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
     }
 
     // Retires the channel (closing the pipes must not end the test) and waits for its loop.
@@ -47,21 +47,22 @@ class RelayTest : public ::testing::Test {
     std::optional<test::CoreConnection> connection;
     test::Pipe input;
     test::Pipe output;
-    std::shared_ptr<FileHandle> inputHandle = std::make_shared<FileHandle>(::dup(input.readEnd()));
+    std::shared_ptr<FileHandle> inputHandle =
+        std::make_shared<FileHandle>(::dup(input.readEnd.get()));
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
 TEST_F(RelayTest, ForwardsEveryFrameWithTheSuffixInOrderAndKeepsReadingWhenSendsFail) {
     channel->browserSocket = socket;
     channel->start();
-    test::writeAll(input.writeEnd(), frame(R"({"tabs":[1,2]})") + frame("") + frame("not json") +
-                                         frame("\xff\xfe\x00 bytes"s));
+    test::writeAll(input.writeEnd.get(), frame(R"({"tabs":[1,2]})") + frame("") +
+                                             frame("not json") + frame("\xff\xfe\x00 bytes"s));
     EXPECT_EQ(connection->receive(), R"({"tabs":[1,2]}kerrow.tabList)");
     EXPECT_EQ(connection->receive(), "kerrow.tabList");
     EXPECT_EQ(connection->receive(), "not jsonkerrow.tabList");
     EXPECT_EQ(connection->receive(), "\xff\xfe\x00 byteskerrow.tabList"s);
     socket->closeSocket();  // sends now throw; the channel drops them silently
-    test::writeAll(input.writeEnd(), frame("lost") + frame("also lost"));
+    test::writeAll(input.writeEnd.get(), frame("lost") + frame("also lost"));
     const auto logFile = directory.path() / "state" / "kerrow" / "native-messaging-host.log";
     EXPECT_TRUE(test::waitUntil([&] {
         Logger::flushAll();
@@ -76,7 +77,7 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     const std::string after = frame("after");
     channel->browserSocket = socket;
     channel->start();
-    test::writeAll(input.writeEnd(), frame("before") + after.substr(0, 6));
+    test::writeAll(input.writeEnd.get(), frame("before") + after.substr(0, 6));
     EXPECT_EQ(connection->receive(), "beforekerrow.tabList");
 
     // A second endpoint stands for the new connection of a repeated start.
@@ -90,7 +91,7 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     next->start();
 
     // The frame begun before the switch arrives whole, once, over the new connection.
-    test::writeAll(input.writeEnd(), after.substr(6));
+    test::writeAll(input.writeEnd.get(), after.substr(6));
     EXPECT_EQ(newConnection->receive(), "afterkerrow.tabList");
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
 
@@ -115,7 +116,7 @@ TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
         doomed->retire();
         doomed->start();
     }
-    test::writeAll(input.writeEnd(), frame("unread"));
+    test::writeAll(input.writeEnd.get(), frame("unread"));
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
     EXPECT_EQ(textView(inputHandle->readDataOfLength(4)), "\x06\0\0\0"s);
 }

@@ -16,10 +16,10 @@ using test::Pipe;
 // Feeds `bytes` and end of file, and returns every frame read until end of input.
 std::vector<std::string> framesOf(const std::string& bytes) {
     Pipe pipe;
-    FileHandle input(pipe.releaseReadEnd());
+    FileHandle input(pipe.readEnd.release());
     std::thread writer([&] {  // more than a pipe holds must be written while we read
-        test::writeAll(pipe.writeEnd(), bytes);
-        pipe.closeWriteEnd();
+        test::writeAll(pipe.writeEnd.get(), bytes);
+        pipe.writeEnd.reset();
     });
     std::vector<std::string> bodies;
     Data body;
@@ -54,16 +54,16 @@ TEST(StandardStreamReading, ReadsFramesUntilEndOfInput) {
 
 TEST(StandardStreamReading, CancelledReaderLeavesTheFrameToTheNextReader) {
     Pipe pipe;
-    FileHandle input(pipe.releaseReadEnd());
+    FileHandle input(pipe.readEnd.release());
     const Descriptor cancel(::eventfd(0, EFD_CLOEXEC));
-    test::writeAll(pipe.writeEnd(), "\x01\0\0\0a"s + "\x05\0\0\0he"s);
+    test::writeAll(pipe.writeEnd.get(), "\x01\0\0\0a"s + "\x05\0\0\0he"s);
     Data body;
     ASSERT_EQ(readFrame(input, body, cancel.get()), FrameRead::body);
     EXPECT_EQ(textView(body), "a");
     ASSERT_EQ(::eventfd_write(cancel.get(), 1), 0);
     EXPECT_EQ(readFrame(input, body, cancel.get()), FrameRead::cancelled);
-    test::writeAll(pipe.writeEnd(), "llo"s + "\x01\0\0\0b"s);
-    pipe.closeWriteEnd();
+    test::writeAll(pipe.writeEnd.get(), "llo"s + "\x01\0\0\0b"s);
+    pipe.writeEnd.reset();
     EXPECT_EQ(readFrame(input), dataFromText("hello"));
     EXPECT_EQ(readFrame(input), dataFromText("b"));
     EXPECT_EQ(readFrame(input), std::nullopt);

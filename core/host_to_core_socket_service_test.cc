@@ -19,12 +19,12 @@ class ServiceTest : public ::testing::Test {
         ::setenv("XDG_RUNTIME_DIR", (directory.path() / "run").c_str(), 1);
         ::setenv("XDG_STATE_HOME", (directory.path() / "state").c_str(), 1);
         channel = std::make_shared<BrowserExtensionIO>(
-            std::make_shared<FileHandle>(::dup(input.readEnd())),
-            std::make_shared<FileHandle>(::dup(output.writeEnd())));
+            std::make_shared<FileHandle>(::dup(input.readEnd.get())),
+            std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
         endpoint = std::make_shared<SocketHelper>(SocketType::browser,
                                                   SocketHelper::browserSocketLocation());
         endpoint->setupSocket();
-        auto accepted = core.accept();
+        auto accepted = core->accept();
         ASSERT_TRUE(accepted);
         connection.emplace(std::move(*accepted));
         service = std::make_shared<HostToCoreSocketService>();
@@ -48,10 +48,11 @@ class ServiceTest : public ::testing::Test {
         });
     }
 
-    std::optional<std::string> nextFrame() { return test::readFrameFrom(output.readEnd()); }
+    std::optional<std::string> nextFrame() { return test::readFrameFrom(output.readEnd.get()); }
 
     test::TemporaryDirectory directory;
-    test::TestCoreService core{directory.path() / "run" / "kerrow" / "browser.sock"};
+    std::optional<test::TestCoreService> core{std::in_place,
+                                              directory.path() / "run" / "kerrow" / "browser.sock"};
     test::Pipe input;
     test::Pipe output;
     std::shared_ptr<BrowserExtensionIO> channel;
@@ -130,9 +131,9 @@ TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
     endpoint->sendData(dataFromText("still sends"));  // the channel's last frame can go out
     EXPECT_EQ(connection->receive(), "still sends");
     connection->close();
-    EXPECT_FALSE(core.accept(300ms));
+    EXPECT_FALSE(core->accept(300ms));
 
-    core.stop();  // a second service retired while it waits for the socket to come back
+    core.reset();  // a second service retired while it waits for the socket to come back
     auto other = std::make_shared<HostToCoreSocketService>();
     other->socketHelper = std::make_shared<SocketHelper>(SocketType::browser, "");
     other->setup();

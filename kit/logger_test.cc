@@ -168,12 +168,12 @@ TEST_F(LoggerTest, WritesToStandardErrorWhereTheLogIsNotPrivate) {
 }
 
 TEST(LoggerLocation, FollowsXdgStateHomeThenHome) {
-    test::ScopedEnvironmentVariable state("XDG_STATE_HOME", "/state");
+    const test::ScopedEnvironmentVariable state("XDG_STATE_HOME", "/state");
     const test::ScopedEnvironmentVariable home("HOME", "/home/alice");
     EXPECT_EQ(Logger::defaultLogsDirectory(), "/state/kerrow");
     for (const auto& relativeOrUnset :
          {std::optional<std::string>("relative"), std::optional<std::string>()}) {
-        state.set(relativeOrUnset);
+        const test::ScopedEnvironmentVariable changed("XDG_STATE_HOME", relativeOrUnset);
         EXPECT_EQ(Logger::defaultLogsDirectory(), "/home/alice/.local/state/kerrow");
     }
 }

@@ -92,12 +92,12 @@ class ConnectedSocketTest : public SocketTest {
 
 TEST(SocketLocation, IsInAnAbsoluteXdgRuntimeDirElseInTmp) {
     const std::string fallback = "/tmp/kerrow-" + std::to_string(::getuid()) + "/browser.sock";
-    test::ScopedEnvironmentVariable variable("XDG_RUNTIME_DIR", "/run/user/1000");
+    const test::ScopedEnvironmentVariable variable("XDG_RUNTIME_DIR", "/run/user/1000");
     EXPECT_EQ(SocketHelper::browserSocketLocation(), "/run/user/1000/kerrow/browser.sock");
     for (const auto& relativeEmptyOrUnset :
          {std::optional<std::string>("run/user/1000"), std::optional<std::string>(""),
           std::optional<std::string>()}) {
-        variable.set(relativeEmptyOrUnset);
+        const test::ScopedEnvironmentVariable changed("XDG_RUNTIME_DIR", relativeEmptyOrUnset);
         EXPECT_EQ(SocketHelper::browserSocketLocation(), fallback);
     }
 }

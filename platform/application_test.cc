@@ -27,11 +27,11 @@ class Child {
     /// Runs `body` with the pipe's write end in a new process, which ends when `body` returns.
     explicit Child(const std::function<void(int output)>& body) : pid_(::fork()) {
         if (pid_ == 0) {
-            output_.closeReadEnd();
-            body(output_.writeEnd());
+            output_.readEnd.reset();
+            body(output_.writeEnd.get());
             ::_exit(99);  // applicationMain returned, which it must not
         }
-        output_.closeWriteEnd();
+        output_.writeEnd.reset();
     }
     ~Child() {
         if (pid_ > 0) {
@@ -43,7 +43,7 @@ class Child {
     Child& operator=(const Child&) = delete;
 
     [[nodiscard]] pid_t pid() const { return pid_; }
-    [[nodiscard]] int output() const { return output_.readEnd(); }
+    [[nodiscard]] int output() const { return output_.readEnd.get(); }
 
     /// The exit status; 128 + the signal when a signal ended it; -1 while it still runs after 5 s.
     int waitForExit() {
@@ -123,7 +123,7 @@ TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
         ASSERT_EQ(::kill(child.pid(), GetParam().number), 0);
     }
     EXPECT_EQ(child.waitForExit(), 0);
-    EXPECT_EQ(readToEnd(child.output()), "terminating\n");
+    EXPECT_EQ(readExactly(child.output(), std::string::npos), "terminating\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, ApplicationStopTest,
@@ -151,7 +151,7 @@ TEST(ApplicationTest, DeliversDistributedNotificationsOnTheMainThread) {
     ASSERT_TRUE(client.waitForSignal(announcement));
     client.post(answer);
     EXPECT_EQ(child.waitForExit(), 0);
-    EXPECT_EQ(readToEnd(child.output()),
+    EXPECT_EQ(readExactly(child.output(), std::string::npos),
               std::string(launchedLine) + "answered on the main thread\nterminating\n");
 }
 

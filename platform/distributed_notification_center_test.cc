@@ -51,7 +51,7 @@ bool runUntilIdle(sd_event* loop) {
 
 class DistributedNotificationCenterTest : public ::testing::Test {
   protected:
-    PrivateBus bus;
+    std::optional<PrivateBus> bus{std::in_place};
     EventLoop loop = newLoop();
     DistributedNotificationCenter center{loop.get()};
 };
@@ -62,7 +62,7 @@ TEST_F(DistributedNotificationCenterTest, DeliversOnlyTheObservedNamesFromAnothe
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, first observer"); });
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, second observer"); });
     center.addObserver("com.example.b", [&] { seen.emplace_back("b"); });
-    BusClient client(bus.address());
+    BusClient client(bus->address());
     sd_bus* const connection = client.connection();
     client.post("com.example.c");
     client.post("com.example.a");
@@ -82,7 +82,7 @@ TEST_F(DistributedNotificationCenterTest, DeliversOnlyTheObservedNamesFromAnothe
 
 TEST_F(DistributedNotificationCenterTest, PostsReachOtherConnectionsAndOwnObservers) {
     constexpr std::string_view name = "com.example.announcement";
-    BusClient client(bus.address());
+    BusClient client(bus->address());
     client.observe(name);
 
     // The first use: the connection is still being set up when the signal is queued.
@@ -101,13 +101,13 @@ TEST_F(DistributedNotificationCenterTest, ObservesAgainOnceTheBusComesBack) {
     int seen = 0;
     center.addObserver(name, [&] { ++seen; });
 
-    bus.stop();
+    bus.reset();
     EXPECT_TRUE(runUntilIdle(loop.get())) << "the loop keeps waking after the bus went away";
 
-    bus.start();
+    bus.emplace();
     center.postNotificationName(name, true);
     ASSERT_TRUE(runUntil(loop.get(), [&] { return seen == 1; }));
-    BusClient client(bus.address());
+    BusClient client(bus->address());
     client.post(name);
     EXPECT_TRUE(runUntil(loop.get(), [&] { return seen == 2; }));
 }

@@ -22,14 +22,14 @@ long peakResidentKiB() {
 
 TEST(FileHandleRead, ReadsAheadAndKeepsTheRestForTheNextRead) {
     Pipe pipe;
-    FileHandle input(pipe.releaseReadEnd());
-    writeAll(pipe.writeEnd(), "0123456789");
+    FileHandle input(pipe.readEnd.release());
+    writeAll(pipe.writeEnd.get(), "0123456789");
     EXPECT_EQ(textView(input.readDataOfLength(3)), "012");
     int unread = -1;
     ASSERT_EQ(::ioctl(input.fileDescriptor(), FIONREAD, &unread), 0);
     EXPECT_EQ(unread, 0);  // one read took everything; the handle holds the rest
     EXPECT_TRUE(input.readDataOfLength(0).empty());
-    pipe.closeWriteEnd();
+    pipe.writeEnd.reset();
     EXPECT_EQ(textView(input.readDataOfLength(4)), "3456");
     input.closeFile();
     EXPECT_TRUE(input.readDataOfLength(3).empty());  // the bytes read ahead went with it
@@ -38,9 +38,9 @@ TEST(FileHandleRead, ReadsAheadAndKeepsTheRestForTheNextRead) {
 
 TEST(FileHandleRead, HugeLengthCostsOnlyWhatArrives) {
     Pipe pipe;
-    FileHandle input(pipe.releaseReadEnd());
-    writeAll(pipe.writeEnd(), "0123456789");
-    pipe.closeWriteEnd();
+    FileHandle input(pipe.readEnd.release());
+    writeAll(pipe.writeEnd.get(), "0123456789");
+    pipe.writeEnd.reset();
     const long before = peakResidentKiB();
     const auto held = input.peek(0x8000'0003);
     ASSERT_TRUE(held);
@@ -51,13 +51,13 @@ TEST(FileHandleRead, HugeLengthCostsOnlyWhatArrives) {
 
 TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {
     Pipe pipe;
-    FileHandle input(pipe.releaseReadEnd());
+    FileHandle input(pipe.readEnd.release());
     const Descriptor cancel(::eventfd(0, EFD_CLOEXEC));
-    writeAll(pipe.writeEnd(), "ab");
+    writeAll(pipe.writeEnd.get(), "ab");
     EXPECT_EQ(input.peek(1, cancel.get())->size(), 2u);
     ASSERT_EQ(::eventfd_write(cancel.get(), 1), 0);
     EXPECT_EQ(input.peek(2, cancel.get())->size(), 2u);  // held bytes need no wait
-    writeAll(pipe.writeEnd(), "c");
+    writeAll(pipe.writeEnd.get(), "c");
     EXPECT_FALSE(input.peek(3, cancel.get()));
     EXPECT_EQ(textView(input.readDataOfLength(3)), "abc");
 }
@@ -65,8 +65,8 @@ TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {
 TEST(FileHandleWrite, FailsQuietlyWhenTheReaderHasGone) {
     FileHandle::standardOutput();  // the host's standard output makes SIGPIPE harmless
     Pipe pipe;
-    FileHandle output(pipe.releaseWriteEnd());
-    pipe.closeReadEnd();
+    FileHandle output(pipe.writeEnd.release());
+    pipe.readEnd.reset();
     const std::uint8_t byte = 'x';
     EXPECT_FALSE(output.writeData({&byte, 1}));
     output.closeFile();

@@ -71,10 +71,10 @@ TEST(OrdinaryTroubleTest, KeepsItsStandardStreamsForTheBrowserAndSurvivesABroken
     ::close(::open(state.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
     const std::string variable = "XDG_STATE_HOME=" + state.string();
     Pipe broken;
-    broken.closeReadEnd();
+    broken.readEnd.reset();
     const pid_t host = ::fork();
     if (host == 0) {
-        ::dup2(broken.writeEnd(), 2);
+        ::dup2(broken.writeEnd.get(), 2);
         ::close(1);
         const char* environment[] = {"PATH=/usr/bin:/bin", variable.c_str(), nullptr};
         ::execle(KERROW_HOST_BINARY, KERROW_HOST_BINARY, static_cast<char*>(nullptr), environment);

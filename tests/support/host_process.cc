@@ -38,8 +38,8 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, input.readEnd(), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, output.writeEnd(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, input.readEnd.get(), STDIN_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, output.writeEnd.get(), STDOUT_FILENO);
     if (!standardError.empty()) {
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, standardError.c_str(),
                                          O_WRONLY | O_CREAT | O_APPEND, 0600);
@@ -63,8 +63,8 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
         throw std::system_error(error, std::generic_category(),
                                 "cannot start the host " + binary.string());
     }
-    process.input.reset(input.releaseWriteEnd());
-    process.output.reset(output.releaseReadEnd());
+    process.input.reset(input.writeEnd.release());
+    process.output.reset(output.readEnd.release());
     return process;
 }
 
@@ -88,7 +88,8 @@ std::optional<std::string> HostProcess::receive(Duration timeout) {
 }
 
 std::string HostProcess::receiveRest(Duration timeout) {
-    return process_.output ? readToEnd(process_.output.get(), timeout) : std::string();
+    return process_.output ? readExactly(process_.output.get(), std::string::npos, timeout)
+                           : std::string();
 }
 
 std::optional<int> HostProcess::waitForExit(Duration timeout) {

@@ -15,34 +15,23 @@ void check(int result, const std::string& what) {
 
 }  // namespace
 
+// The daemon prints its address once it listens. Its complaints (running as root it cannot raise
+// its descriptor limit) go to a file, which the error below quotes when it does not come up.
 PrivateBus::PrivateBus()
     : address_("unix:path=" + (directory_.path() / "bus").string()),
+      daemon_("dbus-daemon",
+              {"--session", "--nofork", "--nosyslog", "--address=" + address_, "--print-address=1"},
+              std::nullopt, directory_.path() / "daemon.log"),
       sessionBusAddress_("DBUS_SESSION_BUS_ADDRESS", address_) {
-    start();
-}
-
-void PrivateBus::start() {
-    if (daemon_) {
-        return;
-    }
-    std::filesystem::remove(directory_.path() / "bus");  // left behind by a killed daemon
-    // It prints its address once it listens. Its complaints (running as root it cannot raise its
-    // descriptor limit) go to a file, which the error below quotes when it does not come up.
-    daemon_ = std::make_unique<HostProcess>(
-        "dbus-daemon",
-        std::vector<std::string>{"--session", "--nofork", "--nosyslog", "--address=" + address_,
-                                 "--print-address=1"},
-        std::nullopt, directory_.path() / "daemon.log");
     std::string line;
     if (!waitUntil(
             [&] {
-                line += readExactly(daemon_->outputFd(), 1, 100ms);
+                line += readExactly(daemon_.outputFd(), 1, 100ms);
                 return line.ends_with('\n');
             },
             10s)) {
-        const std::string errors = daemon_->standardError();
-        stop();
-        throw std::runtime_error("dbus-daemon did not come up at " + address_ + ": " + errors);
+        throw std::runtime_error("dbus-daemon did not come up at " + address_ + ": " +
+                                 daemon_.standardError());
     }
 }
 

@@ -32,18 +32,12 @@ class PrivateBus {
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
 
-    /// The bus's address, the same across stop() and start().
     [[nodiscard]] const std::string& address() const { return address_; }
-
-    /// Kills the daemon: every connection to the bus drops. Returns once it is reaped.
-    void stop() { daemon_.reset(); }
-    /// Starts a new daemon at the same address (after stop()).
-    void start();
 
   private:
     TemporaryDirectory directory_;
     std::string address_;
-    std::unique_ptr<HostProcess> daemon_;  // none while stopped
+    HostProcess daemon_;
     ScopedEnvironmentVariable sessionBusAddress_;
 };
 

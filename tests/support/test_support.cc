@@ -39,6 +39,14 @@ bool waitReadable(int fd, std::chrono::steady_clock::time_point deadline) {
     }
 }
 
+void setVariable(const std::string& name, const std::optional<std::string>& value) {
+    if (value) {
+        ::setenv(name.c_str(), value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe): see .h
+    } else {
+        ::unsetenv(name.c_str());  // NOLINT(concurrency-mt-unsafe): see .h
+    }
+}
+
 }  // namespace
 
 TemporaryDirectory::TemporaryDirectory() {
@@ -61,8 +69,8 @@ Pipe::Pipe() {
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         fail("pipe2");
     }
-    read_.reset(ends[0]);
-    write_.reset(ends[1]);
+    readEnd.reset(ends[0]);
+    writeEnd.reset(ends[1]);
 }
 
 void writeAll(int fd, std::string_view bytes) {
@@ -118,19 +126,11 @@ ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
     if (const char* saved = std::getenv(name_.c_str())) {  // NOLINT(concurrency-mt-unsafe): see .h
         saved_ = saved;
     }
-    set(value);
+    setVariable(name_, value);
 }
 
 ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
-    set(saved_);
-}
-
-void ScopedEnvironmentVariable::set(const std::optional<std::string>& value) {
-    if (value) {
-        ::setenv(name_.c_str(), value->c_str(), 1);  // NOLINT(concurrency-mt-unsafe): see .h
-    } else {
-        ::unsetenv(name_.c_str());  // NOLINT(concurrency-mt-unsafe): see .h
-    }
+    setVariable(name_, saved_);
 }
 
 bool waitUntil(const std::function<bool()>& condition, Duration timeout) {
@@ -192,19 +192,16 @@ TestCoreService::TestCoreService(std::filesystem::path socketPath)
 }
 
 std::optional<CoreConnection> TestCoreService::accept(Duration timeout) {
-    if (!listener_ || !waitReadable(listener_.get(), std::chrono::steady_clock::now() + timeout)) {
+    if (!waitReadable(listener_.get(), std::chrono::steady_clock::now() + timeout)) {
         return std::nullopt;
     }
     const int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC);
     return fd < 0 ? std::nullopt : std::optional<CoreConnection>(std::in_place, fd);
 }
 
-void TestCoreService::stop() {
-    if (listener_) {
-        listener_.reset();
-        std::error_code ignored;
-        std::filesystem::remove(socketPath_, ignored);
-    }
+TestCoreService::~TestCoreService() {
+    std::error_code ignored;
+    std::filesystem::remove(socketPath_, ignored);
 }
 
 }  // namespace kerrow::test

@@ -31,30 +31,17 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
-/// A pipe (close-on-exec) whose ends close on destruction unless released or closed before.
-class Pipe {
-  public:
+/// A pipe (close-on-exec) whose ends close on destruction unless released or reset before.
+struct Pipe {
     Pipe();
-    [[nodiscard]] int readEnd() const { return read_.get(); }
-    [[nodiscard]] int writeEnd() const { return write_.get(); }
-    /// Gives up ownership of an end (for a FileHandle that takes it over).
-    int releaseReadEnd() { return read_.release(); }
-    int releaseWriteEnd() { return write_.release(); }
-    void closeReadEnd() { read_.reset(); }
-    void closeWriteEnd() { write_.reset(); }
-
-  private:
-    Descriptor read_;
-    Descriptor write_;
+    Descriptor readEnd;
+    Descriptor writeEnd;
 };
 
 /// Writes all bytes to a descriptor (a socket without SIGPIPE); throws on error.
 void writeAll(int fd, std::string_view bytes);
-/// Reads exactly `n` bytes within `timeout`; fewer at end of file or time-out.
+/// Reads exactly `n` bytes (npos: all) within `timeout`; fewer at end of file or time-out.
 [[nodiscard]] std::string readExactly(int fd, std::size_t n, Duration timeout = 5000ms);
-[[nodiscard]] inline std::string readToEnd(int fd, Duration timeout = 5000ms) {
-    return readExactly(fd, std::string::npos, timeout);
-}
 
 [[nodiscard]] std::string frame(std::string_view body);
 /// Reads one frame, waiting at most `timeout` for its header and for its body; no value at end
@@ -68,7 +55,6 @@ class ScopedEnvironmentVariable {
     ~ScopedEnvironmentVariable();
     ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
     ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
-    void set(const std::optional<std::string>& value);
 
   private:
     std::string name_;
@@ -103,13 +89,11 @@ class CoreConnection {
 class TestCoreService {
   public:
     explicit TestCoreService(std::filesystem::path socketPath);
-    ~TestCoreService() { stop(); }
+    ~TestCoreService();  // stops listening and removes the socket file
     TestCoreService(const TestCoreService&) = delete;
     TestCoreService& operator=(const TestCoreService&) = delete;
 
     [[nodiscard]] std::optional<CoreConnection> accept(Duration timeout = 5000ms);
-    /// Stops listening and removes the socket file.
-    void stop();
     [[nodiscard]] const std::filesystem::path& socketPath() const { return socketPath_; }
 
   private:
