@@ -12,6 +12,7 @@
 // Free functions over a caller's handle; the caller keeps one reader and one writer at a time.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string_view>
 
@@ -19,6 +20,10 @@
 #include "platform/file_handle.h"
 
 namespace kerrow {
+
+/// The largest body that Chrome and Firefox accept from a host (1 MiB): a longer message makes
+/// the browser drop the host, so the host never writes one.
+constexpr std::size_t maximumMessageLength = std::size_t{1024} * 1024;
 
 enum class FrameRead {
     body,        // the next body is in the caller's buffer
