@@ -94,7 +94,6 @@ void checkBrowsers(const Options& options, const Environment& environment,
             continue;
         }
         anyInUse = true;
-        const Browser* browser = target.selected.front();
         const bool userManifest = checkManifest(target, target.label(), options, findings);
         if (target.flatpakFolder) {
             if (!userManifest) {
@@ -108,10 +107,12 @@ void checkBrowsers(const Options& options, const Environment& environment,
         }
         std::vector<std::string> systemManifests;
         for (const Target& shared : systemTargets) {
-            if (std::find(shared.readers.begin(), shared.readers.end(), browser) !=
-                    shared.readers.end() &&
-                checkManifest(shared, std::string(browser->name) + " (all users)", system,
-                              findings)) {
+            const bool read = std::any_of(
+                target.selected.begin(), target.selected.end(), [&](const Browser* browser) {
+                    return std::find(shared.readers.begin(), shared.readers.end(), browser) !=
+                           shared.readers.end();
+                });
+            if (read && checkManifest(shared, target.label() + " (all users)", system, findings)) {
                 systemManifests.push_back(shared.manifestPath().string());
             }
         }

@@ -16,7 +16,8 @@ namespace kerrow::installer {
 /// One line of the doctor's report.
 struct Finding {
     bool ok = true;
-    /// What was checked: "firefox", "chromium (flatpak)", "session bus", "core service socket".
+    /// What was checked: "firefox", "chromium (flatpak org.chromium.Chromium)", "session bus",
+    /// "core service socket".
     std::string subject;
     /// What was found.
     std::string detail;

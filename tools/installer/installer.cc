@@ -23,10 +23,156 @@ constexpr mode_t systemFolderMode = 0755;
 constexpr mode_t userFolderMode = 0700;
 constexpr std::string_view hostFileName = "kerrow-native-messaging-host";
 
+// The folder for the current user; one relative to an install is left relative.
 std::filesystem::path resolve(const UserFolder& folder, const Environment& environment) {
-    return (folder.base == UserFolder::Base::home ? environment.home
-                                                  : environment.configDirectory()) /
-           folder.path;
+    switch (folder.base) {
+        case UserFolder::Base::home:
+            return environment.home / folder.path;
+        case UserFolder::Base::config:
+            return environment.configDirectory() / folder.path;
+        case UserFolder::Base::chromeConfig:
+            return environment.chromeConfigHome.value_or(environment.configDirectory()) /
+                   folder.path;
+        case UserFolder::Base::install:
+            break;
+    }
+    return folder.path;
+}
+
+// The folders that `pattern` names: itself, or where a component is "*", every folder that exists
+// and matches it, in order.
+std::vector<std::filesystem::path> matching(const std::filesystem::path& pattern) {
+    std::vector<std::filesystem::path> found{pattern.root_path()};
+    bool wild = false;
+    for (const auto& part : pattern.relative_path()) {
+        std::vector<std::filesystem::path> next;
+        for (const auto& prefix : found) {
+            if (part != "*") {
+                next.push_back(prefix / part);
+                continue;
+            }
+            wild = true;
+            std::error_code error;
+            for (auto entry = std::filesystem::directory_iterator(prefix, error);
+                 !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+                next.push_back(entry->path());
+            }
+        }
+        found = std::move(next);
+    }
+    if (wild) {
+        std::erase_if(found, [](const auto& path) { return !std::filesystem::is_directory(path); });
+        std::sort(found.begin(), found.end());
+    }
+    return found;
+}
+
+// One browser's folders for the current user, each read by this browser alone so far.
+std::vector<Target> userTargets(const Browser& browser, bool named,
+                                const Environment& environment) {
+    std::vector<std::filesystem::path> inUse;
+    for (const auto& folder : browser.inUse) {
+        if (!folder.path.empty()) {
+            const auto found = matching(resolve(folder, environment));
+            inUse.insert(inUse.end(), found.begin(), found.end());
+        }
+    }
+    std::vector<Target> targets;
+    for (const auto& manifests : browser.userManifests) {
+        if (manifests.path.empty()) {
+            continue;
+        }
+        if (manifests.base != UserFolder::Base::install) {
+            targets.push_back(
+                {resolve(manifests, environment), browser.family, {&browser}, {&browser}, named});
+            targets.back().inUseFolders = inUse;
+            continue;
+        }
+        for (const auto& install : inUse) {
+            targets.push_back({install / manifests.path,
+                               browser.family,
+                               {&browser},
+                               {&browser},
+                               named,
+                               {install}});
+        }
+    }
+    for (const Flatpak& flatpak : browser.flatpaks) {
+        if (flatpak.id.empty()) {
+            continue;
+        }
+        const auto app = environment.home / ".var/app" / flatpak.id;
+        targets.push_back(
+            {app / flatpak.manifests, browser.family, {&browser}, {&browser}, false, {app}, app});
+        targets.back().flatpakId = flatpak.id;
+    }
+    return targets;
+}
+
+// Adds `target` to `targets`, or its browser to the target of the same folder: of browsers
+// sharing a folder, those in use are named for it when any is.
+void addUserTarget(std::vector<Target>& targets, Target target) {
+    const auto existing = std::find_if(targets.begin(), targets.end(), [&](const Target& t) {
+        return t.directory == target.directory;
+    });
+    if (existing == targets.end()) {
+        targets.push_back(std::move(target));
+        return;
+    }
+    const bool wasInUse = existing->inUse();
+    if (target.inUse() && !wasInUse) {
+        existing->selected.clear();
+    }
+    if (target.inUse() || !wasInUse) {
+        existing->selected.push_back(target.selected.front());
+    }
+    existing->readers.push_back(target.selected.front());
+    existing->inUseFolders.insert(existing->inUseFolders.end(), target.inUseFolders.begin(),
+                                  target.inUseFolders.end());
+    existing->named = existing->named || target.named;
+}
+
+// The current user's folders of `browsers`; the readers of each are the browsers in use that
+// read it, and those selected.
+std::vector<Target> selectUserTargets(const std::vector<const Browser*>& browsers, bool all,
+                                      const Environment& environment) {
+    std::vector<Target> targets;
+    for (const Browser* browser : browsers) {
+        for (auto& target : userTargets(*browser, !all, environment)) {
+            addUserTarget(targets, std::move(target));
+        }
+    }
+    for (const Browser& reader : knownBrowsers()) {
+        for (const Target& folder : userTargets(reader, false, environment)) {
+            for (Target& target : targets) {
+                if (target.directory == folder.directory && folder.inUse() &&
+                    std::find(target.readers.begin(), target.readers.end(), &reader) ==
+                        target.readers.end()) {
+                    target.readers.push_back(&reader);
+                }
+            }
+        }
+    }
+    return targets;
+}
+
+// The selected browsers installed inside the home (Tor Browser) of which no install was found,
+// each named on `err` after `verb`; false when there is none.
+bool reportBrowsersNotFound(const Options& options, const std::vector<Target>& targets,
+                            std::string_view verb, const Environment& environment,
+                            std::ostream& err) {
+    bool any = false;
+    for (const Browser* browser : options.browsers) {
+        const bool found = std::any_of(targets.begin(), targets.end(), [&](const Target& t) {
+            return std::find(t.selected.begin(), t.selected.end(), browser) != t.selected.end();
+        });
+        if (!found && options.scope == Scope::user) {
+            err << browser->name << ": " << verb << ": no install found at "
+                << resolve(browser->inUse.front(), environment).string() << "\n";
+            any = true;
+        }
+    }
+    return any;
 }
 
 // The text with every character the shell treats specially quoted.
@@ -105,9 +251,11 @@ int install(const Options& options, const Environment& environment, std::ostream
         return 2;
     }
     const mode_t folderMode = options.scope == Scope::system ? systemFolderMode : userFolderMode;
-    int status = 0;
+    const auto targets = selectTargets(options, environment);
+    int status =
+        reportBrowsersNotFound(options, targets, "not registered", environment, err) ? 1 : 0;
     int written = 0;
-    for (const Target& target : selectTargets(options, environment)) {
+    for (const Target& target : targets) {
         if (!target.named && !target.inUse()) {
             continue;
         }
@@ -149,9 +297,10 @@ int install(const Options& options, const Environment& environment, std::ostream
 
 int check(const Options& options, const Environment& environment, std::ostream& out,
           std::ostream& err) {
-    int status = 0;
+    const auto targets = selectTargets(options, environment);
+    int status = reportBrowsersNotFound(options, targets, "missing", environment, err) ? 1 : 0;
     int found = 0;
-    for (const Target& target : selectTargets(options, environment)) {
+    for (const Target& target : targets) {
         const auto path = target.manifestPath();
         const auto text = readText(path);
         if (!text) {
@@ -192,14 +341,15 @@ int remove(const Options& options, const Environment& environment, std::ostream&
     int status = 0;
     for (const Target& target : selectTargets(options, environment)) {
         const auto path = target.manifestPath();
-        if (target.selected.size() < target.readers.size()) {
-            std::string others;
-            for (const Browser* reader : target.readers) {
-                if (std::find(target.selected.begin(), target.selected.end(), reader) ==
+        std::string others;
+        for (const Browser* reader : target.readers) {
+            if (!options.browsers.empty() &&
+                std::find(target.selected.begin(), target.selected.end(), reader) ==
                     target.selected.end()) {
-                    others += (others.empty() ? "" : ", ") + std::string(reader->name);
-                }
+                others += (others.empty() ? "" : ", ") + std::string(reader->name);
             }
+        }
+        if (!others.empty()) {
             out << target.label() << ": kept " << path.string() << ", also read by " << others
                 << "\n";
             continue;
@@ -242,7 +392,7 @@ std::string Target::label() const {
     for (const Browser* browser : selected) {
         text += (text.empty() ? "" : "+") + std::string(browser->name);
     }
-    return flatpakFolder ? text + " (flatpak)" : text;
+    return flatpakFolder ? text + " (flatpak " + std::string(flatpakId) + ")" : text;
 }
 
 std::string launcherText(const std::filesystem::path& host) {
@@ -271,32 +421,12 @@ std::vector<Target> selectTargets(const Options& options, const Environment& env
             browsers.push_back(&browser);
         }
     }
+    if (options.scope == Scope::user) {
+        return selectUserTargets(browsers, all, environment);
+    }
     const std::filesystem::path root = options.root.empty() ? "/" : options.root;
     std::vector<Target> targets;
     for (const Browser* browser : browsers) {
-        if (options.scope == Scope::user) {
-            Target target{resolve(browser->userManifests, environment),
-                          browser->family,
-                          {browser},
-                          {browser},
-                          !all};
-            for (const auto& folder : browser->inUse) {
-                if (!folder.path.empty()) {
-                    target.inUseFolders.push_back(resolve(folder, environment));
-                }
-            }
-            targets.push_back(std::move(target));
-            if (!browser->flatpakId.empty()) {
-                const auto app = environment.home / ".var/app" / browser->flatpakId;
-                Target flatpak{
-                    app / browser->flatpakManifests, browser->family, {browser}, {browser}};
-                flatpak.inUseFolders = {app};
-                flatpak.flatpakFolder = app;
-                flatpak.flatpakId = browser->flatpakId;
-                targets.push_back(std::move(flatpak));
-            }
-            continue;
-        }
         for (const std::string_view system : browser->systemDirectories) {
             if (system.empty() || (system.starts_with("/usr/lib64/") &&
                                    !std::filesystem::is_directory(root / "usr/lib64"))) {

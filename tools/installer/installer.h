@@ -18,6 +18,8 @@ struct Environment {
     std::filesystem::path home;
     /// $XDG_CONFIG_HOME when it is set and absolute.
     std::optional<std::filesystem::path> configHome;
+    /// $CHROME_CONFIG_HOME when it is set and absolute.
+    std::optional<std::filesystem::path> chromeConfigHome;
     /// The folder holding the installer itself, where the host is looked for by default.
     std::filesystem::path programDirectory;
 
@@ -39,10 +41,11 @@ struct Environment {
 struct Target {
     std::filesystem::path directory;
     BrowserFamily family = BrowserFamily::chromium;
-    /// The selected browsers reading this folder (empty for a --user-data-dir folder).
+    /// The selected browsers reading this folder (empty for a --user-data-dir folder); of a
+    /// folder shared by several browsers, those in use when any is.
     std::vector<const Browser*> selected = {};
-    /// Every browser reading this folder in this scope; more than `selected` when a folder is
-    /// shared with a browser that was not selected.
+    /// Every browser reading this folder in this scope (for the current user: those in use);
+    /// more than `selected` when a folder is shared with a browser that was not selected.
     std::vector<const Browser*> readers = {};
     /// Named on the command line (--browser or --user-data-dir), not implied by "every browser".
     bool named = false;
@@ -59,11 +62,13 @@ struct Target {
     [[nodiscard]] std::filesystem::path launcherPath() const;
 
     [[nodiscard]] std::filesystem::path manifestPath() const;
-    /// "chrome", "chrome+brave+vivaldi", "chromium (flatpak)", "user data dir".
+    /// "chrome", "chrome+brave+vivaldi", "chromium (flatpak org.chromium.Chromium)",
+    /// "user data dir".
     [[nodiscard]] std::string label() const;
 };
 
-/// The folders that `options` select, in browser order, one entry per distinct folder.
+/// The folders that `options` select, in browser order, one entry per distinct folder. A browser
+/// installed inside the home (Tor Browser) has one folder per install found, none without one.
 [[nodiscard]] std::vector<Target> selectTargets(const Options& options,
                                                 const Environment& environment);
 

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iostream>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "kerrow_version.h"
@@ -21,9 +22,13 @@ kerrow::installer::Environment processEnvironment() {
     if (home != nullptr) {
         environment.home = home;
     }
-    const char* const configHome = std::getenv("XDG_CONFIG_HOME");  // NOLINT(concurrency-mt-unsafe)
-    if (configHome != nullptr && configHome[0] == '/') {
-        environment.configHome = configHome;
+    for (const auto& [name, folder] :
+         {std::pair{"XDG_CONFIG_HOME", &environment.configHome},
+          std::pair{"CHROME_CONFIG_HOME", &environment.chromeConfigHome}}) {
+        const char* const value = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
+        if (value != nullptr && value[0] == '/') {
+            *folder = value;
+        }
     }
     std::error_code error;
     environment.programDirectory =
