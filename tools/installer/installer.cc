@@ -288,7 +288,7 @@ int install(const Options& options, const Environment& environment, std::ostream
         status = 1;
     }
     if (written == 0 && status == 0) {
-        err << "no manifest written: no browser found in use here (looked for ~/.mozilla, "
+        err << "no manifest written: no browser found in use here (looked for ~/.mozilla/firefox, "
                "~/.config/google-chrome, ~/.var/app/<id>, ...); name one with --browser\n";
         status = 1;
     }

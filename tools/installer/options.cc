@@ -1,7 +1,9 @@
 #include "tools/installer/options.h"
 
+#include <getopt.h>
+
 #include <algorithm>
-#include <utility>
+#include <array>
 
 #include "kerrow_extension_ids.h"
 #include "tools/installer/manifest.h"
@@ -9,43 +11,49 @@
 namespace kerrow::installer {
 namespace {
 
-// Walks the arguments; accepts "--name value" and "--name=value".
-class ArgumentReader {
-  public:
-    explicit ArgumentReader(std::span<const std::string_view> arguments) : arguments_(arguments) {}
-
-    [[nodiscard]] bool done() const { return next_ >= arguments_.size(); }
-
-    /// The next option's name; its "=value" part, if any, is kept for value().
-    std::string_view option() {
-        std::string_view argument = arguments_[next_++];
-        inlineValue_.reset();
-        if (const auto equals = argument.find('=');
-            argument.starts_with("--") && equals != std::string_view::npos) {
-            inlineValue_ = argument.substr(equals + 1);
-            argument = argument.substr(0, equals);
-        }
-        return argument;
-    }
-
-    /// The value of the option just read, or no value when there is none.
-    std::optional<std::string_view> value() {
-        if (inlineValue_) {
-            return std::exchange(inlineValue_, std::nullopt);
-        }
-        if (done()) {
-            return std::nullopt;
-        }
-        return arguments_[next_++];
-    }
-
-    [[nodiscard]] bool hasInlineValue() const { return inlineValue_.has_value(); }
-
-  private:
-    std::span<const std::string_view> arguments_;
-    std::size_t next_ = 0;
-    std::optional<std::string_view> inlineValue_;
+// getopt_long's codes for the long options; each option's text comes from longOptions.
+enum Code : int {
+    browserCode = 256,
+    extensionIdCode,
+    hostCode,
+    userDataDirCode,
+    rootCode,
+    systemCode,
+    checkCode,
+    removeCode,
+    doctorCode,
+    jsonCode,
+    grantFlatpakCode,
+    versionCode,
+    helpCode = 'h',
 };
+
+constexpr std::array<option, 14> longOptions{{
+    {"browser", required_argument, nullptr, browserCode},
+    {"extension-id", required_argument, nullptr, extensionIdCode},
+    {"host", required_argument, nullptr, hostCode},
+    {"user-data-dir", required_argument, nullptr, userDataDirCode},
+    {"root", required_argument, nullptr, rootCode},
+    {"system", no_argument, nullptr, systemCode},
+    {"check", no_argument, nullptr, checkCode},
+    {"remove", no_argument, nullptr, removeCode},
+    {"doctor", no_argument, nullptr, doctorCode},
+    {"json", no_argument, nullptr, jsonCode},
+    {"grant-flatpak", no_argument, nullptr, grantFlatpakCode},
+    {"version", no_argument, nullptr, versionCode},
+    {"help", no_argument, nullptr, helpCode},
+    {nullptr, 0, nullptr, 0},
+}};
+
+// "--browser" for browserCode; empty for a code of no long option.
+std::string optionText(int code) {
+    for (const option& entry : longOptions) {
+        if (entry.name != nullptr && entry.val == code) {
+            return "--" + std::string(entry.name);
+        }
+    }
+    return {};
+}
 
 std::string browserNames() {
     std::string names;
@@ -150,70 +158,100 @@ std::optional<UsageError> validate(const Options& options, bool systemGiven) {
     return std::nullopt;
 }
 
-}  // namespace
-
-std::variant<Options, UsageError> parseOptions(std::span<const std::string_view> arguments) {
-    Options options;
-    bool actionGiven = false;
-    bool systemGiven = false;
-    ArgumentReader reader(arguments);
-    while (!reader.done()) {
-        const std::string_view option = reader.option();
-        const bool takesValue = option == "--browser" || option == "--extension-id" ||
-                                option == "--host" || option == "--user-data-dir" ||
-                                option == "--root";
-        if (!takesValue && reader.hasInlineValue()) {
-            return UsageError{std::string(option) + " takes no value"};
-        }
-        std::optional<UsageError> error;
-        if (option == "--help" || option == "-h") {
+// Carries out the option `code` with its value (empty for an option without one).
+std::optional<UsageError> apply(Options& options, int code, std::string_view value,
+                                bool& actionGiven, bool& systemGiven) {
+    switch (code) {
+        case helpCode:
             options.help = true;
-            return options;
-        } else if (option == "--version") {
+            break;
+        case versionCode:
             options.version = true;
-            return options;
-        } else if (option == "--doctor") {
-            error = setAction(options, Action::doctor, actionGiven);
-        } else if (option == "--json") {
+            break;
+        case doctorCode:
+            return setAction(options, Action::doctor, actionGiven);
+        case checkCode:
+            return setAction(options, Action::check, actionGiven);
+        case removeCode:
+            return setAction(options, Action::remove, actionGiven);
+        case jsonCode:
             options.json = true;
-        } else if (option == "--grant-flatpak") {
+            break;
+        case grantFlatpakCode:
             options.grantFlatpak = true;
-        } else if (option == "--check") {
-            error = setAction(options, Action::check, actionGiven);
-        } else if (option == "--remove") {
-            error = setAction(options, Action::remove, actionGiven);
-        } else if (option == "--system") {
+            break;
+        case systemCode:
             systemGiven = true;
             if (options.scope != Scope::userDataDir) {
                 options.scope = Scope::system;
             }
-        } else if (takesValue) {
-            const auto value = reader.value();
-            if (!value || value->empty()) {
-                return UsageError{std::string(option) + " needs a value"};
+            break;
+        case browserCode:
+            return addBrowser(options, value);
+        case extensionIdCode:
+            return addExtensionId(options, value);
+        case rootCode:
+            options.root = std::filesystem::absolute(value).lexically_normal();
+            break;
+        case hostCode:
+            if (!value.starts_with('/')) {
+                return UsageError{"--host must be an absolute path, not '" + std::string(value) +
+                                  "'"};
             }
-            if (option == "--browser") {
-                error = addBrowser(options, *value);
-            } else if (option == "--extension-id") {
-                error = addExtensionId(options, *value);
-            } else if (option == "--root") {
-                options.root = std::filesystem::absolute(*value).lexically_normal();
-            } else if (option == "--host") {
-                if (!value->starts_with('/')) {
-                    return UsageError{"--host must be an absolute path, not '" +
-                                      std::string(*value) + "'"};
-                }
-                options.hostPath = std::filesystem::path(*value).lexically_normal();
-            } else {
-                options.scope = Scope::userDataDir;
-                options.userDataDir = std::filesystem::absolute(*value).lexically_normal();
-            }
-        } else {
-            return UsageError{"unknown argument '" + std::string(option) + "'"};
+            options.hostPath = std::filesystem::path(value).lexically_normal();
+            break;
+        default:
+            options.scope = Scope::userDataDir;
+            options.userDataDir = std::filesystem::absolute(value).lexically_normal();
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
+std::variant<Options, UsageError> parseOptions(std::span<const std::string_view> arguments) {
+    std::vector<std::string> texts{"kerrow-native-messaging-host-install"};
+    texts.insert(texts.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (auto& text : texts) {
+        argv.push_back(text.data());
+    }
+    argv.push_back(nullptr);
+    const int argc = static_cast<int>(texts.size());
+
+    Options options;
+    bool actionGiven = false;
+    bool systemGiven = false;
+    optind = 0;  // a full restart of getopt's scan
+    opterr = 0;  // the messages are ours
+    // "-": a non-option is returned as code 1; ":": a missing value as ':'.
+    for (int code = 0;
+         (code = ::getopt_long(argc, argv.data(), "-:h", longOptions.data(), nullptr)) != -1;) {
+        if (code == 1) {
+            return UsageError{"unknown argument '" + std::string(optarg) + "'"};
         }
-        if (error) {
+        if (code == ':') {
+            return UsageError{optionText(optopt) + " needs a value"};
+        }
+        if (code == '?') {
+            const auto known = optionText(optopt);  // known, but given a value
+            return UsageError{known.empty()
+                                  ? "unknown argument '" + std::string(argv[optind - 1]) + "'"
+                                  : known + " takes no value"};
+        }
+        const std::string_view value = optarg != nullptr ? optarg : "";
+        if (optarg != nullptr && value.empty()) {
+            return UsageError{optionText(code) + " needs a value"};
+        }
+        if (auto error = apply(options, code, value, actionGiven, systemGiven)) {
             return *error;
         }
+        if (options.help || options.version) {
+            return options;
+        }
+    }
+    if (optind < argc) {
+        return UsageError{"unknown argument '" + std::string(argv[optind]) + "'"};
     }
     if (options.chromiumExtensionIds.empty() && options.firefoxExtensionIds.empty()) {
         for (const std::string_view id : configuredExtensionIds) {
@@ -243,15 +281,15 @@ WHERE
                        (Chrome family: $XDG_CONFIG_HOME, default ~/.config), and inside
                        ~/.var/app/<id> for each browser installed as a Flatpak
   --system             for every user (run as root): /etc/opt/chrome, /etc/chromium,
-                       /etc/opt/edge, /etc/opt/vivaldi, /usr/lib/mozilla (and /usr/lib64/mozilla
-                       where /usr/lib64 exists), /usr/lib/librewolf, /usr/lib/waterfox
+                       /etc/opt/edge, /usr/lib/mozilla, /usr/lib/librewolf, /usr/lib/waterfox
+                       (and the same under /usr/lib64 where it exists)
   --root DIR           with --system: write under DIR (a package's staging root)
   --user-data-dir DIR  for a Chromium-family browser started with --user-data-dir=DIR:
                        DIR/NativeMessagingHosts
 
   --browser NAME       a browser below; repeatable. Without it: every browser; for the current
-                       user only those in use (~/.config/google-chrome, ~/.mozilla,
-                       ~/snap/firefox, ~/.var/app/<id>, ...):)" +
+                       user only those in use (~/.config/google-chrome, ~/.mozilla/firefox,
+                       ~/.zen, ~/snap/firefox, ~/.var/app/<id>, ...):)" +
            wrapped(browserNames()) + R"(
   --extension-id ID    an extension allowed to start the host; repeatable. A Chrome extension
                        id is 32 letters a-p; a Firefox add-on id is name@domain or {GUID}.

@@ -1,5 +1,6 @@
 // The installer's command line, parsed and validated before anything touches the disk.
-// A plain value; any thread.
+// Options is a plain value; parseOptions uses getopt_long, whose state is global: call it from
+// one thread at a time (main does).
 #pragma once
 
 #include <filesystem>
