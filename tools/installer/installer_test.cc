@@ -79,7 +79,11 @@ class InstallerTest : public ::testing::Test {
 
 TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     // A folder that tells a browser is in use, and the manifest folders written for it; a Flatpak
-    // app's manifest names the launcher in the app's folder (the last test runs it).
+    // app's manifest names the launcher in the app's folder (the last test runs it). "config/"
+    // is $XDG_CONFIG_HOME, "chrome/" $CHROME_CONFIG_HOME (which Brave ignores).
+    const std::string tor =
+        ".local/share/torbrowser/tbb/x86_64/tor-browser_en-US/Browser/"
+        "TorBrowser/Data/Browser";
     const struct {
         std::string inUse;
         std::vector<std::string> manifests;
@@ -89,36 +93,47 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
         {".var/app/org.mozilla.firefox",
          {".mozilla/native-messaging-hosts",
           ".var/app/org.mozilla.firefox/.mozilla/native-messaging-hosts"}},
-        {".librewolf", {".librewolf/native-messaging-hosts"}},
-        {".waterfox", {".waterfox/native-messaging-hosts"}},
+        {".zen", {".mozilla/native-messaging-hosts"}},
+        {".floorp", {".floorp/native-messaging-hosts", ".mozilla/native-messaging-hosts"}},
+        {tor, {tor + "/.mozilla/native-messaging-hosts"}},
+        {"config/librewolf", {".librewolf/native-messaging-hosts"}},
         {".var/app/io.gitlab.librewolf-community",
          {".var/app/io.gitlab.librewolf-community/.librewolf/native-messaging-hosts"}},
-        {".var/app/org.chromium.Chromium",
-         {".var/app/org.chromium.Chromium/config/chromium/NativeMessagingHosts"}},
-        {".var/app/com.brave.Browser",
-         {".var/app/com.brave.Browser/config/BraveSoftware/Brave-Browser/NativeMessagingHosts"}},
-        {"config/google-chrome-unstable", {"config/google-chrome-unstable/NativeMessagingHosts"}},
+        {".var/app/net.waterfox.waterfox",
+         {".var/app/net.waterfox.waterfox/.waterfox/native-messaging-hosts"}},
+        {".var/app/io.github.ungoogled_software.ungoogled_chromium",
+         {".var/app/io.github.ungoogled_software.ungoogled_chromium/config/chromium/"
+          "NativeMessagingHosts"}},
+        {".var/app/com.opera.Opera",
+         {".var/app/com.opera.Opera/config/opera/NativeMessagingHosts"}},
+        {"chrome/google-chrome-canary", {"chrome/google-chrome-canary/NativeMessagingHosts"}},
+        {"chrome/thorium", {"chrome/thorium/NativeMessagingHosts"}},
         {"config/microsoft-edge-dev", {"config/microsoft-edge-dev/NativeMessagingHosts"}},
         {"config/BraveSoftware/Brave-Browser-Nightly",
          {"config/BraveSoftware/Brave-Browser-Nightly/NativeMessagingHosts"}},
         {"config/vivaldi-snapshot", {"config/vivaldi-snapshot/NativeMessagingHosts"}},
         {"config/opera", {"config/opera/NativeMessagingHosts"}},
     };
-    const fs::path config = directory_.path() / "config";
-    const test::Environment xdg{{"XDG_CONFIG_HOME", config.string()}};
+    const auto at = [&](const fs::path& folder) {
+        const bool outside = *folder.begin() == "config" || *folder.begin() == "chrome";
+        return (outside ? directory_.path() : home_) / folder;
+    };
+    const test::Environment xdg{{"XDG_CONFIG_HOME", at("config").string()},
+                                {"CHROME_CONFIG_HOME", at("chrome").string()}};
     for (const auto& [inUse, manifests] : cases) {
         SCOPED_TRACE(inUse);
         fs::remove_all(home_);
-        fs::remove_all(config);
-        fs::create_directories(inUse.starts_with("config/") ? directory_.path() / inUse
-                                                            : home_ / inUse);
+        fs::remove_all(at("config"));
+        fs::remove_all(at("chrome"));
+        fs::create_directories(at(inUse));
         const auto written = install(withIds({}), xdg);
         ASSERT_EQ(written.status, 0) << written.err;
         EXPECT_EQ(manifestsUnder(directory_.path()).size(), manifests.size());
+        const auto doctor = install({"--doctor"}, xdg);
         for (const fs::path folder : manifests) {
-            const fs::path base = *folder.begin() == "config" ? directory_.path() : home_;
-            const auto text = test::readFile(base / folder / manifestName);
+            const auto text = test::readFile(at(folder) / manifestName);
             ASSERT_FALSE(text.empty()) << folder;
+            EXPECT_THAT(doctor.out, HasSubstr((at(folder) / manifestName).string() + " is sound"));
             const fs::path named = nlohmann::json::parse(text)["path"].get<std::string>();
             if (*folder.begin() != ".var") {
                 EXPECT_EQ(named, host_);
@@ -137,23 +152,35 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     }
 
     fs::remove_all(home_);
-    fs::create_directories(home_);
+    fs::create_directories(home_ / ".mozilla");  // written for Zen: Firefox is not in use
     const auto empty = install(withIds({}));
     EXPECT_EQ(empty.status, 1);
     EXPECT_THAT(empty.err, HasSubstr("no browser found in use"));
+    const auto noTor = install(withIds({"--browser", "tor-browser"}));
+    EXPECT_EQ(noTor.status, 1);
+    EXPECT_THAT(noTor.err, HasSubstr("tor-browser: not registered: no install found at " +
+                                     (home_ / ".local/share/torbrowser/tbb/*/*").string()));
 
     // A browser in use that cannot be registered is reported, and the others still registered.
-    fs::create_directories(home_ / ".mozilla");
+    fs::create_directories(home_ / ".mozilla/firefox");
+    fs::create_directories(home_ / ".zen");
     fs::create_directories(home_ / ".config/chromium");
     fs::create_directories(home_ / "snap/chromium");
     const auto partial =
         install({"--extension-id", std::string(chromeId), "--host", host_.string()});
     EXPECT_EQ(partial.status, 1);
-    EXPECT_THAT(partial.err, HasSubstr("firefox: not registered: no Firefox family extension id"));
+    EXPECT_THAT(partial.err,
+                HasSubstr("firefox+zen: not registered: no Firefox family extension id"));
     EXPECT_THAT(partial.err, HasSubstr("chromium (snap): not registered: the snap of Chromium"));
     EXPECT_TRUE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts" / manifestName));
     EXPECT_EQ(fs::status(home_ / ".config/chromium/NativeMessagingHosts").permissions(),
               fs::perms(0700));
+    // A folder shared with another browser in use stays when one of them is removed.
+    ASSERT_EQ(install(withIds({})).status, 1);
+    EXPECT_THAT(install({"--browser", "zen", "--remove"}).out,
+                HasSubstr("zen: kept " +
+                          (home_ / ".mozilla/native-messaging-hosts" / manifestName).string() +
+                          ", also read by firefox"));
 }
 
 TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
@@ -232,20 +259,21 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
                            "etc/chromium/native-messaging-hosts",
                            "etc/opt/chrome/native-messaging-hosts",
                            "etc/opt/edge/native-messaging-hosts",
-                           "etc/opt/vivaldi/native-messaging-hosts",
                            "usr/lib/librewolf/native-messaging-hosts",
                            "usr/lib/mozilla/native-messaging-hosts",
                            "usr/lib/waterfox/native-messaging-hosts",
+                           "usr/lib64/librewolf/native-messaging-hosts",
                            "usr/lib64/mozilla/native-messaging-hosts",
+                           "usr/lib64/waterfox/native-messaging-hosts",
                        }));
-    // Google Chrome's folder stays while another of its readers is not named.
+    // Vivaldi reads Chromium's folder, which stays while another of its readers is not named.
     const auto kept =
-        install({"--system", "--root", root.string(), "--browser", "brave", "--remove"});
+        install({"--system", "--root", root.string(), "--browser", "vivaldi", "--remove"});
     EXPECT_EQ(kept.status, 0) << kept.err;
     EXPECT_THAT(kept.out,
-                HasSubstr("brave: kept " +
-                          (root / "etc/opt/chrome/native-messaging-hosts" / manifestName).string() +
-                          ", also read by chrome, chrome-beta,"));
+                HasSubstr("vivaldi: kept " +
+                          (root / "etc/chromium/native-messaging-hosts" / manifestName).string() +
+                          ", also read by chromium, thorium,"));
 }
 
 TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
