@@ -41,9 +41,11 @@ constexpr std::array browsers{
                           "config/chromium/NativeMessagingHosts"}}),
     chromeFamily("thorium", Base::chromeConfig, "thorium", "thorium/NativeMessagingHosts",
                  {chromiumSystem}),
-    chromeFamily("edge", Base::config, "microsoft-edge", "microsoft-edge/NativeMessagingHosts",
-                 {edgeSystem},
-                 {Flatpak{"com.microsoft.Edge", "config/microsoft-edge/NativeMessagingHosts"}}),
+    chromeFamily(
+        "edge", Base::config, "microsoft-edge", "microsoft-edge/NativeMessagingHosts", {edgeSystem},
+        // The Flatpak has packaged both Edge stable and Edge beta.
+        {Flatpak{"com.microsoft.Edge", "config/microsoft-edge/NativeMessagingHosts"},
+         Flatpak{"com.microsoft.Edge", "config/microsoft-edge-beta/NativeMessagingHosts"}}),
     chromeFamily("edge-beta", Base::config, "microsoft-edge-beta",
                  "microsoft-edge-beta/NativeMessagingHosts", {edgeSystem}),
     chromeFamily("edge-dev", Base::config, "microsoft-edge-dev",

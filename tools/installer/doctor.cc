@@ -89,6 +89,7 @@ void checkBrowsers(const Options& options, const Environment& environment,
     system.scope = Scope::system;
     const auto systemTargets = selectTargets(system, environment);
     bool anyInUse = false;
+    std::vector<std::string_view> flatpaksChecked;  // an app may have several manifest folders
     for (const Target& target : selectTargets(user, environment)) {
         if (!target.inUse()) {
             continue;
@@ -102,7 +103,11 @@ void checkBrowsers(const Options& options, const Environment& environment,
                                     "run " + std::string(installCommand) +
                                         " --extension-id <id> --grant-flatpak"});
             }
-            checkFlatpak(target, environment, findings);
+            if (std::find(flatpaksChecked.begin(), flatpaksChecked.end(), target.flatpakId) ==
+                flatpaksChecked.end()) {
+                flatpaksChecked.push_back(target.flatpakId);
+                checkFlatpak(target, environment, findings);
+            }
             continue;
         }
         std::vector<std::string> systemManifests;
