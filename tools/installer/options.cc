@@ -278,8 +278,9 @@ whole chain from browser to core service (--doctor).
 
 WHERE
   (none)               for the current user, in each browser's folder under $HOME
-                       (Chrome family: $XDG_CONFIG_HOME, default ~/.config), and inside
-                       ~/.var/app/<id> for each browser installed as a Flatpak
+                       (Chrome family: $XDG_CONFIG_HOME, default ~/.config; Chrome, Chromium
+                       and Thorium: $CHROME_CONFIG_HOME when set), and inside ~/.var/app/<id>
+                       for each browser installed as a Flatpak
   --system             for every user (run as root): /etc/opt/chrome, /etc/chromium,
                        /etc/opt/edge, /usr/lib/mozilla, /usr/lib/librewolf, /usr/lib/waterfox
                        (and the same under /usr/lib64 where it exists)
