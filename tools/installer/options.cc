@@ -200,9 +200,10 @@ std::optional<UsageError> apply(Options& options, int code, std::string_view val
             }
             options.hostPath = std::filesystem::path(value).lexically_normal();
             break;
-        default:
+        case userDataDirCode:
             options.scope = Scope::userDataDir;
             options.userDataDir = std::filesystem::absolute(value).lexically_normal();
+            break;
     }
     return std::nullopt;
 }

@@ -1,6 +1,7 @@
 #include "tools/installer/targets.h"
 
 #include <algorithm>
+#include <system_error>
 
 #include "tools/installer/manifest.h"
 
