@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
+#include <string>
 
 #include "browser/standard_stream_framing.h"
 #include "kit/const.h"
@@ -23,6 +25,16 @@ Descriptor makeRetireEvent(int& error) {
 // How often a channel waiting for standard input's reading lock looks again; its retirement
 // wakes it at once.
 constexpr int lockRetryMilliseconds = 10;
+
+// The "action" value of a message the host made: every one starts {"action":"<action>".
+std::string actionOf(std::string_view message) {
+    constexpr std::string_view start = R"({"action":")";
+    if (!message.starts_with(start)) {
+        return "a message";
+    }
+    message.remove_prefix(start.size());
+    return std::string(message.substr(0, message.find('"')));
+}
 
 }  // namespace
 
@@ -104,6 +116,14 @@ void BrowserExtensionIO::sendTabData(Data& body) {
 }
 
 void BrowserExtensionIO::writeMessage(std::string_view message) {
+    if (message.size() > maximumMessageLength) {
+        // The browser would drop the host, and every later command with it.
+        logger.logError(std::length_error(actionOf(message) + " of " +
+                                          std::to_string(message.size()) + " bytes exceeds the " +
+                                          std::to_string(maximumMessageLength) + "-byte limit"),
+                        "Dropped a message for the extension", now());
+        return;
+    }
     const std::lock_guard writing(outputHandle->writingLock());
     writeFrame(*outputHandle, message);
 }
