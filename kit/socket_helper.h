@@ -123,7 +123,7 @@ class SocketHelper {
     void retire(std::chrono::milliseconds grace);
 
     /// A descriptor that turns readable when the process is asked to stop (the main thread's
-    /// signalfd of SIGTERM and SIGINT): setupSocket() then gives up with ECANCELED. Process-wide;
+    /// signalfd of the stop signals): setupSocket() then gives up with ECANCELED. Process-wide;
     /// set once on the main thread before any endpoint connects. Borrowed, never closed.
     static void setStopSignalDescriptor(std::shared_ptr<const Descriptor> descriptor);
 
