@@ -31,6 +31,9 @@ void AppDelegate::applicationWillTerminate() {
 }
 
 void AppDelegate::startCoreHostServices() {
+    if (Application::shared().stopRequested()) {
+        return;  // the loop ends the host as soon as this returns
+    }
     retirePreviousServices();
     socketHelper.reset();
     try {
@@ -50,14 +53,24 @@ void AppDelegate::retirePreviousServices() {
     if (browserConnection) {
         browserConnection->retire();
     }
+    // At most one retiring connection beside the current one: an older one stops reading now
+    // and only delivers what it has read.
+    if (retiringService) {
+        retiringService->endReading();
+    }
+    retiringService = hostToCoreSocketService;
     if (hostToCoreSocketService) {
         hostToCoreSocketService->retire();
     }
 }
 
 void AppDelegate::startBrowserConnection() {
-    browserConnection = std::make_shared<BrowserExtensionIO>(FileHandle::standardInput(),
-                                                             FileHandle::standardOutput());
+    auto channel = std::make_shared<BrowserExtensionIO>(FileHandle::standardInput(),
+                                                        FileHandle::standardOutput());
+    if (browserConnection) {
+        channel->follow(*browserConnection);
+    }
+    browserConnection = std::move(channel);
     browserConnection->browserSocket = socketHelper;
     browserConnection->start();
 }
@@ -70,20 +83,15 @@ void AppDelegate::setUpHostToCoreService() {
     if (socketHelper) {
         socketHelper->setReaderDelegate(hostToCoreSocketService);
     }
-    hostToCoreSocketService->setup();
     requestDeviceTwinUpdate();
+    hostToCoreSocketService->setup();
 }
 
+// The service's loop sends the request first on its connection: a core service that does not
+// read must never hold the main thread, and with it the stop signals.
 void AppDelegate::requestDeviceTwinUpdate() {
     logger.logInformation("Requesting Device Twin update", now());
-    if (!socketHelper) {
-        return;
-    }
-    try {
-        socketHelper->sendData(dataFromText(Const::Browser::updateDeviceTwin));
-    } catch (const std::exception&) {
-        // The core service is not reachable; it asks again when it answers the next start.
-    }
+    hostToCoreSocketService->firstMessage = dataFromText(Const::Browser::updateDeviceTwin);
 }
 
 }  // namespace kerrow

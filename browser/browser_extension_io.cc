@@ -9,6 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "browser/standard_stream_framing.h"
 #include "kit/const.h"
@@ -46,7 +47,32 @@ BrowserExtensionIO::BrowserExtensionIO(std::shared_ptr<FileHandle> inputHandle,
       queue("com.kerrowsoftware.native-messaging-host.filehandle"),
       retireEvent_(makeRetireEvent(retireEventError_)) {}
 
-BrowserExtensionIO::~BrowserExtensionIO() = default;
+BrowserExtensionIO::~BrowserExtensionIO() {
+    endOutput();
+}
+
+void BrowserExtensionIO::Succession::endOutput() {
+    {
+        const std::lock_guard guard(lock_);
+        outputEnded_ = true;
+    }
+    ended_.notify_all();
+}
+
+void BrowserExtensionIO::Succession::waitForEndOfOutput() {
+    std::unique_lock guard(lock_);
+    ended_.wait(guard, [this] { return outputEnded_; });
+}
+
+void BrowserExtensionIO::Succession::leave(Data message) {
+    const std::lock_guard guard(lock_);
+    left_ = std::move(message);
+}
+
+std::optional<Data> BrowserExtensionIO::Succession::takeLeftMessage() {
+    const std::lock_guard guard(lock_);
+    return std::exchange(left_, std::nullopt);
+}
 
 void BrowserExtensionIO::start() {
     queue.async([weakSelf = weak_from_this()] {
@@ -76,6 +102,9 @@ void BrowserExtensionIO::readLoop() {
         pollfd wake{retireEvent_.get(), POLLIN, 0};
         ::poll(&wake, 1, lockRetryMilliseconds);
         (void)reading.try_lock();
+    }
+    if (auto left = predecessor_ ? predecessor_->takeLeftMessage() : std::nullopt) {
+        forward(*left);  // the message the channel before could not finish comes first
     }
     Data body;  // one buffer for every frame: it keeps the capacity of the largest so far
     while (!retired_.load(std::memory_order_acquire)) {
@@ -108,10 +137,23 @@ void BrowserExtensionIO::sendTabData(Data& body) {
         return;
     }
     body.insert(body.end(), Const::Browser::tabList.begin(), Const::Browser::tabList.end());
+    forward(body);
+}
+
+void BrowserExtensionIO::forward(Data& message) {
+    if (!browserSocket) {
+        return;
+    }
     try {
-        browserSocket->sendData(body);
+        browserSocket->sendData(message);
     } catch (const std::exception&) {
-        // The core service is away; the extension's next message is forwarded as usual.
+        if (retired_.load(std::memory_order_acquire)) {
+            // The retirement cut the send off (the endpoint closes a connection that got part
+            // of it): the channel that replaces this one sends it whole, first.
+            succession_->leave(std::move(message));
+            message.clear();
+        }
+        // Otherwise the core service is away; the extension's next message goes as usual.
     }
 }
 
@@ -123,6 +165,9 @@ void BrowserExtensionIO::writeMessage(std::string_view message) {
                                           std::to_string(maximumMessageLength) + "-byte limit"),
                         "Dropped a message for the extension", now());
         return;
+    }
+    if (predecessor_) {
+        predecessor_->waitForEndOfOutput();
     }
     const std::lock_guard writing(outputHandle->writingLock());
     writeFrame(*outputHandle, message);

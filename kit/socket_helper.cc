@@ -240,6 +240,21 @@ void SocketHelper::sendData(const Data& data) {
         throw std::system_error(ENOTCONN, std::generic_category(), "send to core service");
     }
     std::size_t first = 0;  // the first part with bytes left to send
+    try {
+        sendParts(parts, first);
+    } catch (const std::system_error&) {
+        if (first > 0 || parts[0].iov_len < header.size()) {
+            // Part of the frame went out: the connection ends here, so that the core service
+            // drops the partial frame instead of reading the next one into it.
+            ::shutdown(descriptor_.get(), SHUT_RDWR);
+        }
+        throw;
+    }
+}
+
+// Sends what is left of `parts` from `first` on, advancing both as bytes go out. The send lock
+// is held.
+void SocketHelper::sendParts(std::array<iovec, 2>& parts, std::size_t& first) const {
     while (first < parts.size()) {
         msghdr message{};
         message.msg_iov = parts.data() + first;

@@ -27,6 +27,9 @@
 // may be called from any thread. isConnected is atomic.
 #pragma once
 
+#include <sys/uio.h>
+
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -100,7 +103,8 @@ class SocketHelper {
     void readSocket();
 
     /// Sends `data` as one frame. Throws std::system_error when not connected or the send fails
-    /// (never raises SIGPIPE).
+    /// (never raises SIGPIPE); a send that fails with part of the frame sent ends the connection,
+    /// so the core service never takes a partial frame for a whole one.
     void sendData(const Data& data);
 
     /// Connects to the socket at the current path, checking trust first. While the socket is
@@ -134,6 +138,7 @@ class SocketHelper {
     [[nodiscard]] bool waitBeforeRetry(std::chrono::milliseconds delay) const;
     void waitUntilConnected(int socket, std::chrono::steady_clock::time_point deadline) const;
     void waitUntilWritable(int socket) const;
+    void sendParts(std::array<iovec, 2>& parts, std::size_t& first) const;
     [[nodiscard]] bool waitForInput();
     void noteConnectionEnded();
     [[nodiscard]] bool givingUp() const { return readingStopped_ || retired_; }
