@@ -55,8 +55,8 @@ void AppDelegate::retirePreviousServices() {
     }
     // At most one retiring connection beside the current one: an older one stops reading now
     // and only delivers what it has read.
-    if (retiringService) {
-        retiringService->endReading();
+    if (const auto older = retiringService.lock()) {
+        older->endReading();
     }
     retiringService = hostToCoreSocketService;
     if (hostToCoreSocketService) {

@@ -62,7 +62,7 @@ class AppDelegate final : public ApplicationDelegate {
     std::shared_ptr<BrowserExtensionIO> browserConnection;
     std::shared_ptr<SocketHelper> socketHelper;
     std::shared_ptr<HostToCoreSocketService> hostToCoreSocketService;
-    std::shared_ptr<HostToCoreSocketService> retiringService;  // the one before, while it reads
+    std::weak_ptr<HostToCoreSocketService> retiringService;  // the one before, while it lives
     DistributedNotificationCenter& distributedNotificationCenter;
     bool notificationsStarted = false;
 };
