@@ -159,7 +159,7 @@ void SocketHelper::readSocket() {
         const int error = errno;
         inbound_.resize(kept + static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
         if (received > 0) {
-            deliverCompleteFrames();
+            deliverPausingTheGrace();
             return;
         }
         if (received == 0 || error == ECONNRESET) {
@@ -198,6 +198,16 @@ bool SocketHelper::waitForInput() {
         }
     }
     return false;
+}
+
+// The grace bounds how long a retired connection is read, not how long the delegate takes to
+// deliver what was read (standard output may block): delivering stops the clock.
+void SocketHelper::deliverPausingTheGrace() {
+    const auto began = std::chrono::steady_clock::now();
+    deliverCompleteFrames();
+    if (retired_) {
+        retiredUntil_ = retiredUntil_.load() + (std::chrono::steady_clock::now() - began);
+    }
 }
 
 void SocketHelper::deliverCompleteFrames() {

@@ -12,7 +12,8 @@
 // process's stop signals.
 //
 // Retirement: retire() keeps the endpoint reading for a short grace (what the connection already
-// holds is still delivered) and bounds every send, one in flight included, by the same grace.
+// holds is still delivered; time spent delivering does not count) and bounds every send, one in
+// flight included, by the same grace.
 //
 // Trust: setupSocket() refuses a socket whose directory is not owned by us or root or is writable
 // by group or others, a socket file owned by anyone but us or root, and a peer whose SO_PEERCRED
@@ -121,7 +122,8 @@ class SocketHelper {
     /// waiting for the socket gives up. Any thread.
     void stopReading();
 
-    /// Retires the endpoint: reads go on for `grace` and then stop as stopReading() does; a
+    /// Retires the endpoint: reads go on for `grace` (not counting the reader delegate's time) and
+    /// then stop as stopReading() does; a
     /// setupSocket() under way gives up at once; a send that cannot finish within `grace` of now,
     /// one blocked at this moment included, fails with ETIMEDOUT. Any thread.
     void retire(std::chrono::milliseconds grace);
@@ -143,6 +145,7 @@ class SocketHelper {
     void noteConnectionEnded();
     [[nodiscard]] bool givingUp() const { return readingStopped_ || retired_; }
     void replaceDescriptor(Descriptor descriptor);
+    void deliverPausingTheGrace();
     void deliverCompleteFrames();
 
     const SocketType type_;
