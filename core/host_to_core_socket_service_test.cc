@@ -157,13 +157,13 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     service->setup();
     const std::string large(256 * 1024, 'd');  // fills the pipe: the writer blocks
     connection->send("kerrow.disableInternet" + large);
-    connection->send("kerrow.closeTab-1");
     ASSERT_TRUE(test::waitUntil([&] {  // being written
         const auto lines = logLines();
         return std::ranges::any_of(lines, [](const auto& line) {
             return line.starts_with("info Disabling Internet: ");
         });
     }));
+    connection->send("kerrow.closeTab-1");  // not read yet when the retirement comes
 
     auto successor = std::make_shared<BrowserExtensionIO>(
         std::make_shared<FileHandle>(::dup(input.readEnd.get())),
