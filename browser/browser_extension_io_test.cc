@@ -1,6 +1,7 @@
 #include "browser/browser_extension_io.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <thread>
@@ -105,6 +106,30 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     late.reset();
     EXPECT_TRUE(test::waitUntil([&] { return waiting.expired(); }));
     channel = next;  // retired by TearDown
+}
+
+TEST_F(RelayTest, AMessageWhoseSendTheRetirementCutOffGoesWholeAndFirstOnTheNextConnection) {
+    channel->browserSocket = socket;
+    channel->start();
+    const std::string large(4 * 1024 * 1024, 'x');  // more than the socket holds: the send blocks
+    test::writeAll(input.writeEnd.get(), frame(large) + frame("after"));
+    pollfd sending{connection->fd(), POLLIN, 0};
+    ASSERT_EQ(::poll(&sending, 1, 5000), 1);
+
+    auto second = std::make_shared<SocketHelper>(SocketType::browser, core.socketPath().string());
+    second->setupSocket();
+    auto newConnection = core.accept();
+    ASSERT_TRUE(newConnection);
+    channel->retire();
+    socket->retire(100ms);
+    auto next = newChannel();
+    next->follow(*channel);
+    next->browserSocket = second;
+    next->start();
+    EXPECT_EQ(newConnection->receive(), large + "kerrow.tabList");
+    EXPECT_EQ(newConnection->receive(), "afterkerrow.tabList");
+    EXPECT_TRUE(connection->waitForClose());  // it got part of the frame: the core drops that
+    channel = next;
 }
 
 TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
