@@ -64,16 +64,6 @@ void BrowserExtensionIO::Succession::waitForEndOfOutput() {
     ended_.wait(guard, [this] { return outputEnded_; });
 }
 
-void BrowserExtensionIO::Succession::leave(Data message) {
-    const std::lock_guard guard(lock_);
-    left_ = std::move(message);
-}
-
-std::optional<Data> BrowserExtensionIO::Succession::takeLeftMessage() {
-    const std::lock_guard guard(lock_);
-    return std::exchange(left_, std::nullopt);
-}
-
 void BrowserExtensionIO::start() {
     queue.async([weakSelf = weak_from_this()] {
         if (const auto self = weakSelf.lock()) {
@@ -103,8 +93,13 @@ void BrowserExtensionIO::readLoop() {
         ::poll(&wake, 1, lockRetryMilliseconds);
         (void)reading.try_lock();
     }
-    if (auto left = predecessor_ ? predecessor_->takeLeftMessage() : std::nullopt) {
-        forward(*left);  // the message the channel before could not finish comes first
+    std::optional<Data> left;
+    {
+        const std::lock_guard guard(handover_->lock);
+        left = std::exchange(handover_->message, std::nullopt);
+    }
+    if (left) {
+        forward(*left);  // the message the reader before could not finish comes first
     }
     Data body;  // one buffer for every frame: it keeps the capacity of the largest so far
     while (!retired_.load(std::memory_order_acquire)) {
@@ -150,7 +145,8 @@ void BrowserExtensionIO::forward(Data& message) {
         if (retired_.load(std::memory_order_acquire)) {
             // The retirement cut the send off (the endpoint closes a connection that got part
             // of it): the channel that replaces this one sends it whole, first.
-            succession_->leave(std::move(message));
+            const std::lock_guard guard(handover_->lock);
+            handover_->message = std::move(message);
             message.clear();
         }
         // Otherwise the core service is away; the extension's next message goes as usual.

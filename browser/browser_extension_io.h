@@ -17,7 +17,7 @@
 // host-to-core service that writes through it when that has delivered everything it read), so
 // the commands of a retired connection all come before those of its successor, however long the
 // browser takes to read. An extension message whose forward a retirement cut off is left to the
-// successor, which sends it first, before any frame it reads itself.
+// next reader of standard input, which sends it first, before any frame it reads itself.
 //
 // Handover: standard input has exactly one reader. A read loop holds the input handle's
 // readingLock() while it reads; retire() makes it stop at the next frame boundary, without having
@@ -46,20 +46,23 @@ namespace kerrow {
 
 class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionIO> {
   public:
-    /// What a channel hands to the one that replaces it: the end of its output and an extension
-    /// message it could not forward. Any thread.
+    /// The end of a channel's output, which the channel that replaces it waits for. Any thread.
     class Succession {
       public:
         void endOutput();
         void waitForEndOfOutput();
-        void leave(Data message);
-        [[nodiscard]] std::optional<Data> takeLeftMessage();
 
       private:
         std::mutex lock_;
         std::condition_variable ended_;
-        bool outputEnded_ = false;     // guarded by lock_
-        std::optional<Data> left_;     // guarded by lock_
+        bool outputEnded_ = false;  // guarded by lock_
+    };
+
+    /// An extension message that a retired reader of standard input could not forward: the next
+    /// reader sends it first. Shared by every channel of the process.
+    struct Handover {
+        std::mutex lock;
+        std::optional<Data> message;  // guarded by lock
     };
 
     /// The disable-internet message: the envelope's two keys with a text payload.
@@ -78,7 +81,10 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     BrowserExtensionIO& operator=(const BrowserExtensionIO&) = delete;
 
     /// Makes this channel the successor of `previous`. Before start() and any command.
-    void follow(const BrowserExtensionIO& previous) { predecessor_ = previous.succession_; }
+    void follow(const BrowserExtensionIO& previous) {
+        predecessor_ = previous.succession_;
+        handover_ = previous.handover_;
+    }
 
     /// Queues the read loop on `queue`, holding this channel weakly until it runs.
     void start();
@@ -124,6 +130,7 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     const Descriptor retireEvent_;       // eventfd, readable once retire() was called; may be none
     const std::shared_ptr<Succession> succession_ = std::make_shared<Succession>();
     std::shared_ptr<Succession> predecessor_;  // set by follow() before start(), then constant
+    std::shared_ptr<Handover> handover_ = std::make_shared<Handover>();  // likewise
 };
 
 }  // namespace kerrow

@@ -72,8 +72,11 @@ int millisecondsUntil(std::chrono::steady_clock::time_point deadline) {
 }  // namespace
 
 SocketHelper::SocketHelper(SocketType type, std::string path)
-    : type_(type), path_(std::move(path)), wakeDescriptor_(::eventfd(0, EFD_CLOEXEC)) {
-    if (wakeDescriptor_.get() < 0) {
+    : type_(type),
+      path_(std::move(path)),
+      wakeDescriptor_(::eventfd(0, EFD_CLOEXEC)),
+      stopDescriptor_(::eventfd(0, EFD_CLOEXEC)) {
+    if (wakeDescriptor_.get() < 0 || stopDescriptor_.get() < 0) {
         throwErrno("eventfd");
     }
 }
@@ -179,8 +182,9 @@ void SocketHelper::readSocket() {
 // nothing.
 // A retired endpoint reads on until its grace ends, then stops as if reading had been stopped.
 bool SocketHelper::waitForInput() {
-    std::array<pollfd, 2> entries{pollfd{descriptor_.get(), POLLIN, 0},
-                                  pollfd{wakeDescriptor_.get(), POLLIN, 0}};
+    std::array<pollfd, 3> entries{pollfd{descriptor_.get(), POLLIN, 0},
+                                  pollfd{wakeDescriptor_.get(), POLLIN, 0},
+                                  pollfd{stopDescriptor_.get(), POLLIN, 0}};
     while (!readingStopped_) {
         const bool retired = retired_;
         const int timeout = retired ? millisecondsUntil(retiredUntil_.load()) : -1;
@@ -188,8 +192,10 @@ bool SocketHelper::waitForInput() {
             stopReading();
             break;
         }
-        // Once retired the wake descriptor stays readable; only the grace bounds the wait then.
-        const int ready = ::poll(entries.data(), retired ? 1 : 2, timeout);
+        // Once retired the wake descriptor stays readable: the grace and stopReading() bound the
+        // wait then.
+        entries[1].fd = retired ? -1 : wakeDescriptor_.get();
+        const int ready = ::poll(entries.data(), entries.size(), timeout);
         if (ready < 0 && errno != EINTR) {
             throwErrno("wait for core service at " + path_);
         }
@@ -430,6 +436,7 @@ Descriptor SocketHelper::connectOnce(std::chrono::steady_clock::time_point deadl
 void SocketHelper::stopReading() {
     if (!readingStopped_.exchange(true)) {
         wake();
+        [[maybe_unused]] const int result = ::eventfd_write(stopDescriptor_.get(), 1);
     }
 }
 

@@ -74,7 +74,7 @@ class SocketHelper {
   public:
     static constexpr std::size_t maximumFrameLength = std::size_t{64} * 1024 * 1024;
 
-    /// Throws std::system_error only when the process has no descriptor left for its eventfd.
+    /// Throws std::system_error only when the process has no descriptor left for its eventfds.
     SocketHelper(SocketType type, std::string path);
     ~SocketHelper();
     SocketHelper(const SocketHelper&) = delete;
@@ -162,6 +162,9 @@ class SocketHelper {
     // shutdown(SHUT_RD) on a Unix stream socket makes the core service's later sends to us fail
     // with EPIPE.
     const Descriptor wakeDescriptor_;
+    // Readable once reading stopped: wakes a retired endpoint's read, which no longer watches
+    // wakeDescriptor_.
+    const Descriptor stopDescriptor_;
 
     // The socket is replaced only under sendLock_, and only by the reading side (readSocket(),
     // resetSocket(), setupSocket(), closeSocket()), which therefore uses it without the lock.
