@@ -11,7 +11,7 @@ AppDelegate::AppDelegate()
 
 void AppDelegate::applicationDidFinishLaunching() {
     logger.logInformation("KerrowNativeMessagingHost started", now());
-    // SIGTERM and SIGINT end the host also while the start sequence waits in setupSocket().
+    // The stop signals end the host also while the start sequence waits in setupSocket().
     SocketHelper::setStopSignalDescriptor(Application::shared().stopSignalDescriptor());
     try {
         if (!notificationsStarted) {

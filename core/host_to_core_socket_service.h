@@ -14,7 +14,7 @@
 // It holds the channel and the endpoint; the endpoint holds it weakly as its reader delegate.
 // Both references are set before setup() and not changed afterwards.
 // Threads: the loop, didReadData() and the handlers run on `queue` (the endpoint delivers inside
-// readSocket()). retire() may be called from any thread.
+// readSocket()). retire() and endReading() may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -63,7 +63,7 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
 
     static constexpr std::chrono::milliseconds retirementGrace{1000};
 
-    std::optional<Data> firstMessage;                        // set before setup()
+    std::optional<Data> firstMessage;  // set before setup()
 
     std::shared_ptr<BrowserExtensionIO> browserConnection;  // set before setup()
     std::shared_ptr<SocketHelper> socketHelper;             // set before setup()

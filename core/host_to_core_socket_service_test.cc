@@ -159,9 +159,8 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     connection->send("kerrow.disableInternet" + large);
     ASSERT_TRUE(test::waitUntil([&] {  // being written
         const auto lines = logLines();
-        return std::ranges::any_of(lines, [](const auto& line) {
-            return line.starts_with("info Disabling Internet: ");
-        });
+        return std::ranges::any_of(
+            lines, [](const auto& line) { return line.starts_with("info Disabling Internet: "); });
     }));
     connection->send("kerrow.closeTab-1");  // not read yet when the retirement comes
 
@@ -171,8 +170,8 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     successor->follow(*channel);
     auto next = std::make_shared<HostToCoreSocketService>();
     next->browserConnection = successor;
-    next->socketHelper = std::make_shared<SocketHelper>(SocketType::browser,
-                                                        SocketHelper::browserSocketLocation());
+    next->socketHelper =
+        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
     next->socketHelper->setupSocket();
     auto newConnection = core->accept();
     ASSERT_TRUE(newConnection);

@@ -7,9 +7,10 @@
 //
 // Ending. The host's own end is at end of standard input, where the browser extension channel
 // ends the process itself. Besides that, SIGTERM, SIGINT and SIGHUP (a browser, the session or a
-// person asking the host to stop) end the loop, before any other source that is ready is served: the delegate's applicationWillTerminate() runs on the
-// main thread, then the process ends with status 0. It ends with _exit(), without static
-// destructors, because worker threads may still be blocked in reads or be logging.
+// person asking the host to stop) end the loop, before any other source that is ready is served:
+// the delegate's applicationWillTerminate() runs on the main thread, then the process ends with
+// status 0. It ends with _exit(), without static destructors, because worker threads may still be
+// blocked in reads or be logging.
 //
 // The application does not own its delegate: the caller keeps it alive for the whole process.
 // All members are for the main thread only.

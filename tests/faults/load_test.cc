@@ -146,8 +146,8 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
 std::size_t openDescriptorCount(pid_t pid) {
     const auto folder = "/proc/" + std::to_string(pid) + "/fd";
     std::error_code error;
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder, error),
-                                                  std::filesystem::directory_iterator()));
+    return static_cast<std::size_t>(std::distance(
+        std::filesystem::directory_iterator(folder, error), std::filesystem::directory_iterator()));
 }
 
 // Any process on the session bus may post the start notification, as often as it likes.
