@@ -144,7 +144,7 @@ void BrowserExtensionIO::forward(Data& message) {
     } catch (const std::exception&) {
         if (retired_.load(std::memory_order_acquire)) {
             // The retirement cut the send off (the endpoint closes a connection that got part
-            // of it): the channel that replaces this one sends it whole, first.
+            // of it): the next reader of standard input sends it whole, first.
             const std::lock_guard guard(handover_->lock);
             handover_->message = std::move(message);
             message.clear();

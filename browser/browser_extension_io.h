@@ -115,7 +115,7 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
 
   private:
     void readLoop();
-    /// Sends `message` on browserSocket; a send cut off by the retirement is left to the successor.
+    /// Sends `message` on browserSocket; one cut off by the retirement is left to the next reader.
     void forward(Data& message);
     [[noreturn]] void stop();
     /// Logs `line` followed by the JSON text, then writes the text; nothing without a text.
