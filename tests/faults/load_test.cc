@@ -109,7 +109,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     commandsOnThird.join();
     ASSERT_TRUE(onFirst.wait(120'000ms) && onSecond.wait(120'000ms) && onThird.wait(120'000ms));
     ASSERT_TRUE(output.wait(120'000ms));
-    const auto residentLate = procFigure(host, "status", "VmRSS");
+    [[maybe_unused]] const auto residentLate = procFigure(host, "status", "VmRSS");
     EXPECT_TRUE(first.waitForClose() && second->waitForClose()) << session.log();
     EXPECT_FALSE(session.core().accept(500ms)) << "a retired service reconnected";
     EXPECT_FALSE(session.waitForAnnouncement(0ms, 2)) << "announced twice";
