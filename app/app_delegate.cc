@@ -11,13 +11,13 @@ AppDelegate::AppDelegate()
 
 void AppDelegate::applicationDidFinishLaunching() {
     logger.logInformation("KerrowNativeMessagingHost started", now());
-    // SIGTERM and SIGINT end the host also while the start sequence waits in setupSocket().
+    // The stop signals end the host also while the start sequence waits in setupSocket().
     SocketHelper::setStopSignalDescriptor(Application::shared().stopSignalDescriptor());
     try {
         if (!notificationsStarted) {
             notificationsStarted = true;
             distributedNotificationCenter.addObserver(NotificationName::startCoreHostServices,
-                                                      [this] { startCoreHostServices(); });
+                                                      [this] { scheduleStart(); });
         }
         distributedNotificationCenter.postNotificationName(
             NotificationName::nativeMessagingHostDidFinishLaunching, true);
@@ -26,11 +26,37 @@ void AppDelegate::applicationDidFinishLaunching() {
     }
 }
 
+// Notifications already queued on the bus are served first (the bus comes before an idle
+// source): a burst of them runs the start sequence once, after the last.
+void AppDelegate::scheduleStart() {
+    if (startSource) {
+        return;  // one is due already
+    }
+    const auto start = [](sd_event_source*, void* userdata) {
+        auto* self = static_cast<AppDelegate*>(userdata);
+        self->startSource.reset();
+        self->startCoreHostServices();
+        return 0;
+    };
+    sd_event_source* source = nullptr;
+    sd_event* const loop = Application::shared().eventLoop();
+    if (sd_event_add_defer(loop, &source, start, this) < 0 ||
+        sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IDLE) < 0) {
+        sd_event_source_disable_unref(source);
+        startCoreHostServices();  // no source: serve it now
+        return;
+    }
+    startSource.reset(source);
+}
+
 void AppDelegate::applicationWillTerminate() {
     Logger::flushAll();
 }
 
 void AppDelegate::startCoreHostServices() {
+    if (Application::shared().stopRequested()) {
+        return;  // the loop ends the host as soon as this returns
+    }
     retirePreviousServices();
     socketHelper.reset();
     try {
@@ -50,14 +76,24 @@ void AppDelegate::retirePreviousServices() {
     if (browserConnection) {
         browserConnection->retire();
     }
+    // At most one retiring connection beside the current one: an older one stops reading now
+    // and only delivers what it has read.
+    if (const auto older = retiringService.lock()) {
+        older->endReading();
+    }
+    retiringService = hostToCoreSocketService;
     if (hostToCoreSocketService) {
         hostToCoreSocketService->retire();
     }
 }
 
 void AppDelegate::startBrowserConnection() {
-    browserConnection = std::make_shared<BrowserExtensionIO>(FileHandle::standardInput(),
-                                                             FileHandle::standardOutput());
+    auto channel = std::make_shared<BrowserExtensionIO>(FileHandle::standardInput(),
+                                                        FileHandle::standardOutput());
+    if (browserConnection) {
+        channel->follow(*browserConnection);
+    }
+    browserConnection = std::move(channel);
     browserConnection->browserSocket = socketHelper;
     browserConnection->start();
 }
@@ -70,20 +106,15 @@ void AppDelegate::setUpHostToCoreService() {
     if (socketHelper) {
         socketHelper->setReaderDelegate(hostToCoreSocketService);
     }
-    hostToCoreSocketService->setup();
     requestDeviceTwinUpdate();
+    hostToCoreSocketService->setup();
 }
 
+// The service's loop sends the request first on its connection: a core service that does not
+// read must never hold the main thread, and with it the stop signals.
 void AppDelegate::requestDeviceTwinUpdate() {
     logger.logInformation("Requesting Device Twin update", now());
-    if (!socketHelper) {
-        return;
-    }
-    try {
-        socketHelper->sendData(dataFromText(Const::Browser::updateDeviceTwin));
-    } catch (const std::exception&) {
-        // The core service is not reachable; it asks again when it answers the next start.
-    }
+    hostToCoreSocketService->firstMessage = dataFromText(Const::Browser::updateDeviceTwin);
 }
 
 }  // namespace kerrow

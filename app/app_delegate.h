@@ -7,6 +7,9 @@
 // channel (started), service (wired as the endpoint's reader delegate, set up), device-twin
 // request.
 //
+// Start notifications that arrive together (already queued when the first is read) are served
+// by one run of the start sequence.
+//
 // A repeated start. The start notification is a broadcast, so every host of the session receives
 // it whenever any host announces itself: a repeated start is routine. It replaces the endpoint,
 // channel and service, and first retires the previous ones so that exactly one of each works:
@@ -15,12 +18,15 @@
 //    new channel's loop waits for. No byte is lost, read twice or split between two readers; a
 //    frame that was being read when the switch came is finished and forwarded by the previous
 //    channel over its own connection, and every later frame goes over the new connection.
-//  - the previous service is retired: its endpoint goes on delivering the commands its
-//    connection already holds until the core service closes it or for a second's grace, then
-//    stops reading, and its loop ends without reconnecting (a reconnect under way gives up at
-//    once). A send on it, the previous channel's last frame included, gives up when the grace
-//    ends, so a core service that stopped reading never holds standard input back from the new
-//    channel. The endpoint closes when the last holder lets go.
+//  - the previous service is retired: its endpoint goes on reading the commands its connection
+//    holds until the core service closes it or for a second of reading (time spent waiting for
+//    standard output does not count), then stops reading, and its loop ends without
+//    reconnecting (a reconnect under way gives up at once). Everything it read is delivered,
+//    however long the browser takes; the new channel writes only after that (follow()). A send
+//    on it gives up when the grace ends; an extension message cut off so is sent again, whole,
+//    first by the next reader of standard input, and the old connection closes.
+//  - at most one retiring service lives beside the current one: the start that retires the
+//    current one ends the reading of an older one at once (it still delivers what it read).
 //  - frames on standard output never interleave: every writer takes the output handle's lock.
 //
 // Ownership: one instance per process, kept by the entry point for the process's life.
@@ -45,14 +51,20 @@ class AppDelegate final : public ApplicationDelegate {
     AppDelegate& operator=(const AppDelegate&) = delete;
 
     void applicationDidFinishLaunching() override;
-    /// SIGTERM or SIGINT (the session or a person ending the host): writes out the log, nothing
-    /// else. The host's own end is at end of standard input.
+    /// A stop signal (the browser, the session or a person ending the host): writes out the log,
+    /// nothing else. The host's own end is at end of standard input.
     void applicationWillTerminate() override;
 
-    /// The start sequence, run on every delivery of the start notification.
+    /// The start sequence, run for every start notification served; none once a stop signal is
+    /// pending. The device-twin request is sent by the new service, first on its connection.
     void startCoreHostServices();
 
   private:
+    struct EventSourceUnref {
+        void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+    };
+
+    void scheduleStart();
     void retirePreviousServices();
     void startBrowserConnection();
     void setUpHostToCoreService();
@@ -62,8 +74,11 @@ class AppDelegate final : public ApplicationDelegate {
     std::shared_ptr<BrowserExtensionIO> browserConnection;
     std::shared_ptr<SocketHelper> socketHelper;
     std::shared_ptr<HostToCoreSocketService> hostToCoreSocketService;
+    std::weak_ptr<HostToCoreSocketService> retiringService;  // the one before, while it lives
     DistributedNotificationCenter& distributedNotificationCenter;
     bool notificationsStarted = false;
+    // A start due once the notifications queued now have been read; null while none is due.
+    std::unique_ptr<sd_event_source, EventSourceUnref> startSource;
 };
 
 }  // namespace kerrow

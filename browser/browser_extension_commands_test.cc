@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "browser/browser_extension_io.h"
+#include "browser/standard_stream_framing.h"
 #include "tests/support/test_support.h"
 
 namespace kerrow {
@@ -93,6 +94,20 @@ TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
     channel->enableInternet();  // the channel goes on as before
     EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"enableWeb","payload":{}})"}));
     EXPECT_EQ(logLines().size(), 1u);
+}
+
+TEST_F(CommandTest, AMessageOverTheBrowsersLimitIsDroppedAndLoggedAndLaterOnesGoThrough) {
+    // The last guard before standard output, whatever built the message.
+    const std::string list = R"({"action":"setBlacklist","payload":{"blacklist":[")" +
+                             std::string(maximumMessageLength, 'a') + "\"]}}";
+    channel->writeMessage(list);
+    channel->closeTab("7");
+    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"closeTab","payload":{"id":7}})"}));
+    const auto lines = logLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "error Dropped a message for the extension: setBlacklist of " +
+                                 std::to_string(list.size()) +
+                                 " bytes exceeds the 1048576-byte limit");
 }
 
 TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {

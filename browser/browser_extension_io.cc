@@ -7,6 +7,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <stdexcept>
+#include <string>
+#include <utility>
 
 #include "browser/standard_stream_framing.h"
 #include "kit/const.h"
@@ -24,6 +27,16 @@ Descriptor makeRetireEvent(int& error) {
 // wakes it at once.
 constexpr int lockRetryMilliseconds = 10;
 
+// The "action" value of a message the host made: every one starts {"action":"<action>".
+std::string actionOf(std::string_view message) {
+    constexpr std::string_view start = R"({"action":")";
+    if (!message.starts_with(start)) {
+        return "a message";
+    }
+    message.remove_prefix(start.size());
+    return std::string(message.substr(0, message.find('"')));
+}
+
 }  // namespace
 
 BrowserExtensionIO::BrowserExtensionIO(std::shared_ptr<FileHandle> inputHandle,
@@ -34,7 +47,22 @@ BrowserExtensionIO::BrowserExtensionIO(std::shared_ptr<FileHandle> inputHandle,
       queue("com.kerrowsoftware.native-messaging-host.filehandle"),
       retireEvent_(makeRetireEvent(retireEventError_)) {}
 
-BrowserExtensionIO::~BrowserExtensionIO() = default;
+BrowserExtensionIO::~BrowserExtensionIO() {
+    endOutput();
+}
+
+void BrowserExtensionIO::Succession::endOutput() {
+    {
+        const std::lock_guard guard(lock_);
+        outputEnded_ = true;
+    }
+    ended_.notify_all();
+}
+
+void BrowserExtensionIO::Succession::waitForEndOfOutput() {
+    std::unique_lock guard(lock_);
+    ended_.wait(guard, [this] { return outputEnded_; });
+}
 
 void BrowserExtensionIO::start() {
     queue.async([weakSelf = weak_from_this()] {
@@ -64,6 +92,14 @@ void BrowserExtensionIO::readLoop() {
         pollfd wake{retireEvent_.get(), POLLIN, 0};
         ::poll(&wake, 1, lockRetryMilliseconds);
         (void)reading.try_lock();
+    }
+    std::optional<Data> left;
+    {
+        const std::lock_guard guard(handover_->lock);
+        left = std::exchange(handover_->message, std::nullopt);
+    }
+    if (left) {
+        forward(*left);  // the message the reader before could not finish comes first
     }
     Data body;  // one buffer for every frame: it keeps the capacity of the largest so far
     while (!retired_.load(std::memory_order_acquire)) {
@@ -96,14 +132,39 @@ void BrowserExtensionIO::sendTabData(Data& body) {
         return;
     }
     body.insert(body.end(), Const::Browser::tabList.begin(), Const::Browser::tabList.end());
+    forward(body);
+}
+
+void BrowserExtensionIO::forward(Data& message) {
+    if (!browserSocket) {
+        return;
+    }
     try {
-        browserSocket->sendData(body);
+        browserSocket->sendData(message);
     } catch (const std::exception&) {
-        // The core service is away; the extension's next message is forwarded as usual.
+        if (retired_.load(std::memory_order_acquire)) {
+            // The retirement cut the send off (the endpoint closes a connection that got part
+            // of it): the next reader of standard input sends it whole, first.
+            const std::lock_guard guard(handover_->lock);
+            handover_->message = std::move(message);
+            message.clear();
+        }
+        // Otherwise the core service is away; the extension's next message goes as usual.
     }
 }
 
 void BrowserExtensionIO::writeMessage(std::string_view message) {
+    if (message.size() > maximumMessageLength) {
+        // The browser would drop the host, and every later command with it.
+        logger.logError(std::length_error(actionOf(message) + " of " +
+                                          std::to_string(message.size()) + " bytes exceeds the " +
+                                          std::to_string(maximumMessageLength) + "-byte limit"),
+                        "Dropped a message for the extension", now());
+        return;
+    }
+    if (predecessor_) {
+        predecessor_->waitForEndOfOutput();
+    }
     const std::lock_guard writing(outputHandle->writingLock());
     writeFrame(*outputHandle, message);
 }

@@ -1,6 +1,7 @@
 #include "core/host_to_core_socket_service.h"
 
 #include <string_view>
+#include <utility>
 
 #include "kit/const.h"
 #include "kit/utf8.h"
@@ -31,11 +32,22 @@ bool contains(std::string_view message, std::string_view keyword) {
 HostToCoreSocketService::HostToCoreSocketService()
     : logger(now(), std::nullopt), queue("native-host-socket") {}
 
+HostToCoreSocketService::~HostToCoreSocketService() {
+    if (browserConnection) {
+        browserConnection->endOutput();  // nothing more can come through it
+    }
+}
+
 void HostToCoreSocketService::setup() {
     const auto endpoint = socketHelper;
     if (!endpoint) {
+        countTowardsEndOfOutput();  // no loop
         return;
     }
+    queueConnectionLoop(endpoint);
+}
+
+void HostToCoreSocketService::queueConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint) {
     queue.async([weakSelf = weak_from_this(), endpoint] {
         if (const auto self = weakSelf.lock()) {
             self->runConnectionLoop(endpoint);
@@ -45,17 +57,24 @@ void HostToCoreSocketService::setup() {
 
 void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint) {
     logger.logInformation("Established a Connection in host-to-core service", now());
+    if (auto message = std::exchange(firstMessage, std::nullopt)) {
+        try {
+            endpoint->sendData(*message);
+        } catch (const std::exception&) {
+            // The core service is not reachable; it asks again when it answers the next start.
+        }
+    }
     try {
         do {
             endpoint->readSocket();
         } while (endpoint->isConnected());
-        if (retired_) {
-            return;
-        }
-        endpoint->resetSocket(SocketHelper::browserSocketLocation());
-        endpoint->setupSocket();
         if (!retired_) {
-            setup();
+            endpoint->resetSocket(SocketHelper::browserSocketLocation());
+            endpoint->setupSocket();
+            if (!retired_) {
+                queueConnectionLoop(endpoint);
+                return;
+            }
         }
     } catch (const std::exception& error) {
         // A connect abandoned because this service retired is routine, not a socket error.
@@ -64,12 +83,29 @@ void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelp
         }
         endpoint->closeSocket();
     }
+    countTowardsEndOfOutput();
+}
+
+void HostToCoreSocketService::countTowardsEndOfOutput() {
+    if (outputUntilEnd_.fetch_sub(1) == 1 && browserConnection) {
+        browserConnection->endOutput();
+    }
 }
 
 void HostToCoreSocketService::retire() {
-    retired_ = true;
+    const bool first = !retired_.exchange(true);  // before the loop can see the reading end
     if (socketHelper) {
         socketHelper->retire(retirementGrace);
+    }
+    if (first) {
+        countTowardsEndOfOutput();
+    }
+}
+
+void HostToCoreSocketService::endReading() {
+    retire();  // bounds the endpoint's sends too
+    if (socketHelper) {
+        socketHelper->stopReading();
     }
 }
 

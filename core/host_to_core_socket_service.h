@@ -6,16 +6,21 @@
 // disableInternet, enableInternet, websiteList, in that order) to one command of the browser
 // extension channel.
 //
+// Retirement: a retired service reads its connection for retirementGrace at most (endReading()
+// ends that at once) and delivers everything it read, however long standard output takes; then
+// it ends its channel's output, so that the channel of the next start may write.
+//
 // Ownership: held by the application delegate (std::shared_ptr); a running loop holds it too.
 // It holds the channel and the endpoint; the endpoint holds it weakly as its reader delegate.
 // Both references are set before setup() and not changed afterwards.
 // Threads: the loop, didReadData() and the handlers run on `queue` (the endpoint delivers inside
-// readSocket()). retire() may be called from any thread.
+// readSocket()). retire() and endReading() may be called from any thread.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "browser/browser_extension_io.h"
@@ -30,10 +35,12 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
                                       public std::enable_shared_from_this<HostToCoreSocketService> {
   public:
     HostToCoreSocketService();
+    ~HostToCoreSocketService() override;
     HostToCoreSocketService(const HostToCoreSocketService&) = delete;
     HostToCoreSocketService& operator=(const HostToCoreSocketService&) = delete;
 
-    /// Queues one run of the connection loop on the endpoint set now; nothing without one.
+    /// Queues one run of the connection loop on the endpoint set now; nothing without one. The
+    /// loop first sends firstMessage, if set, on the connection.
     void setup();
 
     void didReadData(const Data& data) override;
@@ -51,17 +58,26 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
     /// are bounded by the same grace.
     void retire();
 
+    /// Retires the service with no grace: reading ends at once (what was read is delivered).
+    void endReading();
+
     static constexpr std::chrono::milliseconds retirementGrace{1000};
+
+    std::optional<Data> firstMessage;  // set before setup()
 
     std::shared_ptr<BrowserExtensionIO> browserConnection;  // set before setup()
     std::shared_ptr<SocketHelper> socketHelper;             // set before setup()
 
   private:
+    void queueConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint);
     void runConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint);
+    /// Counts one of the two conditions of the channel's end of output: retired, loop over.
+    void countTowardsEndOfOutput();
 
     const Logger logger;
     DispatchQueue queue;
     std::atomic<bool> retired_{false};
+    std::atomic<int> outputUntilEnd_{2};  // retirement and end of the loop still to come
 };
 
 }  // namespace kerrow

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <thread>
+
 #include "tests/support/test_support.h"
 
 namespace kerrow {
@@ -146,6 +149,43 @@ TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
                                [](const auto& line) { return line.rfind("error", 0) == 0; });
         },
         500ms));
+}
+
+// A repeated start while the browser reads nothing: everything the retired service read reaches
+// the extension, however long the browser takes, and before anything of its successor.
+TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnything) {
+    service->setup();
+    const std::string large(256 * 1024, 'd');  // fills the pipe: the writer blocks
+    connection->send("kerrow.disableInternet" + large);
+    ASSERT_TRUE(test::waitUntil([&] {  // being written
+        const auto lines = logLines();
+        return std::ranges::any_of(
+            lines, [](const auto& line) { return line.starts_with("info Disabling Internet: "); });
+    }));
+    connection->send("kerrow.closeTab-1");  // not read yet when the retirement comes
+
+    auto successor = std::make_shared<BrowserExtensionIO>(
+        std::make_shared<FileHandle>(::dup(input.readEnd.get())),
+        std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
+    successor->follow(*channel);
+    auto next = std::make_shared<HostToCoreSocketService>();
+    next->browserConnection = successor;
+    next->socketHelper =
+        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
+    next->socketHelper->setupSocket();
+    auto newConnection = core->accept();
+    ASSERT_TRUE(newConnection);
+    next->socketHelper->setReaderDelegate(next);
+    service->retire();
+    next->setup();
+    newConnection->send("kerrow.closeTab-2");
+    ASSERT_TRUE(logShows("info Received Close Tab ID: -2"));
+    std::this_thread::sleep_for(HostToCoreSocketService::retirementGrace + 500ms);
+
+    EXPECT_EQ(nextFrame(), R"({"action":"disableWeb","payload":")" + large + "\"}");
+    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":1}})");
+    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":2}})");
+    next->retire();
 }
 
 }  // namespace

@@ -72,8 +72,11 @@ int millisecondsUntil(std::chrono::steady_clock::time_point deadline) {
 }  // namespace
 
 SocketHelper::SocketHelper(SocketType type, std::string path)
-    : type_(type), path_(std::move(path)), wakeDescriptor_(::eventfd(0, EFD_CLOEXEC)) {
-    if (wakeDescriptor_.get() < 0) {
+    : type_(type),
+      path_(std::move(path)),
+      wakeDescriptor_(::eventfd(0, EFD_CLOEXEC)),
+      stopDescriptor_(::eventfd(0, EFD_CLOEXEC)) {
+    if (wakeDescriptor_.get() < 0 || stopDescriptor_.get() < 0) {
         throwErrno("eventfd");
     }
 }
@@ -159,7 +162,7 @@ void SocketHelper::readSocket() {
         const int error = errno;
         inbound_.resize(kept + static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
         if (received > 0) {
-            deliverCompleteFrames();
+            deliverPausingTheGrace();
             return;
         }
         if (received == 0 || error == ECONNRESET) {
@@ -179,8 +182,9 @@ void SocketHelper::readSocket() {
 // nothing.
 // A retired endpoint reads on until its grace ends, then stops as if reading had been stopped.
 bool SocketHelper::waitForInput() {
-    std::array<pollfd, 2> entries{pollfd{descriptor_.get(), POLLIN, 0},
-                                  pollfd{wakeDescriptor_.get(), POLLIN, 0}};
+    std::array<pollfd, 3> entries{pollfd{descriptor_.get(), POLLIN, 0},
+                                  pollfd{wakeDescriptor_.get(), POLLIN, 0},
+                                  pollfd{stopDescriptor_.get(), POLLIN, 0}};
     while (!readingStopped_) {
         const bool retired = retired_;
         const int timeout = retired ? millisecondsUntil(retiredUntil_.load()) : -1;
@@ -188,8 +192,10 @@ bool SocketHelper::waitForInput() {
             stopReading();
             break;
         }
-        // Once retired the wake descriptor stays readable; only the grace bounds the wait then.
-        const int ready = ::poll(entries.data(), retired ? 1 : 2, timeout);
+        // Once retired the wake descriptor stays readable: the grace and stopReading() bound the
+        // wait then.
+        entries[1].fd = retired ? -1 : wakeDescriptor_.get();
+        const int ready = ::poll(entries.data(), entries.size(), timeout);
         if (ready < 0 && errno != EINTR) {
             throwErrno("wait for core service at " + path_);
         }
@@ -198,6 +204,16 @@ bool SocketHelper::waitForInput() {
         }
     }
     return false;
+}
+
+// The grace bounds how long a retired connection is read, not how long the delegate takes to
+// deliver what was read (standard output may block): delivering stops the clock.
+void SocketHelper::deliverPausingTheGrace() {
+    const auto began = std::chrono::steady_clock::now();
+    deliverCompleteFrames();
+    if (retired_) {
+        retiredUntil_ = retiredUntil_.load() + (std::chrono::steady_clock::now() - began);
+    }
 }
 
 void SocketHelper::deliverCompleteFrames() {
@@ -240,6 +256,21 @@ void SocketHelper::sendData(const Data& data) {
         throw std::system_error(ENOTCONN, std::generic_category(), "send to core service");
     }
     std::size_t first = 0;  // the first part with bytes left to send
+    try {
+        sendParts(parts, first);
+    } catch (const std::system_error&) {
+        if (first > 0 || parts[0].iov_len < header.size()) {
+            // Part of the frame went out: the connection ends here, so that the core service
+            // drops the partial frame instead of reading the next one into it.
+            ::shutdown(descriptor_.get(), SHUT_RDWR);
+        }
+        throw;
+    }
+}
+
+// Sends what is left of `parts` from `first` on, advancing both as bytes go out. The send lock
+// is held.
+void SocketHelper::sendParts(std::array<iovec, 2>& parts, std::size_t& first) const {
     while (first < parts.size()) {
         msghdr message{};
         message.msg_iov = parts.data() + first;
@@ -405,6 +436,7 @@ Descriptor SocketHelper::connectOnce(std::chrono::steady_clock::time_point deadl
 void SocketHelper::stopReading() {
     if (!readingStopped_.exchange(true)) {
         wake();
+        [[maybe_unused]] const int result = ::eventfd_write(stopDescriptor_.get(), 1);
     }
 }
 

@@ -12,7 +12,8 @@
 // process's stop signals.
 //
 // Retirement: retire() keeps the endpoint reading for a short grace (what the connection already
-// holds is still delivered) and bounds every send, one in flight included, by the same grace.
+// holds is still delivered; time spent delivering does not count) and bounds every send, one in
+// flight included, by the same grace.
 //
 // Trust: setupSocket() refuses a socket whose directory is not owned by us or root or is writable
 // by group or others, a socket file owned by anyone but us or root, and a peer whose SO_PEERCRED
@@ -27,6 +28,9 @@
 // may be called from any thread. isConnected is atomic.
 #pragma once
 
+#include <sys/uio.h>
+
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -70,7 +74,7 @@ class SocketHelper {
   public:
     static constexpr std::size_t maximumFrameLength = std::size_t{64} * 1024 * 1024;
 
-    /// Throws std::system_error only when the process has no descriptor left for its eventfd.
+    /// Throws std::system_error only when the process has no descriptor left for its eventfds.
     SocketHelper(SocketType type, std::string path);
     ~SocketHelper();
     SocketHelper(const SocketHelper&) = delete;
@@ -100,7 +104,8 @@ class SocketHelper {
     void readSocket();
 
     /// Sends `data` as one frame. Throws std::system_error when not connected or the send fails
-    /// (never raises SIGPIPE).
+    /// (never raises SIGPIPE); a send that fails with part of the frame sent ends the connection,
+    /// so the core service never takes a partial frame for a whole one.
     void sendData(const Data& data);
 
     /// Connects to the socket at the current path, checking trust first. While the socket is
@@ -117,13 +122,14 @@ class SocketHelper {
     /// waiting for the socket gives up. Any thread.
     void stopReading();
 
-    /// Retires the endpoint: reads go on for `grace` and then stop as stopReading() does; a
-    /// setupSocket() under way gives up at once; a send that cannot finish within `grace` of now,
-    /// one blocked at this moment included, fails with ETIMEDOUT. Any thread.
+    /// Retires the endpoint: reads go on for `grace` (not counting the reader delegate's time) and
+    /// then stop as stopReading() does; a setupSocket() under way gives up at once; a send that
+    /// cannot finish within `grace` of now, one blocked at this moment included, fails with
+    /// ETIMEDOUT. Any thread.
     void retire(std::chrono::milliseconds grace);
 
     /// A descriptor that turns readable when the process is asked to stop (the main thread's
-    /// signalfd of SIGTERM and SIGINT): setupSocket() then gives up with ECANCELED. Process-wide;
+    /// signalfd of the stop signals): setupSocket() then gives up with ECANCELED. Process-wide;
     /// set once on the main thread before any endpoint connects. Borrowed, never closed.
     static void setStopSignalDescriptor(std::shared_ptr<const Descriptor> descriptor);
 
@@ -134,10 +140,12 @@ class SocketHelper {
     [[nodiscard]] bool waitBeforeRetry(std::chrono::milliseconds delay) const;
     void waitUntilConnected(int socket, std::chrono::steady_clock::time_point deadline) const;
     void waitUntilWritable(int socket) const;
+    void sendParts(std::array<iovec, 2>& parts, std::size_t& first) const;
     [[nodiscard]] bool waitForInput();
     void noteConnectionEnded();
     [[nodiscard]] bool givingUp() const { return readingStopped_ || retired_; }
     void replaceDescriptor(Descriptor descriptor);
+    void deliverPausingTheGrace();
     void deliverCompleteFrames();
 
     const SocketType type_;
@@ -154,6 +162,9 @@ class SocketHelper {
     // shutdown(SHUT_RD) on a Unix stream socket makes the core service's later sends to us fail
     // with EPIPE.
     const Descriptor wakeDescriptor_;
+    // Readable once reading stopped: wakes a retired endpoint's read, which no longer watches
+    // wakeDescriptor_.
+    const Descriptor stopDescriptor_;
 
     // The socket is replaced only under sendLock_, and only by the reading side (readSocket(),
     // resetSocket(), setupSocket(), closeSocket()), which therefore uses it without the lock.

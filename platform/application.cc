@@ -1,5 +1,6 @@
 #include "platform/application.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -15,7 +16,7 @@
 namespace kerrow {
 namespace {
 
-constexpr std::array stopSignals{SIGTERM, SIGINT};
+constexpr std::array stopSignals{SIGTERM, SIGINT, SIGHUP};
 
 struct EventSourceUnref {
     void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
@@ -40,7 +41,8 @@ void forwardToMainThread(int signalNumber) {
     errno = savedErrno;
 }
 
-// Routes SIGTERM and SIGINT to `loop`, which exits with status 0 when one arrives.
+// Routes the stop signals to `loop`, which exits with status 0 when one arrives. They come before
+// every other source: a notification read before the signal is not served after it.
 std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
     sigset_t mask;
     sigemptyset(&mask);
@@ -69,6 +71,10 @@ std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
             throwSystemError(r, "watch the stop signals");
         }
         sources[i].reset(source);
+        if (const int r = sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IMPORTANT);
+            r < 0) {
+            throwSystemError(r, "give the stop signals precedence");
+        }
     }
     return sources;
 }
@@ -132,6 +138,14 @@ sd_event* Application::eventLoop() {
         loop_.reset(loop);
     }
     return loop_.get();
+}
+
+bool Application::stopRequested() const {
+    if (!stopSignals_) {
+        return false;
+    }
+    pollfd pending{stopSignals_->get(), POLLIN, 0};
+    return ::poll(&pending, 1, 0) > 0;
 }
 
 int Application::run() {

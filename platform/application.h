@@ -6,10 +6,11 @@
 // distributed notifications) runs on the main thread.
 //
 // Ending. The host's own end is at end of standard input, where the browser extension channel
-// ends the process itself. Besides that, SIGTERM and SIGINT (a browser, the session or a person
-// asking the host to stop) end the loop: the delegate's applicationWillTerminate() runs on the
-// main thread, then the process ends with status 0. It ends with _exit(), without static
-// destructors, because worker threads may still be blocked in reads or be logging.
+// ends the process itself. Besides that, SIGTERM, SIGINT and SIGHUP (a browser, the session or a
+// person asking the host to stop) end the loop, before any other source that is ready is served:
+// the delegate's applicationWillTerminate() runs on the main thread, then the process ends with
+// status 0. It ends with _exit(), without static destructors, because worker threads may still be
+// blocked in reads or be logging.
 //
 // The application does not own its delegate: the caller keeps it alive for the whole process.
 // All members are for the main thread only.
@@ -28,7 +29,7 @@ class ApplicationDelegate {
     virtual ~ApplicationDelegate() = default;
     /// Called once, on the main thread, from inside the running event loop.
     virtual void applicationDidFinishLaunching() = 0;
-    /// Called on the main thread after SIGTERM or SIGINT ended the loop, just before the process
+    /// Called on the main thread after a stop signal ended the loop, just before the process
     /// ends: the place to write out what must not be lost (the log). Does nothing by default.
     virtual void applicationWillTerminate() {}
 };
@@ -51,13 +52,17 @@ class Application {
     /// Throws std::system_error when the loop itself fails.
     int run();
 
-    /// A signalfd of SIGTERM and SIGINT that turns readable, on the main thread, when a stop
+    /// A signalfd of the stop signals that turns readable, on the main thread, when a stop
     /// signal is pending. Work that blocks the main thread outside the loop polls it beside its
     /// own descriptors and returns early, so that the loop can end the process. Only polled,
     /// never read (the loop reads the signal). Null before applicationMain() set the signals up.
     [[nodiscard]] std::shared_ptr<const Descriptor> stopSignalDescriptor() const {
         return stopSignals_;
     }
+
+    /// True when a stop signal is pending: the loop ends as soon as control returns to it, so
+    /// work that is about to start may as well not.
+    [[nodiscard]] bool stopRequested() const;
 
   private:
     Application() = default;
@@ -74,7 +79,7 @@ class Application {
     friend int applicationMain(int argc, char** argv);
 };
 
-/// Runs the shared application on the main thread: makes SIGTERM and SIGINT end the loop,
+/// Runs the shared application on the main thread: makes the stop signals end the loop,
 /// schedules the launch callback, runs the loop and then ends the process (see the top of this
 /// file); it does not return once the loop has run. It returns EXIT_FAILURE, after a line on
 /// standard error, only when it is called off the main thread or the loop cannot be set up or

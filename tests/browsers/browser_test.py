@@ -2,8 +2,10 @@
 """Real browsers drive the real host. Python 3 standard library only; one thread.
 
 A headless browser loads extension/, which connects to the host the installer registered in an
-otherwise empty home. Passes when the tab list and a close-tab command cross unchanged, the host
-was started with its documented arguments, and it ended (status 0 where seen) with the browser.
+otherwise empty home. Passes when the tab list and a close-tab command cross unchanged, a block
+list over the browsers' 1 MiB limit is dropped (logged) and the close-tab after it still arrives
+on the same port, the host was started with its documented arguments, and it ended (status 0
+where seen) with the browser.
 """
 
 import argparse
@@ -216,6 +218,13 @@ EXPECTED_TAB_LIST = {
 }
 CLOSE_TAB_COMMAND = b"kerrow.closeTab-42"
 CLOSE_TAB_MESSAGE = {"action": "closeTab", "payload": {"id": 42}}
+# 30,000 sites: a setBlacklist message of about 1.3 MB, over the 1 MiB that browsers accept.
+OVER_LIMIT_COMMAND = b"kerrow.websiteList" + json.dumps({
+    "name": "Big", "listType": 1,
+    "websites": [f"www.a-rather-long-site-name-{10000 + site}.example" for site in range(30000)],
+}).encode()
+LATE_CLOSE_TAB_COMMAND = b"kerrow.closeTab-43"
+LATE_CLOSE_TAB_MESSAGE = {"action": "closeTab", "payload": {"id": 43}}
 
 
 def run_installer(installer: Path, arguments: List[str], env: Dict[str, str]) -> None:
@@ -319,6 +328,21 @@ def run(browser, host: Path, installer: Path, folder: RunFolder, processes: Proc
     if echoed["message"] != CLOSE_TAB_MESSAGE:
         raise TestFailure(f"the extension received {echoed['message']} for "
                           f"{CLOSE_TAB_COMMAND!r}, expected {CLOSE_TAB_MESSAGE}")
+
+    # Over the limit the browser would drop the host: the host drops the message instead, and
+    # the port stays open for the next command.
+    connection.send(OVER_LIMIT_COMMAND)
+    connection.send(LATE_CLOSE_TAB_COMMAND)
+    connection.receive_until(
+        lambda body: (tab_list_body(body) or {}).get("message") == LATE_CLOSE_TAB_MESSAGE, 20,
+        "the extension's report of the close-tab after the over-limit block list")
+    if any((tab_list_body(body) or {}).get("message", {}).get("action") == "setBlacklist"
+           for body in connection.received):
+        raise TestFailure("the over-limit block list reached the extension")
+    log = folder.state / "kerrow/native-messaging-host.log"
+    wait_until(lambda: any(" error " in line and "1048576" in line
+                           for line in log.read_text(errors="replace").splitlines()), 5,
+               "the error line naming the dropped message")
 
     started.send_signal(signal.SIGTERM)  # as a desktop session ends a browser
     started.wait(timeout=10)

@@ -108,5 +108,26 @@ TEST_F(HostTest, ServesTheBrowserWhileNoCoreServiceListensAndConnectsOnTheNextSt
     EXPECT_EQ(std::count(lines.begin(), lines.end(), sendingLine), 2) << session.log();
 }
 
+// A block list over the browsers' 1 MiB limit is dropped with an error line, the next command
+// goes out on the same standard output, and SIGHUP ends the host with status 0, the log written.
+TEST_F(HostTest, DropsAMessageOverTheBrowsersLimitServesTheNextAndEndsOnSighup) {
+    auto connection = session.start();
+    std::string sites;
+    for (int site = 0; site < 30'000; ++site) {
+        sites += (site == 0 ? "\"" : ",\"") + std::string("www.a-rather-long-site-name-") +
+                 std::to_string(10'000 + site) + ".example\"";
+    }
+    connection.send(R"(kerrow.websiteList{"name":"Big","websites":[)" + sites +
+                    R"(],"listType":1})");
+    connection.send("kerrow.closeTab-3");
+    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":3}})");
+    ::kill(session.host().pid(), SIGHUP);
+    EXPECT_EQ(session.host().waitForExit(), 0);
+    const auto lines = session.logMessages();
+    EXPECT_TRUE(std::ranges::any_of(lines, [](const std::string& line) {
+        return line.starts_with("error ") && line.find("1048576") != std::string::npos;
+    })) << session.log();
+}
+
 }  // namespace
 }  // namespace kerrow::test

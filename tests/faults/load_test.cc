@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "tests/support/host_session.h"
@@ -88,13 +89,14 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
             }
         }
     });
-    // Two starts while both directions are busy; each connection is read from its accept on.
-    session.postStart();
+    // Two starts while both directions are busy, the second posted once the first is served (two
+    // waiting together are served by one start); each connection is read from its accept on.
     session.postStart();
     // Threads are std::jthread, so that a failed assertion joins them before the host goes.
     auto second = session.core().accept();
     ASSERT_TRUE(second) << session.log();
     FrameCollector onSecond(second->fd(), "", 2'000ms);
+    session.postStart();
     auto third = session.core().accept();
     ASSERT_TRUE(third) << session.log();
     FrameCollector onThird(third->fd(), relayedTabData(frames - 1), 10'000ms);
@@ -108,7 +110,7 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     commandsOnThird.join();
     ASSERT_TRUE(onFirst.wait(120'000ms) && onSecond.wait(120'000ms) && onThird.wait(120'000ms));
     ASSERT_TRUE(output.wait(120'000ms));
-    const auto residentLate = procFigure(host, "status", "VmRSS");
+    [[maybe_unused]] const auto residentLate = procFigure(host, "status", "VmRSS");
     EXPECT_TRUE(first.waitForClose() && second->waitForClose()) << session.log();
     EXPECT_FALSE(session.core().accept(500ms)) << "a retired service reconnected";
     EXPECT_FALSE(session.waitForAnnouncement(0ms, 2)) << "announced twice";
@@ -132,10 +134,77 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     EXPECT_TRUE(fromThird ==
                 made(commands, [](int i) { return closeTabFrame(commandsBefore + i); }))
         << fromFirst.size() << " + " << fromThird.size() << " commands delivered";
+    // ... and every command of the retired connection before any of the newest one.
+    auto ordered = made(static_cast<int>(fromFirst.size()), closeTabFrame);
+    ordered.insert(ordered.end(), fromThird.begin(), fromThird.end());
+    EXPECT_TRUE(output.frames() == ordered) << "commands of two connections interleaved";
 #ifndef KERROW_SANITIZED
     EXPECT_LT(residentLate - residentEarly, 16 * 1024)
         << "resident memory grew from " << residentEarly << " KiB to " << residentLate << " KiB";
 #endif
+}
+
+std::size_t openDescriptorCount(pid_t pid) {
+    const auto folder = "/proc/" + std::to_string(pid) + "/fd";
+    std::error_code error;
+    return static_cast<std::size_t>(std::distance(
+        std::filesystem::directory_iterator(folder, error), std::filesystem::directory_iterator()));
+}
+
+// Any process on the session bus may post the start notification, as often as it likes.
+TEST(LoadTest, AStartFloodStaysBoundedLosesNothingAndEndsOnOneConnection) {
+    constexpr int starts = 2'000;
+    constexpr int frames = 2'000;
+    HostSession session{KERROW_HOST_BINARY};
+    std::vector<CoreConnection> connections;
+    connections.push_back(session.start());
+    const pid_t host = session.host().pid();
+    const auto threadsAtRest = procFigure(host, "status", "Threads");
+    const auto descriptorsAtRest = openDescriptorCount(host);
+
+    std::atomic<bool> flooding{true};
+    std::int64_t threadsPeak = 0;
+    std::size_t descriptorsPeak = 0;
+    std::jthread sampler([&] {
+        while (flooding) {
+            threadsPeak = std::max(threadsPeak, procFigure(host, "status", "Threads"));
+            descriptorsPeak = std::max(descriptorsPeak, openDescriptorCount(host));
+        }
+    });
+    std::jthread browser([&] {
+        for (int i = 0; i < frames; ++i) {
+            session.host().send(tabData(i));
+        }
+    });
+    for (int i = 0; i < starts; ++i) {
+        session.postStart();
+    }
+    // The core accepts every connection until none has come for a while.
+    while (auto next = session.core().accept(2'000ms)) {
+        connections.push_back(std::move(*next));
+    }
+    browser.join();
+    flooding = false;
+    sampler.join();
+    EXPECT_LE(threadsPeak, threadsAtRest + 8);
+    EXPECT_LE(descriptorsPeak, descriptorsAtRest + 32);
+
+    // Every frame once, in order, over the connections one after the other; all but the newest
+    // closed.
+    std::vector<std::string> relayed;
+    for (std::size_t index = 0; index < connections.size(); ++index) {
+        const bool newest = index + 1 == connections.size();
+        while (auto message = connections[index].receive(newest ? 500ms : 2'000ms)) {
+            if (*message != "kerrow.updateDeviceTwin") {
+                relayed.push_back(std::move(*message));
+            }
+        }
+        EXPECT_TRUE(newest || connections[index].waitForClose(100ms)) << "connection " << index;
+    }
+    EXPECT_TRUE(relayed == made(frames, relayedTabData)) << relayed.size() << " frames relayed";
+    EXPECT_GT(connections.size(), 1U);
+    connections.back().send("kerrow.closeTab-1");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(1));
 }
 
 }  // namespace
