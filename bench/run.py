@@ -7,7 +7,9 @@ interleaved: each round measures every program once per figure, in an order that
 round to round, so that a slow spell of the machine touches all of them alike. Ratios are taken
 within a round and then summarised. Relay and command bursts are measured in two regimes:
 streamed (the feeder writes many frames per write, as a browser's pipe holds them when the
-extension sends faster than the program reads) and paced (one frame per write).
+extension sends faster than the program reads) and paced (one frame per write); close-tab
+commands also in a burst, written in large writes while the browser side drains standard output
+as fast as it can.
 
 Usage: bench/run.py --build BUILD_DIR [--quick] [--profile]
   --quick    fewer rounds and shorter windows (a smoke test, not for the record)
@@ -40,6 +42,9 @@ class Plan:
         self.relay_frames = {64: (40000, 10000), 1024: (40000, 10000), 65536: (5000, 1000),
                              1048576: (100, 50)}
         self.command_counts = {'closeTab': 5000, 'websiteList': 500}
+        # The close-tab burst (C++ programs, plain Python host): long enough to outlast start-up
+        # noise at a million commands per second.
+        self.burst_counts = (40000, 10000)
         self.latency_rounds = 1 if quick else 3
         self.latency_count = 600 if quick else 1600
         self.latency_warm_up = 100
@@ -63,6 +68,9 @@ def programs(build):
 
 RELAYING = ['host', 'floor', 'typical', 'plain']
 REGIMES = ('streamed', 'paced')
+# The command burst: the core service writes close-tab commands in large writes and the browser
+# side drains standard output in bulk (the driver's burst regime).
+BURSTING = ['host', 'floor', 'plain']
 
 
 def rotated(items, round_index):
@@ -108,6 +116,9 @@ class Runner:
                     for name in rotated(RELAYING, round_index):
                         self.measure('commands', [name], round_index, command=command, count=count,
                                      sites=1000, regime=regime)
+            for name in rotated(BURSTING, round_index):
+                self.measure('commands', [name], round_index, command='closeTab', regime='burst',
+                             count=plan.burst_counts[1 if name == 'plain' else 0])
         print('bench: command rate done', flush=True)
         for round_index in range(plan.latency_rounds):
             for name in rotated(RELAYING, round_index):
