@@ -148,33 +148,38 @@ def micro_benchmarks(build, plan, out_file):
         return json.load(micro)
 
 
-PERF_EVENTS = ('syscalls:sys_enter_read', 'syscalls:sys_enter_poll', 'syscalls:sys_enter_sendmsg',
-               'syscalls:sys_enter_writev', 'syscalls:sys_enter_write', 'syscalls:sys_enter_madvise',
-               'page-faults', 'context-switches', 'task-clock')
+PERF_EVENTS = ('syscalls:sys_enter_read', 'syscalls:sys_enter_recvfrom', 'syscalls:sys_enter_poll',
+               'syscalls:sys_enter_sendmsg', 'syscalls:sys_enter_writev', 'syscalls:sys_enter_write',
+               'syscalls:sys_enter_madvise', 'page-faults', 'context-switches', 'task-clock')
+# What perf stat counts around: (name, figure, options, frames or commands in it).
+COUNTED = (('1024', 'relay', {'size': 1024, 'frames': 40000}, 40000),
+           ('1048576', 'relay', {'size': 1048576, 'frames': 100}, 100),
+           ('close-tab-burst', 'commands', {'command': 'closeTab', 'count': 40000, 'regime': 'burst'},
+            40000))
 
 
 def count_events(build, runner):
-    """System calls, page faults and CPU per relayed frame of the host and the floor, counted by
-    perf stat around the program (where perf may count them)."""
+    """System calls, page faults and CPU per relayed frame (and per command of a close-tab burst)
+    of the host and the floor, counted by perf stat around the program (where perf may count
+    them)."""
     directory = build / 'profile'
     directory.mkdir(exist_ok=True)
-    # Per frame; perf gives task-clock in milliseconds, shown here in microseconds.
-    lines = ['program body frames ' + ' '.join(e.split(':')[-1].replace('sys_enter_', '') + '/frame' for e in PERF_EVENTS[:-1])
+    # Per frame or command; perf gives task-clock in milliseconds, shown here in microseconds.
+    lines = ['program work count ' + ' '.join(e.split(':')[-1].replace('sys_enter_', '') + '/frame' for e in PERF_EVENTS[:-1])
              + ' cpu-us/frame']
     for name in ('host', 'floor'):
-        for size, frames in ((1024, 40000), (1048576, 100)):
-            out = directory / ('perf-%s-%d.txt' % (name, size))
+        for work, figure, options, frames in COUNTED:
+            out = directory / ('perf-%s-%s.txt' % (name, work))
             wrapper = ['perf', 'stat', '-x', ':', '-o', str(out)]
             for event in PERF_EVENTS:
                 wrapper += ['-e', event]
-            runner.measure('relay', [name], 0, wrapper=','.join(wrapper + ['--']), size=size,
-                           frames=frames)
+            runner.measure(figure, [name], 0, wrapper=','.join(wrapper + ['--']), **options)
             counts = {}
             for line in out.read_text().splitlines():
                 fields = line.split(':')
                 if len(fields) > 2 and fields[0].replace('.', '').isdigit():
                     counts[fields[2] if not fields[2].startswith('sys') else fields[2] + ':' + fields[3]] = float(fields[0])
-            lines.append('%s %d %d ' % (name, size, frames) + ' '.join(
+            lines.append('%s %s %d ' % (name, work, frames) + ' '.join(
                 '%.2f' % (counts.get(event, 0) * (1000 if event == 'task-clock' else 1) / frames)
                 for event in PERF_EVENTS))
     (directory / 'events.txt').write_text('\n'.join(lines) + '\n')
@@ -208,13 +213,14 @@ def memory_maps(build, runner):
 
 
 def profile(build, runner):
-    """The host under callgrind: 20,000 relayed 1 KiB frames, 5,000 close-tab commands and 300
-    allow lists of 1,000 sites, each with its summary (callgrind_annotate --inclusive=yes)."""
+    """The host under callgrind: 20,000 relayed 1 KiB frames, a burst of 20,000 close-tab
+    commands and 300 allow lists of 1,000 sites, each with its summary (callgrind_annotate
+    --inclusive=yes)."""
     directory = build / 'profile'
     directory.mkdir(exist_ok=True)
     for name, figure, options in (
             ('relay', 'relay', {'size': 1024, 'frames': 20000}),
-            ('close-tab', 'commands', {'command': 'closeTab', 'count': 5000}),
+            ('close-tab', 'commands', {'command': 'closeTab', 'count': 20000, 'regime': 'burst'}),
             ('website-list', 'commands', {'command': 'websiteList', 'count': 300, 'sites': 1000})):
         out = directory / ('host-%s.callgrind' % name)
         wrapper = 'valgrind,--tool=callgrind,--callgrind-out-file=%s' % out
