@@ -152,9 +152,11 @@ def relay_section(results, regime):
 def commands_section(results):
     rows = []
     for command in ('closeTab', 'websiteList'):
-        for regime in REGIMES:
+        for regime in REGIMES + ('burst',):
             for program in PROGRAMS:
                 match = dict(figure='commands', program=program, command=command, regime=regime)
+                if not select(results, **match):
+                    continue
                 rows.append([command, regime, program,
                              summary(values(results, 'commands_per_s', **match)),
                              summary(values(results, 'cpu_us_per_command', **match))] +
@@ -230,6 +232,13 @@ def micro_section(micro):
     return table(['benchmark', 'time per call (median)', 'variation (cv)', 'throughput'], rows)
 
 
+# The paced figures before the relay was batched (scripts/bench at commit 8ddda74), which the
+# paced aims hold the host to: p99 latency pooled, and start -> announcement minus the bare bus
+# program's, with the spread of its rounds then.
+BEFORE = {'commit': '8ddda74', 'p99_us': 56.8, 'p99_slack_us': 5.0, 'behind_bare_ms': -0.037,
+          'behind_bare_spread_ms': 0.2}
+
+
 def aims(results):
     """(aim, what was measured, met) for every aim the figures speak to."""
     found = []
@@ -237,42 +246,67 @@ def aims(results):
     def within(key, other, **match):
         return median(per_round(results, key, ratio, 'host', other, **match))
 
+    def within_faster(size):
+        """host ÷ the faster of the floor and the plain host, round by round."""
+        match = dict(figure='relay', regime='streamed', size=size)
+        rates = {name: {r['round']: r['frames_per_s'] for r in select(results, program=name, **match)}
+                 for name in ('host', 'floor', 'plain')}
+        return median([rates['host'][i] / max(rates['floor'][i], rates['plain'][i])
+                       for i in rates['host'] if i in rates['floor'] and i in rates['plain']])
+
+    def ratios(key, **match):
+        return '%s× the floor, %s× plain' % (number(within(key, 'floor', **match), 2),
+                                             number(within(key, 'plain', **match), 2))
+
+    def at_least(value, bound):
+        return value is not None and value >= bound
+
     streamed = dict(figure='relay', regime='streamed')
-    throughput = {s: within('frames_per_s', 'floor', size=s, **streamed) for s in SIZE_NAMES}
+    small = (64, 1024)
+    throughput = {s: within('frames_per_s', 'floor', size=s, **streamed) for s in small}
+    found.append(('Streamed relay ≥ 2× the floor\'s frames/s at 64 B and 1 KiB',
+                  '; '.join('%s: %s' % (SIZE_NAMES[s], ratios('frames_per_s', size=s, **streamed))
+                            for s in small),
+                  all(at_least(throughput[s], 2.0) for s in small)))
+    large = (65536, 1048576)
+    faster = {s: within_faster(s) for s in large}
+    found.append(('Streamed relay ≥ the faster of the floor and the plain Python host at 64 KiB '
+                  'and 1 MiB',
+                  '; '.join('%s: %s (÷ the faster: %s×)' % (
+                      SIZE_NAMES[s], ratios('frames_per_s', size=s, **streamed),
+                      number(faster[s], 2)) for s in large),
+                  all(at_least(faster[s], 1.0) for s in large)))
     cpu = {s: within('cpu_us_per_frame', 'floor', size=s, **streamed) for s in SIZE_NAMES}
     kept = all(r['log_lines'] == r['frames'] for r in select(results, figure='relay', program='host'))
-    found.append(('Streamed relay ≥ 0.9× the floor\'s throughput and ≤ 1.25× its CPU per frame at '
-                  '64 B, 1 KiB, 64 KiB and 1 MiB, every log line kept',
-                  '; '.join('%s: %s× throughput, %s× CPU' % (SIZE_NAMES[s], number(throughput[s], 2),
-                                                            number(cpu[s], 2)) for s in SIZE_NAMES)
-                  + ('; log lines all kept' if kept else '; log lines lost'),
-                  kept and all(throughput[s] is not None and throughput[s] >= 0.9 and cpu[s] <= 1.25
-                               for s in SIZE_NAMES)))
-    plain = within('frames_per_s', 'plain', size=1024, **streamed)
-    typical = within('frames_per_s', 'typical', size=1024, **streamed)
-    floor_plain = median(per_round(results, 'frames_per_s', ratio, 'floor', 'plain', size=1024, **streamed))
-    found.append(('Streamed relay ≥ 2.5× the plain Python host at 1 KiB',
-                  '%s× (the floor itself: %s×; against the typical host, which logs each frame: %s×)'
-                  % (number(plain, 2), number(floor_plain, 2), number(typical, 2)),
-                  plain is not None and plain >= 2.5))
-    burst = within('commands_per_s', 'floor', figure='commands', command='closeTab', regime='streamed')
-    lists = within('commands_per_s', 'floor', figure='commands', command='websiteList', regime='streamed')
-    found.append(('Streamed command bursts (close-tab) ≥ 0.8× the floor',
-                  '%s× (website lists of 1,000 sites, outside the aim: %s×)' % (number(burst, 2), number(lists, 2)),
-                  burst is not None and burst >= 0.8))
+    found.append(('Streamed relay CPU per frame ≤ the floor\'s at every size, every log line kept',
+                  '; '.join('%s: %s' % (SIZE_NAMES[s], ratios('cpu_us_per_frame', size=s, **streamed))
+                            for s in SIZE_NAMES) + ('; log lines all kept' if kept else '; log lines lost'),
+                  kept and all(c is not None and c <= 1.0 for c in cpu.values())))
+    burst = dict(figure='commands', command='closeTab', regime='burst')
+    found.append(('Streamed command bursts (close-tab, drained in bulk) ≥ 1.0× the floor\'s rate',
+                  '%s (CPU per command: %s)' % (ratios('commands_per_s', **burst),
+                                                ratios('cpu_us_per_command', **burst)),
+                  at_least(within('commands_per_s', 'floor', **burst), 1.0)))
     pooled = sorted(v for r in select(results, figure='latency', program='host') for v in r.get('latencies_us', []))
     p99 = pooled[int(0.99 * (len(pooled) - 1))] if pooled else None
-    found.append(('Paced: command latency p99 < 1 ms at 1,000 commands/s', '%s µs (pooled)' % number(p99),
-                  p99 is not None and p99 < 1000))
+    floor_p99 = median([r['p99_us'] for r in select(results, figure='latency', program='floor')])
+    found.append(('Paced: command latency p99 at 1,000 commands/s no worse than before the '
+                  'batching (%g µs pooled at %s, plus %g µs)' % (BEFORE['p99_us'], BEFORE['commit'],
+                                                                 BEFORE['p99_slack_us']),
+                  '%s µs pooled (the floor\'s p99: %s µs)' % (number(p99), number(floor_p99)),
+                  p99 is not None and p99 <= BEFORE['p99_us'] + BEFORE['p99_slack_us']))
     foot = {r['program']: r for r in select(results, figure='footprint')}
     if 'host' in foot:
         idle = foot['host']
         found.append(('Paced: no CPU at idle', '%s ms and %d wake-ups in %g s' % (number(idle['idle_cpu_ms']), idle['idle_wakeups'], idle['window_s']),
                       idle['idle_wakeups'] == 0))
     behind = median(per_round(results, 'start_to_announcement_us', difference, 'host', 'bare', figure='startup'))
-    found.append(('Process start → announcement within 1 ms of the bare bus program',
+    found.append(('Process start → announcement no later, beside the bare bus program, than before '
+                  'the batching (%s ms at %s, within the %s ms spread of its rounds)'
+                  % (BEFORE['behind_bare_ms'], BEFORE['commit'], BEFORE['behind_bare_spread_ms']),
                   '%s ms behind it' % number(behind / 1000 if behind is not None else None),
-                  behind is not None and behind <= 1000))
+                  behind is not None and
+                  behind / 1000 <= BEFORE['behind_bare_ms'] + BEFORE['behind_bare_spread_ms']))
     if 'host' in foot:
         rss = max(foot['host']['rss_start_kib'], foot['host']['rss_relayed_kib'])
         private = max(foot['host']['private_start_kib'], foot['host']['private_relayed_kib'])
@@ -326,7 +360,12 @@ def write(results, micro, context, bench_dir):
         '\n![Relay figures](relay.svg)\n',
         '## Commands, core service → extension\n',
         'Commands written to the program\'s socket as fast as it takes them (streamed: many per '
-        'write; paced: one per write); every frame on its standard output is checked. `websiteList` is an allow list of 1,000 sites (21 KB).\n',
+        'write; paced: one per write); every frame on its standard output is checked, one by one. '
+        '**Burst**: close-tab commands written as streamed while the browser side drains standard '
+        'output as fast as it can, in reads as large as the pipe gives, each compared with the '
+        'bytes expected there (the regime a user meets when the core service sends many commands '
+        'at once; the plain host takes part, the typical one not). `websiteList` is an allow list '
+        'of 1,000 sites (21 KB).\n',
         commands_section(results),
         '## Start-up\n',
         'Process start is the moment before `posix_spawn`; the announcement and the device-twin '

@@ -7,7 +7,9 @@ interleaved: each round measures every program once per figure, in an order that
 round to round, so that a slow spell of the machine touches all of them alike. Ratios are taken
 within a round and then summarised. Relay and command bursts are measured in two regimes:
 streamed (the feeder writes many frames per write, as a browser's pipe holds them when the
-extension sends faster than the program reads) and paced (one frame per write).
+extension sends faster than the program reads) and paced (one frame per write); close-tab
+commands also in a burst, written in large writes while the browser side drains standard output
+as fast as it can.
 
 Usage: bench/run.py --build BUILD_DIR [--quick] [--profile]
   --quick    fewer rounds and shorter windows (a smoke test, not for the record)
@@ -40,6 +42,9 @@ class Plan:
         self.relay_frames = {64: (40000, 10000), 1024: (40000, 10000), 65536: (5000, 1000),
                              1048576: (100, 50)}
         self.command_counts = {'closeTab': 5000, 'websiteList': 500}
+        # The close-tab burst (C++ programs, plain Python host): long enough to outlast start-up
+        # noise at a million commands per second.
+        self.burst_counts = (40000, 10000)
         self.latency_rounds = 1 if quick else 3
         self.latency_count = 600 if quick else 1600
         self.latency_warm_up = 100
@@ -63,6 +68,9 @@ def programs(build):
 
 RELAYING = ['host', 'floor', 'typical', 'plain']
 REGIMES = ('streamed', 'paced')
+# The command burst: the core service writes close-tab commands in large writes and the browser
+# side drains standard output in bulk (the driver's burst regime).
+BURSTING = ['host', 'floor', 'plain']
 
 
 def rotated(items, round_index):
@@ -108,6 +116,9 @@ class Runner:
                     for name in rotated(RELAYING, round_index):
                         self.measure('commands', [name], round_index, command=command, count=count,
                                      sites=1000, regime=regime)
+            for name in rotated(BURSTING, round_index):
+                self.measure('commands', [name], round_index, command='closeTab', regime='burst',
+                             count=plan.burst_counts[1 if name == 'plain' else 0])
         print('bench: command rate done', flush=True)
         for round_index in range(plan.latency_rounds):
             for name in rotated(RELAYING, round_index):
@@ -137,33 +148,38 @@ def micro_benchmarks(build, plan, out_file):
         return json.load(micro)
 
 
-PERF_EVENTS = ('syscalls:sys_enter_read', 'syscalls:sys_enter_poll', 'syscalls:sys_enter_sendmsg',
-               'syscalls:sys_enter_writev', 'syscalls:sys_enter_write', 'syscalls:sys_enter_madvise',
-               'page-faults', 'context-switches', 'task-clock')
+PERF_EVENTS = ('syscalls:sys_enter_read', 'syscalls:sys_enter_recvfrom', 'syscalls:sys_enter_poll',
+               'syscalls:sys_enter_sendmsg', 'syscalls:sys_enter_writev', 'syscalls:sys_enter_write',
+               'syscalls:sys_enter_madvise', 'page-faults', 'context-switches', 'task-clock')
+# What perf stat counts around: (name, figure, options, frames or commands in it).
+COUNTED = (('1024', 'relay', {'size': 1024, 'frames': 40000}, 40000),
+           ('1048576', 'relay', {'size': 1048576, 'frames': 100}, 100),
+           ('close-tab-burst', 'commands', {'command': 'closeTab', 'count': 40000, 'regime': 'burst'},
+            40000))
 
 
 def count_events(build, runner):
-    """System calls, page faults and CPU per relayed frame of the host and the floor, counted by
-    perf stat around the program (where perf may count them)."""
+    """System calls, page faults and CPU per relayed frame (and per command of a close-tab burst)
+    of the host and the floor, counted by perf stat around the program (where perf may count
+    them)."""
     directory = build / 'profile'
     directory.mkdir(exist_ok=True)
-    # Per frame; perf gives task-clock in milliseconds, shown here in microseconds.
-    lines = ['program body frames ' + ' '.join(e.split(':')[-1].replace('sys_enter_', '') + '/frame' for e in PERF_EVENTS[:-1])
+    # Per frame or command; perf gives task-clock in milliseconds, shown here in microseconds.
+    lines = ['program work count ' + ' '.join(e.split(':')[-1].replace('sys_enter_', '') + '/frame' for e in PERF_EVENTS[:-1])
              + ' cpu-us/frame']
     for name in ('host', 'floor'):
-        for size, frames in ((1024, 40000), (1048576, 100)):
-            out = directory / ('perf-%s-%d.txt' % (name, size))
+        for work, figure, options, frames in COUNTED:
+            out = directory / ('perf-%s-%s.txt' % (name, work))
             wrapper = ['perf', 'stat', '-x', ':', '-o', str(out)]
             for event in PERF_EVENTS:
                 wrapper += ['-e', event]
-            runner.measure('relay', [name], 0, wrapper=','.join(wrapper + ['--']), size=size,
-                           frames=frames)
+            runner.measure(figure, [name], 0, wrapper=','.join(wrapper + ['--']), **options)
             counts = {}
             for line in out.read_text().splitlines():
                 fields = line.split(':')
                 if len(fields) > 2 and fields[0].replace('.', '').isdigit():
                     counts[fields[2] if not fields[2].startswith('sys') else fields[2] + ':' + fields[3]] = float(fields[0])
-            lines.append('%s %d %d ' % (name, size, frames) + ' '.join(
+            lines.append('%s %s %d ' % (name, work, frames) + ' '.join(
                 '%.2f' % (counts.get(event, 0) * (1000 if event == 'task-clock' else 1) / frames)
                 for event in PERF_EVENTS))
     (directory / 'events.txt').write_text('\n'.join(lines) + '\n')
@@ -197,13 +213,14 @@ def memory_maps(build, runner):
 
 
 def profile(build, runner):
-    """The host under callgrind: 20,000 relayed 1 KiB frames, 5,000 close-tab commands and 300
-    allow lists of 1,000 sites, each with its summary (callgrind_annotate --inclusive=yes)."""
+    """The host under callgrind: 20,000 relayed 1 KiB frames, a burst of 20,000 close-tab
+    commands and 300 allow lists of 1,000 sites, each with its summary (callgrind_annotate
+    --inclusive=yes)."""
     directory = build / 'profile'
     directory.mkdir(exist_ok=True)
     for name, figure, options in (
             ('relay', 'relay', {'size': 1024, 'frames': 20000}),
-            ('close-tab', 'commands', {'command': 'closeTab', 'count': 5000}),
+            ('close-tab', 'commands', {'command': 'closeTab', 'count': 20000, 'regime': 'burst'}),
             ('website-list', 'commands', {'command': 'websiteList', 'count': 300, 'sites': 1000})):
         out = directory / ('host-%s.callgrind' % name)
         wrapper = 'valgrind,--tool=callgrind,--callgrind-out-file=%s' % out

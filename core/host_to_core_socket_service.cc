@@ -9,12 +9,17 @@
 namespace kerrow {
 namespace {
 
-// The message with every occurrence of `keyword` removed.
+// The message with every occurrence of `keyword` removed. Where the keyword occurs, the rest is
+// shorter than the message by at least one keyword, and a short rest (a tab id) stays in the
+// string's own buffer, with no allocation.
 std::string removingAll(std::string_view message, std::string_view keyword) {
+    std::size_t found = message.find(keyword);
+    if (found == std::string_view::npos) {
+        return std::string(message);
+    }
     std::string rest;
-    rest.reserve(message.size());
-    for (std::size_t start = 0;;) {
-        const std::size_t found = message.find(keyword, start);
+    rest.reserve(message.size() - keyword.size());
+    for (std::size_t start = 0;; found = message.find(keyword, start)) {
         rest.append(message.substr(start, found - start));
         if (found == std::string_view::npos) {
             return rest;

@@ -1,21 +1,53 @@
 #include "model/native_host_message.h"
 
+#include <array>
 #include <nlohmann/json.hpp>
 
 #include "model/json_coding.h"
 
 namespace kerrow {
+namespace {
+
+// Room for every envelope but those carrying lists (the longest close-tab envelope is 59 bytes),
+// so that building one takes a single allocation instead of growing out of the small-string
+// buffer twice.
+constexpr std::size_t envelopeCapacity = 64;
+
+// The types' list is in declaration order, so a type's value is its place in the list.
+static_assert([] {
+    for (std::size_t index = 0; index < kAllNativeHostMessageTypes.size(); ++index) {
+        if (static_cast<std::size_t>(kAllNativeHostMessageTypes[index]) != index) {
+            return false;
+        }
+    }
+    return true;
+}());
+
+// `{"action":"<raw value>","payload":`, the fixed start of an envelope of `type`, made once for
+// each type so that encoding appends it whole.
+const std::string& envelopeHead(NativeHostMessageType type) {
+    using Heads = std::array<std::string, kAllNativeHostMessageTypes.size()>;
+    static const Heads heads = [] {
+        Heads made;
+        for (std::size_t index = 0; index < made.size(); ++index) {
+            std::string& head = made[index];
+            head.push_back('{');
+            json_coding::appendKey(head, keyText(NativeHostMessageKeys::type));
+            // Raw values are plain ASCII names that need no escape.
+            head.append(1, '"').append(rawValue(kAllNativeHostMessageTypes[index])).append("\",");
+            json_coding::appendKey(head, keyText(NativeHostMessageKeys::payload));
+        }
+        return made;
+    }();
+    return heads[static_cast<std::size_t>(type)];
+}
+
+}  // namespace
 
 std::optional<std::string> NativeHostMessage::toJSONString() const {
-    using json_coding::appendKey;
     std::string text;
-    text.push_back('{');
-    appendKey(text, keyText(NativeHostMessageKeys::type));
-    // Raw values are plain ASCII names that need no escape.
-    text.push_back('"');
-    text.append(rawValue(type));
-    text.append("\",");
-    appendKey(text, keyText(NativeHostMessageKeys::payload));
+    text.reserve(envelopeCapacity);
+    text.append(envelopeHead(type));
     if (!payload.encode(text)) {
         return std::nullopt;
     }

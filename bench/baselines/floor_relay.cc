@@ -5,8 +5,10 @@
 //  - extension -> core: each standard-input frame (4-byte little-endian length, body) goes to the
 //    core service's socket as one frame (4-byte little-endian length) of the body followed by
 //    Const::Browser::tabList, in one writev(); standard input is read through a 1 MiB buffer;
-//  - core -> extension: each socket frame is routed by the first command keyword it holds and
-//    written to standard output as the same JSON text the host writes, built by hand;
+//  - core -> extension: the socket is read through a read-ahead buffer of its own, so that one
+//    read serves every command it holds; each frame is routed by the first command keyword it
+//    holds and written to standard output as the same JSON text the host writes, built by hand,
+//    in one writev() per frame;
 //  - the socket is $XDG_RUNTIME_DIR/kerrow/browser.sock; connecting retries with capped
 //    exponential back-off (10 ms to 1 s) for 10 s, at start and whenever the core service goes
 //    away; the device-twin request goes out once, on the first connection;
@@ -41,25 +43,16 @@ namespace {
 using namespace std::chrono_literals;
 namespace Browser = kerrow::Const::Browser;
 
-bool readExactly(int fd, char* out, std::size_t length) {
-    while (length > 0) {
-        const ssize_t got = ::read(fd, out, length);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got <= 0) {
-            return false;
-        }
-        out += got;
-        length -= static_cast<std::size_t>(got);
-    }
-    return true;
-}
-
-// Standard input through a 1 MiB read-ahead buffer: one read serves every frame it holds, and a
-// body is sent from where it was read, without a copy.
-class StandardInput {
+// A descriptor read through a 1 MiB read-ahead buffer: one read serves every frame it holds, and
+// a body is used where it was read, without a copy.
+class ReadAhead {
   public:
+    explicit ReadAhead(int fd) : fd_(fd) {}
+    /// Reads `fd` from now on, dropping what the previous descriptor left unread.
+    void reset(int fd) {
+        fd_ = fd;
+        begin_ = end_ = 0;
+    }
     /// At least `count` bytes held (the buffer grows for a larger frame); false at end of input.
     bool fill(std::size_t count) {
         while (end_ - begin_ < count) {
@@ -69,7 +62,7 @@ class StandardInput {
                 begin_ = 0;
                 buffer_.resize(std::max(buffer_.size(), count));
             }
-            const ssize_t got = ::read(STDIN_FILENO, buffer_.data() + end_, buffer_.size() - end_);
+            const ssize_t got = ::read(fd_, buffer_.data() + end_, buffer_.size() - end_);
             if (got < 0 && errno == EINTR) {
                 continue;
             }
@@ -84,6 +77,7 @@ class StandardInput {
     void consume(std::size_t count) { begin_ += count; }
 
   private:
+    int fd_;  // borrowed
     std::vector<char> buffer_ = std::vector<char>(1 << 20);
     std::size_t begin_ = 0;  // bytes [begin_, end_) are read and not yet consumed
     std::size_t end_ = 0;
@@ -299,21 +293,21 @@ void route(std::string_view command) {
 
 // Reads the core service's commands until it stays away for good.
 void readCommands(CoreLink& link) {
-    std::string command;
+    ReadAhead socket(link.descriptor());
     for (;;) {
-        const int fd = link.descriptor();
-        char prefix[4];
-        if (!readExactly(fd, prefix, 4)) {
+        const bool whole =
+            socket.fill(4) &&
+            socket.fill(4 + kerrow::decodeFrameLength(std::string_view(socket.data(), 4)));
+        if (!whole) {
             if (!link.connect()) {
                 return;
             }
+            socket.reset(link.descriptor());
             continue;
         }
-        const std::uint32_t length = kerrow::decodeFrameLength(std::string_view(prefix, 4));
-        command.resize(length);
-        if (readExactly(fd, command.data(), length)) {
-            route(command);
-        }
+        const std::size_t length = kerrow::decodeFrameLength(std::string_view(socket.data(), 4));
+        route(std::string_view(socket.data() + 4, length));
+        socket.consume(4 + length);
     }
 }
 
@@ -327,7 +321,7 @@ int main() {
     }
     std::thread(readCommands, std::ref(link)).detach();
 
-    StandardInput input;
+    ReadAhead input(STDIN_FILENO);
     for (;;) {
         if (!input.fill(4)) {
             _exit(0);

@@ -1,7 +1,13 @@
 // Commands core service -> extension: sustained rate, and latency at a steady rate.
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <thread>
 
 #include "bench/driver/figure_support.h"
@@ -45,6 +51,38 @@ std::string setWhitelistMessage(std::size_t sites) {
     return R"({"action":"setWhitelist","payload":{"whitelist":)" + siteArray(sites) + "}}";
 }
 
+// The browser side of a burst: reads standard output in reads as large as the pipe gives until
+// `expected` has come, comparing each read with the bytes expected there.
+void drainExpected(int output, std::string_view expected, Deadline deadline) {
+    ::fcntl(output, F_SETFL, ::fcntl(output, F_GETFL) | O_NONBLOCK);
+    std::vector<char> buffer(std::size_t{256} * 1024);
+    for (std::size_t done = 0; done < expected.size();) {
+        const ssize_t got =
+            ::read(output, buffer.data(), std::min(buffer.size(), expected.size() - done));
+        if (got > 0) {
+            if (std::string_view(buffer.data(), static_cast<std::size_t>(got)) !=
+                expected.substr(done, static_cast<std::size_t>(got))) {
+                throw BenchError("standard output differs from the frames expected, within bytes " +
+                                 std::to_string(done) + " to " +
+                                 std::to_string(done + static_cast<std::size_t>(got)));
+            }
+            done += static_cast<std::size_t>(got);
+            continue;
+        }
+        if (got == 0) {
+            throw BenchError("standard output ended after " + std::to_string(done) + " bytes");
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            throw BenchError(std::string("read standard output: ") + std::strerror(errno));
+        }
+        pollfd waiting{output, POLLIN, 0};
+        ::poll(&waiting, 1, static_cast<int>(timeLeft(deadline).count()));
+        if (Clock::now() > deadline) {
+            throw BenchError("timed out after " + std::to_string(done) + " bytes");
+        }
+    }
+}
+
 double percentile(std::vector<double> values, double fraction) {
     if (values.empty()) {
         return 0;
@@ -67,10 +105,9 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
     BenchSession session(program, settings.wrapper);
     session.start(deadline);
     HostProcess& child = session.child();
-    FrameReader output(child.outputFd());
 
-    // Every command, framed; streamed, written in large pieces so that the driver stays out of
-    // the way; paced, one command per write.
+    // Every command, framed; streamed and burst, written in large pieces so that the driver stays
+    // out of the way; paced, one command per write.
     std::string stream;
     std::vector<std::size_t> ends;
     const std::string list = closeTab ? std::string() : frame(websiteListCommand(sites));
@@ -79,11 +116,18 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
         ends.push_back(stream.size());
     }
     const std::string expectedList = closeTab ? std::string() : setWhitelistMessage(sites);
+    std::string expectedOutput;  // burst only: every frame the program must write, in order
+    if (settings.regime == Regime::burst) {
+        const std::string listFrame = closeTab ? std::string() : frame(expectedList);
+        for (std::size_t i = 0; i < count; ++i) {
+            expectedOutput.append(closeTab ? frame(closeTabMessage(i)) : listFrame);
+        }
+    }
 
     const ProcessSample before = sampleProcess(child.pid());
     const auto started = Clock::now();
     WriterThread writer(child, [&] {
-        if (!settings.paced) {
+        if (!settings.paced()) {
             writeAll(session.coreConnection(), stream);
             return;
         }
@@ -93,14 +137,19 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
             begin = end;
         }
     });
-    for (std::size_t i = 0; i < count; ++i) {
-        const std::string_view message = output.next(deadline);
-        const bool right =
-            closeTab ? message == closeTabMessage(i)
-                     : (i == 0 ? message == expectedList : message.size() == expectedList.size());
-        if (!right) {
-            throw BenchError("command " + std::to_string(i) + " gave " +
-                             std::string(message.substr(0, 200)));
+    if (settings.regime == Regime::burst) {
+        drainExpected(child.outputFd(), expectedOutput, deadline);
+    } else {
+        FrameReader output(child.outputFd());
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::string_view message = output.next(deadline);
+            const bool right = closeTab ? message == closeTabMessage(i)
+                                        : (i == 0 ? message == expectedList
+                                                  : message.size() == expectedList.size());
+            if (!right) {
+                throw BenchError("command " + std::to_string(i) + " gave " +
+                                 std::string(message.substr(0, 200)));
+            }
         }
     }
     const auto ended = Clock::now();
@@ -110,7 +159,7 @@ JsonLine measureCommands(const Program& program, std::string_view command, std::
     const double seconds = std::chrono::duration<double>(ended - started).count();
     return JsonLine()
         .add("figure", "commands")
-        .add("regime", regimeName(settings))
+        .add("regime", regimeName(settings.regime))
         .add("program", program.name)
         .add("command", command)
         .add("count", static_cast<std::int64_t>(count))

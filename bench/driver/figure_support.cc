@@ -3,10 +3,32 @@
 #include <csignal>
 #include <fstream>
 
+#include "bench/driver/figures.h"
 #include "kit/const.h"
 #include "tests/support/test_support.h"
 
 namespace kerrow::bench {
+
+const char* regimeName(Regime regime) {
+    switch (regime) {
+        case Regime::streamed:
+            return "streamed";
+        case Regime::paced:
+            return "paced";
+        case Regime::burst:
+            return "burst";
+    }
+    return "unknown";
+}
+
+std::optional<Regime> regimeNamed(std::string_view name) {
+    for (const Regime regime : {Regime::streamed, Regime::paced, Regime::burst}) {
+        if (name == regimeName(regime)) {
+            return regime;
+        }
+    }
+    return std::nullopt;
+}
 
 std::string extensionMessage(std::size_t size) {
     static constexpr std::string_view head = "{\"tabs\":\"";

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,20 +17,27 @@
 
 namespace kerrow::bench {
 
+/// How the driver feeds a program and reads what it writes.
+///  - streamed: many frames per write, as a browser's pipe holds them when the extension sends
+///    faster than the program reads, or as the core service writes a burst of commands; each frame
+///    the program writes is read and checked on its own;
+///  - paced: one frame per write, each frame read and checked on its own;
+///  - burst (commands only): written as streamed, while the browser side drains standard output
+///    as fast as it can, in reads as large as the pipe gives, comparing each with the bytes
+///    expected there, so that the reader costs next to nothing beside the program.
+enum class Regime { streamed, paced, burst };
+
+[[nodiscard]] const char* regimeName(Regime regime);
+[[nodiscard]] std::optional<Regime> regimeNamed(std::string_view name);
+
 /// What every figure needs besides its own parameters.
 struct RunSettings {
     std::vector<std::string> wrapper;  // prefixed to each program's argv (valgrind, for one)
     std::chrono::milliseconds timeout{60'000};
     std::filesystem::path memoryMaps;  // where the footprint keeps memory maps; empty: nowhere
-    /// The feeder of relay and commands: false (streamed) writes many frames per write, as a
-    /// browser's pipe holds them when the extension sends faster than the program reads; true
-    /// (paced) writes one frame per write.
-    bool paced = false;
+    Regime regime = Regime::streamed;  // of relay and commands
+    [[nodiscard]] bool paced() const { return regime == Regime::paced; }
 };
-
-[[nodiscard]] inline const char* regimeName(const RunSettings& settings) {
-    return settings.paced ? "paced" : "streamed";
-}
 
 /// Relay extension -> core service: `frames` bodies of `bodySize` bytes written to standard input
 /// as fast as the program takes them (in the settings' regime); each must reach the core service
@@ -38,8 +46,7 @@ JsonLine measureRelay(const Program& program, std::size_t bodySize, std::size_t 
                       const RunSettings& settings);
 
 /// Commands core service -> extension as fast as the program takes them (in the settings'
-/// regime). `command` is
-/// "closeTab" or "websiteList" (an allow list of `sites` sites).
+/// regime). `command` is "closeTab" or "websiteList" (an allow list of `sites` sites).
 JsonLine measureCommands(const Program& program, std::string_view command, std::size_t count,
                          std::size_t sites, const RunSettings& settings);
 

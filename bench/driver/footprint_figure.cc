@@ -71,7 +71,7 @@ std::vector<JsonLine> measureFootprint(const std::vector<Program>& programs, std
     const auto started = sampleAll(sessions);
     keepMemoryMaps(sessions, programs, settings.memoryMaps, "start");
     for (const auto& session : sessions) {
-        relay(*session, extensionMessage(1024), frames, settings.paced, deadline);
+        relay(*session, extensionMessage(1024), frames, settings.paced(), deadline);
     }
     const auto relayed = sampleAll(sessions);
     keepMemoryMaps(sessions, programs, settings.memoryMaps, "relayed");

@@ -1,63 +1,47 @@
 #include "bench/driver/json_line.h"
 
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 namespace kerrow::bench {
 namespace {
 
-// Texts here are names and program names: quotes and backslashes are all that need escaping.
-void appendEscaped(std::string& out, std::string_view text) {
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            out.push_back('\\');
-        }
-        out.push_back(c);
+// `value` as printed with `format` and read back, so that the line carries no more digits than
+// the measurement holds.
+double rounded(const char* format, double value) {
+    if (!std::isfinite(value)) {
+        return value;
     }
+    char number[32];
+    std::snprintf(number, sizeof number, format, value);
+    return std::strtod(number, nullptr);
 }
 
 }  // namespace
 
-JsonLine& JsonLine::add(std::string_view name, std::string_view text) {
-    key(name);
-    members_.push_back('"');
-    appendEscaped(members_, text);
-    members_.push_back('"');
+JsonLine& JsonLine::add(std::string_view key, std::string_view text) {
+    members_[std::string(key)] = std::string(text);
     return *this;
 }
 
-JsonLine& JsonLine::add(std::string_view name, double value) {
-    key(name);
-    char number[32];
-    std::snprintf(number, sizeof number, "%.6g", value);
-    members_.append(number);
+JsonLine& JsonLine::add(std::string_view key, double value) {
+    members_[std::string(key)] = rounded("%.6g", value);
     return *this;
 }
 
-JsonLine& JsonLine::add(std::string_view name, std::int64_t value) {
-    key(name);
-    members_.append(std::to_string(value));
+JsonLine& JsonLine::add(std::string_view key, std::int64_t value) {
+    members_[std::string(key)] = value;
     return *this;
 }
 
-JsonLine& JsonLine::add(std::string_view name, const std::vector<double>& values) {
-    key(name);
-    members_.push_back('[');
-    char number[32];
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        std::snprintf(number, sizeof number, i == 0 ? "%.1f" : ",%.1f", values[i]);
-        members_.append(number);
+JsonLine& JsonLine::add(std::string_view key, const std::vector<double>& values) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const double value : values) {
+        list.push_back(rounded("%.1f", value));
     }
-    members_.push_back(']');
+    members_[std::string(key)] = std::move(list);
     return *this;
-}
-
-void JsonLine::key(std::string_view name) {
-    if (!members_.empty()) {
-        members_.push_back(',');
-    }
-    members_.push_back('"');
-    appendEscaped(members_, name);
-    members_.append("\":");
 }
 
 }  // namespace kerrow::bench

@@ -11,9 +11,12 @@
 // Common: --wrapper argv0,argv1,... (prefixed to each program), --timeout-ms MS; footprint:
 // --memory-maps DIR keeps each program's /proc/<pid>/smaps after start-up and after the relay.
 // PROGRAM is name=kind:argv0,argv1,... with kind host, floor, typical or bare. R, the feeder of
-// relay and commands: streamed (many frames per write, the default) or paced (one per write).
+// relay and commands: streamed (many frames per write, the default) or paced (one per write);
+// for commands also burst (streamed, and standard output drained in bulk, see figures.h).
+#include <getopt.h>
 #include <sys/prctl.h>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
@@ -48,17 +51,47 @@ struct Arguments {
     }
 };
 
+// Every option takes a value; --program may be given more than once.
+constexpr std::array<option, 14> longOptions{{
+    {"program", required_argument, nullptr, 0},
+    {"size", required_argument, nullptr, 0},
+    {"frames", required_argument, nullptr, 0},
+    {"regime", required_argument, nullptr, 0},
+    {"command", required_argument, nullptr, 0},
+    {"count", required_argument, nullptr, 0},
+    {"sites", required_argument, nullptr, 0},
+    {"rate", required_argument, nullptr, 0},
+    {"warm-up", required_argument, nullptr, 0},
+    {"window-ms", required_argument, nullptr, 0},
+    {"wrapper", required_argument, nullptr, 0},
+    {"timeout-ms", required_argument, nullptr, 0},
+    {"memory-maps", required_argument, nullptr, 0},
+    {nullptr, 0, nullptr, 0},
+}};
+
 Arguments parse(int argc, char** argv) {
-    if (argc < 2) {
+    if (argc < 2 || argv[1][0] == '-') {
         throw BenchError("usage: kerrow-bench-driver FIGURE --option value ...");
     }
     Arguments arguments{argv[1], {}};
-    for (int i = 2; i + 1 < argc; i += 2) {
-        std::string name = argv[i];
-        if (!name.starts_with("--")) {
-            throw BenchError("expected an option, got " + name);
+    // The figure stands where getopt_long expects the program's name.
+    const int count = argc - 1;
+    char** const words = argv + 1;
+    ::opterr = 0;
+    ::optind = 1;
+    for (int index = 0;;) {
+        const int found = ::getopt_long(count, words, "", longOptions.data(), &index);
+        if (found == -1) {
+            break;
         }
-        arguments.options.emplace(name.substr(2), argv[i + 1]);
+        if (found != 0) {
+            throw BenchError(std::string("unknown option or missing value: ") +
+                             words[::optind - 1]);
+        }
+        arguments.options.emplace(longOptions.at(static_cast<std::size_t>(index)).name, ::optarg);
+    }
+    if (::optind < count) {
+        throw BenchError(std::string("unexpected argument: ") + words[::optind]);
     }
     return arguments;
 }
@@ -68,10 +101,12 @@ std::vector<kerrow::bench::JsonLine> run(const Arguments& arguments) {
     RunSettings settings;
     if (arguments.options.contains("regime")) {
         const std::string regime = arguments.text("regime");
-        if (regime != "paced" && regime != "streamed") {
-            throw BenchError("--regime is paced or streamed, not " + regime);
+        const auto found = regimeNamed(regime);
+        if (!found || (*found == Regime::burst && arguments.figure != "commands")) {
+            throw BenchError("--regime is streamed or paced (or burst, for commands), not " +
+                             regime);
         }
-        settings.paced = regime == "paced";
+        settings.regime = *found;
     }
     if (arguments.options.contains("wrapper")) {
         settings.wrapper = splitCommas(arguments.text("wrapper"));

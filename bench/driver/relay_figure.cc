@@ -10,12 +10,12 @@ JsonLine measureRelay(const Program& program, std::size_t bodySize, std::size_t 
     BenchSession session(program, settings.wrapper);
     session.start(deadline);
     const RelayRun run =
-        relay(session, extensionMessage(bodySize), frames, settings.paced, deadline);
+        relay(session, extensionMessage(bodySize), frames, settings.paced(), deadline);
     const int status = finish(session, deadline);
     const double framesPerSecond = static_cast<double>(frames) / run.seconds;
     return JsonLine()
         .add("figure", "relay")
-        .add("regime", regimeName(settings))
+        .add("regime", regimeName(settings.regime))
         .add("program", program.name)
         .add("size", static_cast<std::int64_t>(bodySize))
         .add("frames", static_cast<std::int64_t>(frames))
