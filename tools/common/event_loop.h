@@ -9,17 +9,12 @@
 #include <string_view>
 #include <system_error>
 
+#include "platform/sd_bus_handles.h"
+
 namespace kerrow::tools {
 
-struct SourceRelease {
-    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-};
-using EventSource = std::unique_ptr<sd_event_source, SourceRelease>;
-
-struct EventRelease {
-    void operator()(sd_event* event) const { sd_event_unref(event); }
-};
-using EventLoop = std::unique_ptr<sd_event, EventRelease>;
+using EventSource = SdEventSource;
+using EventLoop = SdEvent;
 
 /// Throws std::system_error("<what>: <description>") for a negative sd-* result; returns it else.
 inline int check(int result, std::string_view what) {
