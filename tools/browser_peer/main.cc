@@ -7,7 +7,7 @@
 #include "kerrow_version.h"
 #include "tools/browser_peer/browser_peer.h"
 #include "tools/browser_peer/filters.h"
-#include "tools/common/arguments.h"
+#include "tools/common/options.h"
 
 namespace {
 
@@ -78,42 +78,62 @@ Mode parseOptions(int argc, char** argv, BrowserPeerOptions& options) {
     bool firefox = false;
     std::optional<std::string> extensionId;
     std::optional<std::string> manifest;
-    Arguments arguments(argc, argv);
-    while (const auto option = arguments.nextOption()) {
-        if (*option == "-h" || *option == "--help") {
-            arguments.noValue();
-            std::cout << usage << browserCommandHelp() << epilogue;
-            std::exit(0);
-        } else if (*option == "--version") {
-            arguments.noValue();
-            std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
-            std::exit(0);
-        } else if (*option == "--host") {
-            options.hostPath = arguments.value();
-        } else if (*option == "--extension-id") {
-            extensionId = arguments.value();
-        } else if (*option == "--firefox") {
-            arguments.noValue();
-            firefox = true;
-        } else if (*option == "--manifest") {
-            manifest = arguments.value();
-        } else if (*option == "--script") {
-            options.scriptPath = arguments.value();
-        } else if (*option == "--timeout") {
-            options.timeout = arguments.seconds(3600);
-        } else if (*option == "--encode" || *option == "--decode") {
-            arguments.noValue();
-            if (mode != Mode::browser) {
-                throw UsageError("--encode and --decode exclude each other");
-            }
-            mode = *option == "--encode" ? Mode::encode : Mode::decode;
-        } else {
-            throw UsageError("unknown option '" + *option + "'");
-        }
-    }
-    if (const auto operands = arguments.operands(); !operands.empty()) {
-        throw UsageError("unexpected argument '" + operands.front() + "'");
-    }
+    enum : int {
+        help = 'h',
+        version = 256,
+        host,
+        extension,
+        firefoxOption,
+        manifestPath,
+        script,
+        timeout,
+        encode,
+        decode
+    };
+    readOptions(argc, argv,
+                {{"help", no_argument, nullptr, help},
+                 {"version", no_argument, nullptr, version},
+                 {"host", required_argument, nullptr, host},
+                 {"extension-id", required_argument, nullptr, extension},
+                 {"firefox", no_argument, nullptr, firefoxOption},
+                 {"manifest", required_argument, nullptr, manifestPath},
+                 {"script", required_argument, nullptr, script},
+                 {"timeout", required_argument, nullptr, timeout},
+                 {"encode", no_argument, nullptr, encode},
+                 {"decode", no_argument, nullptr, decode}},
+                [&](int id, const char* value) {
+                    switch (id) {
+                        case help:
+                            std::cout << usage << browserCommandHelp() << epilogue;
+                            std::exit(0);
+                        case version:
+                            std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
+                            std::exit(0);
+                        case host:
+                            options.hostPath = value;
+                            break;
+                        case extension:
+                            extensionId = value;
+                            break;
+                        case firefoxOption:
+                            firefox = true;
+                            break;
+                        case manifestPath:
+                            manifest = value;
+                            break;
+                        case script:
+                            options.scriptPath = value;
+                            break;
+                        case timeout:
+                            options.timeout = secondsOption("--timeout", value, 3600);
+                            break;
+                        default:  // encode, decode
+                            if (mode != Mode::browser) {
+                                throw UsageError("--encode and --decode exclude each other");
+                            }
+                            mode = id == encode ? Mode::encode : Mode::decode;
+                    }
+                });
     if (manifest && !firefox) {
         throw UsageError("--manifest only applies with --firefox");
     }

@@ -4,7 +4,7 @@
 
 #include "kerrow_version.h"
 #include "kit/socket_helper.h"
-#include "tools/common/arguments.h"
+#include "tools/common/options.h"
 #include "tools/core_peer/core_peer.h"
 
 namespace {
@@ -52,38 +52,43 @@ send to) or the peer could not start (socket in use, no session bus); 2 for a ba
 CorePeerOptions parseOptions(int argc, char** argv) {
     CorePeerOptions options;
     options.socketPath = kerrow::SocketHelper::browserSocketLocation();
-    Arguments arguments(argc, argv);
-    while (const auto option = arguments.nextOption()) {
-        if (*option == "-h" || *option == "--help") {
-            arguments.noValue();
-            std::cout << usage << commandHelp() << epilogue;
-            std::exit(0);
-        } else if (*option == "--version") {
-            arguments.noValue();
-            std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
-            std::exit(0);
-        } else if (*option == "--socket") {
-            options.socketPath = arguments.value();
-        } else if (*option == "--script") {
-            options.scriptPath = arguments.value();
-        } else if (*option == "--no-input") {
-            arguments.noValue();
-            options.readInput = false;
-        } else if (*option == "--no-answer") {
-            arguments.noValue();
-            options.answer = false;
-        } else if (*option == "--no-bus") {
-            arguments.noValue();
-            options.useBus = false;
-        } else if (*option == "--timeout") {
-            options.timeout = arguments.seconds(3600);
-        } else {
-            throw UsageError("unknown option '" + *option + "'");
-        }
-    }
-    if (const auto operands = arguments.operands(); !operands.empty()) {
-        throw UsageError("unexpected argument '" + operands.front() + "'");
-    }
+    enum : int { help = 'h', version = 256, socket, script, noInput, noAnswer, noBus, timeout };
+    readOptions(argc, argv,
+                {{"help", no_argument, nullptr, help},
+                 {"version", no_argument, nullptr, version},
+                 {"socket", required_argument, nullptr, socket},
+                 {"script", required_argument, nullptr, script},
+                 {"no-input", no_argument, nullptr, noInput},
+                 {"no-answer", no_argument, nullptr, noAnswer},
+                 {"no-bus", no_argument, nullptr, noBus},
+                 {"timeout", required_argument, nullptr, timeout}},
+                [&](int id, const char* value) {
+                    switch (id) {
+                        case help:
+                            std::cout << usage << commandHelp() << epilogue;
+                            std::exit(0);
+                        case version:
+                            std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
+                            std::exit(0);
+                        case socket:
+                            options.socketPath = value;
+                            break;
+                        case script:
+                            options.scriptPath = value;
+                            break;
+                        case noInput:
+                            options.readInput = false;
+                            break;
+                        case noAnswer:
+                            options.answer = false;
+                            break;
+                        case noBus:
+                            options.useBus = false;
+                            break;
+                        default:  // timeout
+                            options.timeout = secondsOption("--timeout", value, 3600);
+                    }
+                });
     if (options.scriptPath && !options.readInput) {
         throw UsageError("--script and --no-input exclude each other");
     }

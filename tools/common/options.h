@@ -1,0 +1,32 @@
+// The peers' command lines, read with getopt_long: "--name VALUE" and "--name=VALUE" are the
+// same, a long option may be shortened while that is unambiguous, "-h" is the one short option,
+// and the options end at "--" or at the first word that is not one. A mistake throws UsageError,
+// whose message names the option and what is wrong with it. getopt_long keeps its place in
+// globals: main thread, once per process.
+#pragma once
+
+#include <getopt.h>
+
+#include <functional>
+#include <initializer_list>
+#include <stdexcept>
+#include <string_view>
+
+namespace kerrow::tools {
+
+class UsageError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Calls `take(option.val, value)` for each option of `options` in `argv`, in order (`value` is
+/// null for an option without one). An unknown option, a missing or an unexpected value, and any
+/// word left after the options throw UsageError.
+void readOptions(int argc, char** argv, std::initializer_list<::option> options,
+                 const std::function<void(int id, const char* value)>& take);
+
+/// `text`, the value of `option` ("--timeout"), as a number of seconds above 0 and at most
+/// `maximum`. Throws UsageError.
+[[nodiscard]] double secondsOption(std::string_view option, const char* text, double maximum);
+
+}  // namespace kerrow::tools
