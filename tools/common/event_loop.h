@@ -3,11 +3,15 @@
 // time, also from inside one of its own callbacks' loop iterations. Loop thread only.
 #pragma once
 
+#include <signal.h>
 #include <systemd/sd-event.h>
 
+#include <cmath>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "platform/sd_bus_handles.h"
 
@@ -48,6 +52,47 @@ template <typename Object, void (Object::*run)()>
     EventSource runner(source);
     check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IDLE), "set_priority");
     return runner;
+}
+
+/// A timer that calls `object->*run()` once, `seconds` from now. `object` must outlive it.
+template <typename Object, void (Object::*run)()>
+[[nodiscard]] EventSource addTimer(sd_event* loop, Object* object, double seconds) {
+    sd_event_source* source = nullptr;
+    check(sd_event_add_time_relative(
+              loop, &source, CLOCK_MONOTONIC,
+              static_cast<std::uint64_t>(std::llround(seconds * 1e6)), 0,
+              [](sd_event_source*, std::uint64_t, void* self) {
+                  (static_cast<Object*>(self)->*run)();
+                  return 0;
+              },
+              object),
+          "sd_event_add_time_relative");
+    return EventSource(source);
+}
+
+/// Ignores SIGPIPE, blocks SIGINT and SIGTERM, and has `loop` call `object->*arrived(signal)` for
+/// each of them. `object` must outlive the sources.
+template <typename Object, void (Object::*arrived)(int signal)>
+[[nodiscard]] std::vector<EventSource> addStopSignals(sd_event* loop, Object* object) {
+    ::signal(SIGPIPE, SIG_IGN);
+    std::vector<EventSource> sources;
+    for (const int number : {SIGINT, SIGTERM}) {
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, number);
+        sigprocmask(SIG_BLOCK, &mask, nullptr);
+        sd_event_source* source = nullptr;
+        check(sd_event_add_signal(
+                  loop, &source, number,
+                  [](sd_event_source*, const signalfd_siginfo* info, void* self) {
+                      (static_cast<Object*>(self)->*arrived)(static_cast<int>(info->ssi_signo));
+                      return 0;
+                  },
+                  object),
+              "sd_event_add_signal");
+        sources.emplace_back(source);
+    }
+    return sources;
 }
 
 /// The time of `loop` now plus `microseconds`, on CLOCK_MONOTONIC, for timer sources.

@@ -1,7 +1,9 @@
 #include "tools/common/text.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 
 #include "kit/utf8.h"
@@ -225,6 +227,12 @@ std::optional<unsigned long long> parseCount(std::string_view text, unsigned lon
         return std::nullopt;
     }
     return value;
+}
+
+std::string formatSeconds(double seconds) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%g", seconds);
+    return text.data();
 }
 
 }  // namespace kerrow::tools

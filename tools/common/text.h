@@ -53,6 +53,9 @@ class LineTooLong : public std::runtime_error {
 /// A number of seconds written as a non-negative decimal ("2", "0.5"); no value otherwise.
 [[nodiscard]] std::optional<double> parseSeconds(std::string_view text);
 
+/// `seconds` as printf's %g writes it ("0.2", "10").
+[[nodiscard]] std::string formatSeconds(double seconds);
+
 /// A non-negative integer up to `maximum`, digits only; no value otherwise.
 [[nodiscard]] std::optional<unsigned long long> parseCount(std::string_view text,
                                                            unsigned long long maximum);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "kit/const.h"
+#include "tools/common/script_runner.h"
 #include "tools/common/text.h"
 
 namespace kerrow::tools {
@@ -145,22 +146,9 @@ Result parseControl(std::string_view word, std::string_view rest,
         command.count = static_cast<unsigned>(*count);
         return command;
     }
-    if (word == "expect") {
-        if (rest.empty()) {
-            return std::string("expect needs the text to wait for: expect kerrow.tabList");
-        }
-        auto command = plain(CoreCommand::Kind::expect);
-        command.message = std::string(rest);
-        return command;
-    }
-    if (word == "sleep") {
-        const auto seconds = args.size() == 1 ? parseSeconds(args[0]) : std::nullopt;
-        if (!seconds || *seconds > 3600) {
-            return std::string("sleep takes a number of seconds up to 3600: sleep 0.5");
-        }
-        auto command = plain(CoreCommand::Kind::sleep);
-        command.seconds = *seconds;
-        return command;
+    if (auto wait =
+            parseWait<CoreCommand, &CoreCommand::message>(word, rest, "expect kerrow.tabList")) {
+        return std::move(*wait);
     }
     return parseSend(word, rest, args);
 }
