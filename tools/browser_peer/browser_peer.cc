@@ -79,27 +79,11 @@ void BrowserPeer::watchHost() {
               this),
           "sd_event_add_child");
     child_.reset(child);
-    sd_event_source* output = nullptr;
-    check(sd_event_add_io(
-              loop_.get(), &output, host_.output.get(), EPOLLIN,
-              [](sd_event_source*, int, uint32_t, void* self) {
-                  static_cast<BrowserPeer*>(self)->readOutput();
-                  return 0;
-              },
-              this),
-          "sd_event_add_io");
-    outputIO_.reset(output);
-    sd_event_source* input = nullptr;
-    check(sd_event_add_io(
-              loop_.get(), &input, host_.input.get(), EPOLLOUT,
-              [](sd_event_source*, int, uint32_t, void* self) {
-                  static_cast<BrowserPeer*>(self)->writeSome();
-                  return 0;
-              },
-              this),
-          "sd_event_add_io");
-    inputIO_.reset(input);
-    sd_event_source_set_enabled(input, SD_EVENT_OFF);
+    outputIO_ = addIo<BrowserPeer, &BrowserPeer::readOutput>(loop_.get(), this, host_.output.get(),
+                                                             EPOLLIN);
+    inputIO_ =
+        addIo<BrowserPeer, &BrowserPeer::writeSome>(loop_.get(), this, host_.input.get(), EPOLLOUT);
+    sd_event_source_set_enabled(inputIO_.get(), SD_EVENT_OFF);
 }
 
 int BrowserPeer::run() {

@@ -5,8 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
 
 #include "tools/browser_peer/browser_peer.h"

@@ -54,6 +54,23 @@ template <typename Object, void (Object::*run)()>
     return runner;
 }
 
+/// A source that calls `object->*ready()` whenever `descriptor` has one of `events` (EPOLLIN,
+/// EPOLLOUT). `object` and the descriptor must outlive it.
+template <typename Object, void (Object::*ready)()>
+[[nodiscard]] EventSource addIo(sd_event* loop, Object* object, int descriptor,
+                                std::uint32_t events) {
+    sd_event_source* source = nullptr;
+    check(sd_event_add_io(
+              loop, &source, descriptor, events,
+              [](sd_event_source*, int, std::uint32_t, void* self) {
+                  (static_cast<Object*>(self)->*ready)();
+                  return 0;
+              },
+              object),
+          "sd_event_add_io");
+    return EventSource(source);
+}
+
 /// A timer that calls `object->*run()` once, `seconds` from now. `object` must outlive it.
 template <typename Object, void (Object::*run)()>
 [[nodiscard]] EventSource addTimer(sd_event* loop, Object* object, double seconds) {
@@ -93,13 +110,6 @@ template <typename Object, void (Object::*arrived)(int signal)>
         sources.emplace_back(source);
     }
     return sources;
-}
-
-/// The time of `loop` now plus `microseconds`, on CLOCK_MONOTONIC, for timer sources.
-[[nodiscard]] inline std::uint64_t deadlineAfter(sd_event* loop, std::uint64_t microseconds) {
-    std::uint64_t now = 0;
-    check(sd_event_now(loop, CLOCK_MONOTONIC, &now), "sd_event_now");
-    return now + microseconds;
 }
 
 }  // namespace kerrow::tools

@@ -2,7 +2,6 @@
 
 #include <signal.h>
 
-#include <cmath>
 #include <fstream>
 #include <sstream>
 

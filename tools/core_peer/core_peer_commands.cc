@@ -1,8 +1,4 @@
 // The commands of the core peer's language, and its waits.
-#include <array>
-#include <cmath>
-#include <cstdio>
-
 #include "tools/common/text.h"
 #include "tools/core_peer/core_peer.h"
 
