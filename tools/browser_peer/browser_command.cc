@@ -28,14 +28,10 @@ BrowserCommand make(BrowserCommand::Kind kind) {
 }  // namespace
 
 std::variant<BrowserCommand, std::string> parseBrowserCommand(std::string_view line) {
-    const auto trimmed = trim(line);
-    if (trimmed.empty() || trimmed.front() == '#') {
+    const auto [word, rest] = firstWord(line);
+    if (word.empty() || word.front() == '#') {
         return BrowserCommand{};
     }
-    const auto wordEnd = trimmed.find_first_of(" \t");
-    const auto word = trimmed.substr(0, wordEnd);
-    const auto rest =
-        wordEnd == std::string_view::npos ? std::string_view() : trim(trimmed.substr(wordEnd));
     if (word == "close" || word == "help") {
         if (!rest.empty()) {
             return std::string(word) + " takes nothing after it";

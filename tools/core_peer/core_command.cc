@@ -1,6 +1,7 @@
 #include "tools/core_peer/core_command.h"
 
 #include <nlohmann/json.hpp>
+#include <tuple>
 #include <vector>
 
 #include "kit/const.h"
@@ -156,14 +157,13 @@ Result parseControl(std::string_view word, std::string_view rest,
 }  // namespace
 
 std::variant<CoreCommand, std::string> parseCoreCommand(std::string_view line) {
-    line = trim(line);
-    if (line.empty() || line.front() == '#') {
+    auto [word, rest] = firstWord(line);
+    if (word.empty() || word.front() == '#') {
         return CoreCommand{};
     }
     std::optional<unsigned> host;
-    if (line.front() == '@') {
-        const auto end = line.find_first_of(" \t");
-        const auto target = line.substr(1, end == std::string_view::npos ? end : end - 1);
+    if (word.front() == '@') {
+        const auto target = word.substr(1);
         if (target != "all") {
             const auto number = parseCount(target, 1'000'000);
             if (!number || *number == 0) {
@@ -171,16 +171,11 @@ std::variant<CoreCommand, std::string> parseCoreCommand(std::string_view line) {
             }
             host = static_cast<unsigned>(*number);
         }
-        line = end == std::string_view::npos ? std::string_view() : trim(line.substr(end));
-        if (line.empty()) {
+        if (rest.empty()) {
             return std::string("@") + std::string(target) + " needs a command after it";
         }
+        std::tie(word, rest) = firstWord(rest);
     }
-    const auto wordEnd = line.find_first_of(" \t");
-    const auto word = line.substr(0, wordEnd);
-    // The rest keeps its inner blanks: it can be a payload text.
-    const auto rest =
-        wordEnd == std::string_view::npos ? std::string_view() : trim(line.substr(wordEnd + 1));
     auto result = parseControl(word, rest, splitWords(rest));
     if (auto* command = std::get_if<CoreCommand>(&result)) {
         using Kind = CoreCommand::Kind;
