@@ -80,7 +80,7 @@ class CorePeer final : public HostConnection::Client {
     EventSource timer_;  // the quit grace period
 
     std::map<unsigned, std::unique_ptr<HostConnection>> hosts_;  // connected, by number
-    std::vector<std::unique_ptr<HostConnection>> retired_;       // ended, destroyed by the runner
+    std::vector<std::unique_ptr<HostConnection>> retired_;       // ended; destroyed once idle
     unsigned nextHostNumber_ = 1;
     bool quitting_ = false;
     double graceLeft_ = 3;  // seconds that quitting waits for unsent frames
