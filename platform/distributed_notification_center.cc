@@ -71,9 +71,7 @@ void DistributedNotificationCenter::postNotificationName(std::string_view name,
                                                          bool deliverImmediately) {
     sd_bus* const connection = bus();
     const std::string text(name);
-    if (const int r = sd_bus_emit_signal(connection, notificationObjectPath, notificationInterface,
-                                         notificationMember, "s", text.c_str());
-        r < 0) {
+    if (const int r = emitNotification(connection, text); r < 0) {
         throwBusError(r, "post " + text);
     }
     if (deliverImmediately) {

@@ -31,6 +31,13 @@ inline constexpr const char* notificationMember = "Posted";
            std::string(name) + "'";
 }
 
+/// Broadcasts notification `name` on `bus` (queued; sd_bus_flush() writes it out). The result of
+/// sd_bus_emit_signal(): negative errno on failure.
+inline int emitNotification(sd_bus* bus, const std::string& name) {
+    return sd_bus_emit_signal(bus, notificationObjectPath, notificationInterface,
+                              notificationMember, "s", name.c_str());
+}
+
 struct SdBusClose {
     /// Writes out what is queued, then closes: a posted notification is not lost.
     void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }

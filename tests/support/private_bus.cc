@@ -58,9 +58,7 @@ void BusClient::observe(std::string_view name) {
 
 void BusClient::post(std::string_view name) {
     const std::string text(name);
-    check(sd_bus_emit_signal(bus_.get(), notificationObjectPath, notificationInterface,
-                             notificationMember, "s", text.c_str()),
-          "post " + text);
+    check(emitNotification(bus_.get(), text), "post " + text);
     check(sd_bus_flush(bus_.get()), "post " + text);
 }
 

@@ -35,9 +35,7 @@ void SessionBus::observe(std::string_view name, Observer observer) {
 
 void SessionBus::post(std::string_view name) {
     const std::string text(name);
-    check(sd_bus_emit_signal(bus_.get(), notificationObjectPath, notificationInterface,
-                             notificationMember, "s", text.c_str()),
-          "session bus: posting " + text);
+    check(emitNotification(bus_.get(), text), "session bus: posting " + text);
     check(sd_bus_flush(bus_.get()), "session bus: flushing");
 }
 
