@@ -78,62 +78,35 @@ Mode parseOptions(int argc, char** argv, BrowserPeerOptions& options) {
     bool firefox = false;
     std::optional<std::string> extensionId;
     std::optional<std::string> manifest;
-    enum : int {
-        help = 'h',
-        version = 256,
-        host,
-        extension,
-        firefoxOption,
-        manifestPath,
-        script,
-        timeout,
-        encode,
-        decode
+    const auto exclusive = [&mode](Mode chosen) {
+        return [&mode, chosen](const char*) {
+            if (mode != Mode::browser) {
+                throw UsageError("--encode and --decode exclude each other");
+            }
+            mode = chosen;
+        };
     };
-    readOptions(argc, argv,
-                {{"help", no_argument, nullptr, help},
-                 {"version", no_argument, nullptr, version},
-                 {"host", required_argument, nullptr, host},
-                 {"extension-id", required_argument, nullptr, extension},
-                 {"firefox", no_argument, nullptr, firefoxOption},
-                 {"manifest", required_argument, nullptr, manifestPath},
-                 {"script", required_argument, nullptr, script},
-                 {"timeout", required_argument, nullptr, timeout},
-                 {"encode", no_argument, nullptr, encode},
-                 {"decode", no_argument, nullptr, decode}},
-                [&](int id, const char* value) {
-                    switch (id) {
-                        case help:
-                            std::cout << usage << browserCommandHelp() << epilogue;
-                            std::exit(0);
-                        case version:
-                            std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
-                            std::exit(0);
-                        case host:
-                            options.hostPath = value;
-                            break;
-                        case extension:
-                            extensionId = value;
-                            break;
-                        case firefoxOption:
-                            firefox = true;
-                            break;
-                        case manifestPath:
-                            manifest = value;
-                            break;
-                        case script:
-                            options.scriptPath = value;
-                            break;
-                        case timeout:
-                            options.timeout = secondsOption("--timeout", value, 3600);
-                            break;
-                        default:  // encode, decode
-                            if (mode != Mode::browser) {
-                                throw UsageError("--encode and --decode exclude each other");
-                            }
-                            mode = id == encode ? Mode::encode : Mode::decode;
-                    }
-                });
+    readOptions(
+        argc, argv,
+        {{"help", false,
+          [](const char*) {
+              std::cout << usage << browserCommandHelp() << epilogue;
+              std::exit(0);
+          }},
+         {"version", false,
+          [](const char*) {
+              std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
+              std::exit(0);
+          }},
+         {"host", true, [&](const char* value) { options.hostPath = value; }},
+         {"extension-id", true, [&](const char* value) { extensionId = value; }},
+         {"firefox", false, [&](const char*) { firefox = true; }},
+         {"manifest", true, [&](const char* value) { manifest = value; }},
+         {"script", true, [&](const char* value) { options.scriptPath = value; }},
+         {"timeout", true,
+          [&](const char* value) { options.timeout = secondsOption("--timeout", value, 3600); }},
+         {"encode", false, exclusive(Mode::encode)},
+         {"decode", false, exclusive(Mode::decode)}});
     if (manifest && !firefox) {
         throw UsageError("--manifest only applies with --firefox");
     }

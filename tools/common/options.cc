@@ -1,5 +1,7 @@
 #include "tools/common/options.h"
 
+#include <getopt.h>
+
 #include <string>
 #include <vector>
 
@@ -19,9 +21,18 @@ std::string refusedOption(char** argv, bool takesNoValue) {
 
 }  // namespace
 
-void readOptions(int argc, char** argv, std::initializer_list<::option> options,
-                 const std::function<void(int id, const char* value)>& take) {
-    std::vector<::option> table(options);
+void readOptions(int argc, char** argv, const std::vector<Option>& options) {
+    // getopt_long returns 'h' for "-h" and "--help", firstIndex plus the index for the others.
+    constexpr int firstIndex = 256;
+    std::vector<::option> table;
+    std::size_t help = options.size();
+    for (std::size_t index = 0; index < options.size(); ++index) {
+        const bool isHelp = std::string_view(options[index].name) == "help";
+        help = isHelp ? index : help;
+        table.push_back({options[index].name,
+                         options[index].takesValue ? required_argument : no_argument, nullptr,
+                         isHelp ? 'h' : firstIndex + static_cast<int>(index)});
+    }
     table.push_back({});
     opterr = 0;  // the messages below instead of getopt's own
     optind = 1;
@@ -30,7 +41,7 @@ void readOptions(int argc, char** argv, std::initializer_list<::option> options,
         if (id == ':') {
             throw UsageError("option " + refusedOption(argv, false) + " needs a value");
         }
-        if (id == '?') {
+        if (id == '?' || (id == 'h' && help == options.size())) {
             const std::string_view word = argv[optind - 1];
             const bool takesNoValue =
                 optopt != 0 && word.starts_with("--") && word.find('=') != std::string_view::npos;
@@ -38,7 +49,7 @@ void readOptions(int argc, char** argv, std::initializer_list<::option> options,
             throw UsageError(takesNoValue ? "option " + option + " takes no value"
                                           : "unknown option '" + option + "'");
         }
-        take(id, optarg);
+        options.at(id == 'h' ? help : static_cast<std::size_t>(id - firstIndex)).take(optarg);
     }
     if (optind < argc) {
         throw UsageError("unexpected argument '" + std::string(argv[optind]) + "'");

@@ -5,12 +5,10 @@
 // globals: main thread, once per process.
 #pragma once
 
-#include <getopt.h>
-
 #include <functional>
-#include <initializer_list>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 namespace kerrow::tools {
 
@@ -19,11 +17,17 @@ class UsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// Calls `take(option.val, value)` for each option of `options` in `argv`, in order (`value` is
-/// null for an option without one). An unknown option, a missing or an unexpected value, and any
-/// word left after the options throw UsageError.
-void readOptions(int argc, char** argv, std::initializer_list<::option> options,
-                 const std::function<void(int id, const char* value)>& take);
+/// One long option ("host" for --host); "help" is also "-h". `take` gets its value, or null for
+/// an option that takes none.
+struct Option {
+    const char* name;
+    bool takesValue;
+    std::function<void(const char* value)> take;
+};
+
+/// Calls each option's `take` for each time it stands in `argv`, in order. An unknown option, a
+/// missing or an unexpected value, and any word left after the options throw UsageError.
+void readOptions(int argc, char** argv, const std::vector<Option>& options);
 
 /// `text`, the value of `option` ("--timeout"), as a number of seconds above 0 and at most
 /// `maximum`. Throws UsageError.

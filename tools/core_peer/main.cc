@@ -52,43 +52,25 @@ send to) or the peer could not start (socket in use, no session bus); 2 for a ba
 CorePeerOptions parseOptions(int argc, char** argv) {
     CorePeerOptions options;
     options.socketPath = kerrow::SocketHelper::browserSocketLocation();
-    enum : int { help = 'h', version = 256, socket, script, noInput, noAnswer, noBus, timeout };
     readOptions(argc, argv,
-                {{"help", no_argument, nullptr, help},
-                 {"version", no_argument, nullptr, version},
-                 {"socket", required_argument, nullptr, socket},
-                 {"script", required_argument, nullptr, script},
-                 {"no-input", no_argument, nullptr, noInput},
-                 {"no-answer", no_argument, nullptr, noAnswer},
-                 {"no-bus", no_argument, nullptr, noBus},
-                 {"timeout", required_argument, nullptr, timeout}},
-                [&](int id, const char* value) {
-                    switch (id) {
-                        case help:
-                            std::cout << usage << commandHelp() << epilogue;
-                            std::exit(0);
-                        case version:
-                            std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
-                            std::exit(0);
-                        case socket:
-                            options.socketPath = value;
-                            break;
-                        case script:
-                            options.scriptPath = value;
-                            break;
-                        case noInput:
-                            options.readInput = false;
-                            break;
-                        case noAnswer:
-                            options.answer = false;
-                            break;
-                        case noBus:
-                            options.useBus = false;
-                            break;
-                        default:  // timeout
-                            options.timeout = secondsOption("--timeout", value, 3600);
-                    }
-                });
+                {{"help", false,
+                  [](const char*) {
+                      std::cout << usage << commandHelp() << epilogue;
+                      std::exit(0);
+                  }},
+                 {"version", false,
+                  [](const char*) {
+                      std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
+                      std::exit(0);
+                  }},
+                 {"socket", true, [&](const char* value) { options.socketPath = value; }},
+                 {"script", true, [&](const char* value) { options.scriptPath = value; }},
+                 {"no-input", false, [&](const char*) { options.readInput = false; }},
+                 {"no-answer", false, [&](const char*) { options.answer = false; }},
+                 {"no-bus", false, [&](const char*) { options.useBus = false; }},
+                 {"timeout", true, [&](const char* value) {
+                      options.timeout = secondsOption("--timeout", value, 3600);
+                  }}});
     if (options.scriptPath && !options.readInput) {
         throw UsageError("--script and --no-input exclude each other");
     }
