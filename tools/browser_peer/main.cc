@@ -86,19 +86,10 @@ Mode parseOptions(int argc, char** argv, BrowserPeerOptions& options) {
             mode = chosen;
         };
     };
+    const std::string help = std::string(usage) + std::string(browserCommandHelp()) + epilogue;
     readOptions(
-        argc, argv,
-        {{"help", false,
-          [](const char*) {
-              std::cout << usage << browserCommandHelp() << epilogue;
-              std::exit(0);
-          }},
-         {"version", false,
-          [](const char*) {
-              std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
-              std::exit(0);
-          }},
-         {"host", true, [&](const char* value) { options.hostPath = value; }},
+        argc, argv, help, "kerrow-browser-peer " + std::string(kerrow::projectVersion),
+        {{"host", true, [&](const char* value) { options.hostPath = value; }},
          {"extension-id", true, [&](const char* value) { extensionId = value; }},
          {"firefox", false, [&](const char*) { firefox = true; }},
          {"manifest", true, [&](const char* value) { manifest = value; }},

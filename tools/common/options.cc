@@ -2,6 +2,8 @@
 
 #include <getopt.h>
 
+#include <cstdlib>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -21,17 +23,16 @@ std::string refusedOption(char** argv, bool takesNoValue) {
 
 }  // namespace
 
-void readOptions(int argc, char** argv, const std::vector<Option>& options) {
-    // getopt_long returns 'h' for "-h" and "--help", firstIndex plus the index for the others.
+void readOptions(int argc, char** argv, std::string_view help, std::string_view version,
+                 const std::vector<Option>& options) {
+    // getopt_long returns 'h' for "-h" and "--help", 'V' for "--version", and firstIndex plus
+    // the index for the others.
     constexpr int firstIndex = 256;
-    std::vector<::option> table;
-    std::size_t help = options.size();
-    for (std::size_t index = 0; index < options.size(); ++index) {
-        const bool isHelp = std::string_view(options[index].name) == "help";
-        help = isHelp ? index : help;
-        table.push_back({options[index].name,
-                         options[index].takesValue ? required_argument : no_argument, nullptr,
-                         isHelp ? 'h' : firstIndex + static_cast<int>(index)});
+    std::vector<::option> table{{"help", no_argument, nullptr, 'h'},
+                                {"version", no_argument, nullptr, 'V'}};
+    for (const Option& option : options) {
+        table.push_back({option.name, option.takesValue ? required_argument : no_argument, nullptr,
+                         firstIndex + static_cast<int>(table.size()) - 2});
     }
     table.push_back({});
     opterr = 0;  // the messages below instead of getopt's own
@@ -41,7 +42,11 @@ void readOptions(int argc, char** argv, const std::vector<Option>& options) {
         if (id == ':') {
             throw UsageError("option " + refusedOption(argv, false) + " needs a value");
         }
-        if (id == '?' || (id == 'h' && help == options.size())) {
+        if (id == 'h' || id == 'V') {
+            std::cout << (id == 'h' ? help : version) << (id == 'h' ? "" : "\n");
+            std::exit(0);
+        }
+        if (id == '?') {
             const std::string_view word = argv[optind - 1];
             const bool takesNoValue =
                 optopt != 0 && word.starts_with("--") && word.find('=') != std::string_view::npos;
@@ -49,7 +54,7 @@ void readOptions(int argc, char** argv, const std::vector<Option>& options) {
             throw UsageError(takesNoValue ? "option " + option + " takes no value"
                                           : "unknown option '" + option + "'");
         }
-        options.at(id == 'h' ? help : static_cast<std::size_t>(id - firstIndex)).take(optarg);
+        options.at(static_cast<std::size_t>(id - firstIndex)).take(optarg);
     }
     if (optind < argc) {
         throw UsageError("unexpected argument '" + std::string(argv[optind]) + "'");

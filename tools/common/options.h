@@ -17,17 +17,20 @@ class UsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-/// One long option ("host" for --host); "help" is also "-h". `take` gets its value, or null for
-/// an option that takes none.
+/// One long option ("host" for --host). `take` gets its value, or null for an option that takes
+/// none.
 struct Option {
     const char* name;
     bool takesValue;
     std::function<void(const char* value)> take;
 };
 
-/// Calls each option's `take` for each time it stands in `argv`, in order. An unknown option, a
-/// missing or an unexpected value, and any word left after the options throw UsageError.
-void readOptions(int argc, char** argv, const std::vector<Option>& options);
+/// Calls each option's `take` for each time it stands in `argv`, in order. "-h" and "--help"
+/// print `help`, "--version" prints `version` and a line end; both then exit with status 0. An
+/// unknown option, a missing or an unexpected value, and any word left after the options throw
+/// UsageError.
+void readOptions(int argc, char** argv, std::string_view help, std::string_view version,
+                 const std::vector<Option>& options);
 
 /// `text`, the value of `option` ("--timeout"), as a number of seconds above 0 and at most
 /// `maximum`. Throws UsageError.

@@ -52,18 +52,9 @@ send to) or the peer could not start (socket in use, no session bus); 2 for a ba
 CorePeerOptions parseOptions(int argc, char** argv) {
     CorePeerOptions options;
     options.socketPath = kerrow::SocketHelper::browserSocketLocation();
-    readOptions(argc, argv,
-                {{"help", false,
-                  [](const char*) {
-                      std::cout << usage << commandHelp() << epilogue;
-                      std::exit(0);
-                  }},
-                 {"version", false,
-                  [](const char*) {
-                      std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
-                      std::exit(0);
-                  }},
-                 {"socket", true, [&](const char* value) { options.socketPath = value; }},
+    const std::string help = std::string(usage) + std::string(commandHelp()) + epilogue;
+    readOptions(argc, argv, help, "kerrow-core-peer " + std::string(kerrow::projectVersion),
+                {{"socket", true, [&](const char* value) { options.socketPath = value; }},
                  {"script", true, [&](const char* value) { options.scriptPath = value; }},
                  {"no-input", false, [&](const char*) { options.readInput = false; }},
                  {"no-answer", false, [&](const char*) { options.answer = false; }},
