@@ -12,14 +12,6 @@
 namespace kerrow {
 namespace {
 
-constexpr const char* objectPath = "/com/kerrowsoftware/DistributedNotifications";
-constexpr const char* interfaceName = "com.kerrowsoftware.DistributedNotifications";
-constexpr const char* memberName = "Posted";
-
-struct SlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-
 [[noreturn]] void throwBusError(int negativeErrno, const std::string& what) {
     throw std::system_error(-negativeErrno, std::system_category(), what);
 }
@@ -46,8 +38,7 @@ std::string matchRule(std::string_view name) {
         throw std::invalid_argument("notification name with an apostrophe or a backslash: " +
                                     std::string(name));
     }
-    return std::string("type='signal',path='") + objectPath + "',interface='" + interfaceName +
-           "',member='" + memberName + "',arg0='" + std::string(name) + "'";
+    return notificationMatchRule(name);
 }
 
 }  // namespace
@@ -55,7 +46,7 @@ std::string matchRule(std::string_view name) {
 struct DistributedNotificationCenter::Registration {
     std::string name;
     Observer observer;
-    std::unique_ptr<sd_bus_slot, SlotUnref> match;  // null while there is no open connection
+    SdBusSlot match;  // null while there is no open connection
 };
 
 DistributedNotificationCenter::DistributedNotificationCenter(sd_event* loop)
@@ -80,9 +71,7 @@ void DistributedNotificationCenter::postNotificationName(std::string_view name,
                                                          bool deliverImmediately) {
     sd_bus* const connection = bus();
     const std::string text(name);
-    if (const int r = sd_bus_emit_signal(connection, objectPath, interfaceName, memberName, "s",
-                                         text.c_str());
-        r < 0) {
+    if (const int r = emitNotification(connection, text); r < 0) {
         throwBusError(r, "post " + text);
     }
     if (deliverImmediately) {
@@ -112,7 +101,7 @@ sd_bus* DistributedNotificationCenter::bus() {
 void DistributedNotificationCenter::connect() {
     sd_bus* opened = nullptr;
     const int r = sd_bus_open_user(&opened);
-    std::unique_ptr<sd_bus, BusClose> connection(opened);
+    SdBus connection(opened);
     if (r < 0) {
         throwBusError(r, "connect to the " + sessionBusDescription());
     }

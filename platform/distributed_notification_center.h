@@ -30,6 +30,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/sd_bus_handles.h"
+
 namespace kerrow {
 
 class DistributedNotificationCenter {
@@ -61,21 +63,14 @@ class DistributedNotificationCenter {
 
   private:
     struct Registration;
-    struct EventUnref {
-        void operator()(sd_event* loop) const { sd_event_unref(loop); }
-    };
-    struct BusClose {
-        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-    };
-
     /// The open connection, opening it and installing missing matches first; throws.
     sd_bus* bus();
     void connect();
     void installMatch(sd_bus* bus, Registration& registration);
     static int deliver(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
-    std::unique_ptr<sd_event, EventUnref> loop_;
-    std::unique_ptr<sd_bus, BusClose> bus_;  // null until first use; closed once the bus is lost
+    SdEvent loop_;
+    SdBus bus_;  // null until first use; closed once the bus is lost
     // Each registration holds its match on bus_ (none while there is no open connection), so the
     // registrations go before the connection. Pointers to them are the matches' userdata.
     std::vector<std::unique_ptr<Registration>> registrations_;

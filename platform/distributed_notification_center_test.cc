@@ -21,10 +21,7 @@ using ::testing::HasSubstr;
 using ::testing::ThrowsMessage;
 using ::testing::UnorderedElementsAre;
 
-struct EventUnref {
-    void operator()(sd_event* loop) const { sd_event_unref(loop); }
-};
-using EventLoop = std::unique_ptr<sd_event, EventUnref>;
+using EventLoop = SdEvent;
 
 EventLoop newLoop() {
     sd_event* loop = nullptr;
@@ -68,7 +65,7 @@ TEST_F(DistributedNotificationCenterTest, DeliversOnlyTheObservedNamesFromAnothe
     client.post("com.example.a");
     client.post("com.example.ab");
     const auto emit = [&](const char* types, auto... arguments) {
-        return sd_bus_emit_signal(connection, notificationPath, notificationInterface,
+        return sd_bus_emit_signal(connection, notificationObjectPath, notificationInterface,
                                   notificationMember, types, arguments...);
     };
     ASSERT_GE(emit(nullptr), 0);

@@ -49,9 +49,7 @@ BusClient::~BusClient() {
 }
 
 void BusClient::observe(std::string_view name) {
-    const std::string rule = std::string("type='signal',path='") + notificationPath +
-                             "',interface='" + notificationInterface + "',member='" +
-                             notificationMember + "',arg0='" + std::string(name) + "'";
+    const std::string rule = notificationMatchRule(name);
     sd_bus_slot* slot = nullptr;
     check(sd_bus_add_match(bus_.get(), &slot, rule.c_str(), count, this),
           "observe " + std::string(name));
@@ -60,9 +58,7 @@ void BusClient::observe(std::string_view name) {
 
 void BusClient::post(std::string_view name) {
     const std::string text(name);
-    check(sd_bus_emit_signal(bus_.get(), notificationPath, notificationInterface,
-                             notificationMember, "s", text.c_str()),
-          "post " + text);
+    check(emitNotification(bus_.get(), text), "post " + text);
     check(sd_bus_flush(bus_.get()), "post " + text);
 }
 

@@ -16,14 +16,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/sd_bus_handles.h"
 #include "tests/support/host_process.h"
 
 namespace kerrow::test {
-
-/// The signal of one notification (see platform/distributed_notification_center.h).
-inline constexpr const char* notificationPath = "/com/kerrowsoftware/DistributedNotifications";
-inline constexpr const char* notificationInterface = "com.kerrowsoftware.DistributedNotifications";
-inline constexpr const char* notificationMember = "Posted";
 
 class PrivateBus {
   public:
@@ -62,17 +58,11 @@ class BusClient {
     [[nodiscard]] sd_bus* connection() { return bus_.get(); }
 
   private:
-    struct BusClose {
-        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-    };
-    struct SlotUnref {
-        void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-    };
     static int count(sd_bus_message* message, void* userdata, sd_bus_error* error);
     [[nodiscard]] int received(std::string_view name) const;
 
-    std::unique_ptr<sd_bus, BusClose> bus_;
-    std::vector<std::unique_ptr<sd_bus_slot, SlotUnref>> matches_;
+    SdBus bus_;
+    std::vector<SdBusSlot> matches_;
     std::map<std::string, int, std::less<>> received_;  // per observed name
 };
 

@@ -1,6 +1,7 @@
 #include "tools/browser_peer/browser_command.h"
 
 #include "tools/browser_peer/json_lines.h"
+#include "tools/common/script_runner.h"
 #include "tools/common/text.h"
 
 namespace kerrow::tools {
@@ -27,36 +28,19 @@ BrowserCommand make(BrowserCommand::Kind kind) {
 }  // namespace
 
 std::variant<BrowserCommand, std::string> parseBrowserCommand(std::string_view line) {
-    const auto trimmed = trim(line);
-    if (trimmed.empty() || trimmed.front() == '#') {
+    const auto [word, rest] = firstWord(line);
+    if (word.empty() || word.front() == '#') {
         return BrowserCommand{};
     }
-    const auto wordEnd = trimmed.find_first_of(" \t");
-    const auto word = trimmed.substr(0, wordEnd);
-    const auto rest =
-        wordEnd == std::string_view::npos ? std::string_view() : trim(trimmed.substr(wordEnd));
     if (word == "close" || word == "help") {
         if (!rest.empty()) {
             return std::string(word) + " takes nothing after it";
         }
         return make(word == "close" ? BrowserCommand::Kind::close : BrowserCommand::Kind::help);
     }
-    if (word == "expect") {
-        if (rest.empty()) {
-            return std::string("expect needs the text to wait for: expect closeTab");
-        }
-        auto command = make(BrowserCommand::Kind::expect);
-        command.text = std::string(rest);
-        return command;
-    }
-    if (word == "sleep") {
-        const auto seconds = parseSeconds(rest);
-        if (!seconds || *seconds > 3600) {
-            return std::string("sleep takes a number of seconds up to 3600: sleep 0.5");
-        }
-        auto command = make(BrowserCommand::Kind::sleep);
-        command.seconds = *seconds;
-        return command;
+    if (auto wait =
+            parseWait<BrowserCommand, &BrowserCommand::text>(word, rest, "expect closeTab")) {
+        return std::move(*wait);
     }
     if (word == "raw") {
         auto body = unescape(rest);

@@ -7,12 +7,11 @@
 // Like a browser, it drops a host that writes a frame over 1 MiB: it closes both pipes.
 //
 // Everything runs on one sd-event loop on the thread that calls run(). Lines run one after
-// another from a deferred event; a line that waits (expect, sleep) holds back those after it.
+// another (script_runner.h); a line that waits (expect, sleep) holds back those after it.
 #pragma once
 
 #include <sys/types.h>
 
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,7 +22,7 @@
 #include "tools/browser_peer/browser_command.h"
 #include "tools/common/console.h"
 #include "tools/common/event_loop.h"
-#include "tools/common/line_input.h"
+#include "tools/common/script_runner.h"
 
 namespace kerrow::tools {
 
@@ -50,12 +49,11 @@ class BrowserPeer {
     int run();
 
   private:
-    void installSignals();
+    using Script = ScriptRunner<BrowserCommand>;
+
     void watchHost();
-    void lineArrived(std::string line, std::size_t number);
-    void schedule();
-    void runLines();
-    void execute(const BrowserCommand& command, std::size_t line);
+    void linesRan();
+    void execute(const Script::Entry& entry);
     void sendFrame(const std::string& body);
     void writeSome();
     void closeInput();
@@ -63,12 +61,8 @@ class BrowserPeer {
     void endOutput();
     void hostExited(const siginfo_t& info);
     void finishIfDone();
-    void startWait(const BrowserCommand& command, std::size_t line);
-    [[nodiscard]] bool waitSatisfied();
-    void waitTimedOut();
-    void endWait();
-    void fail(std::size_t line, const std::string& message);
-    void interrupt();
+    void waitTimedOut(const Script::Entry& entry);
+    void interrupt(int signal);
 
     BrowserPeerOptions options_;
     Console console_;
@@ -78,25 +72,17 @@ class BrowserPeer {
     EventSource inputIO_;         // the host's standard input, while frames wait for it
     EventSource outputIO_;        // the host's standard output
     EventSource child_;
-    EventSource runner_;
-    EventSource timer_;
-    Descriptor script_;  // the script file, when lines come from one
-    std::unique_ptr<LineInput> input_;
+    EventSource timer_;  // the grace period for the output of a host that has exited
+    Descriptor scriptFile_;
+    Script script_;
 
     std::string pending_;  // framed bytes the host's input has not taken yet
     bool closeRequested_ = false;
     FrameDecoder frames_{browserFrameLimit};
     std::size_t framesReceived_ = 0;
-    std::deque<std::string> unmatched_;  // frames no expect has used up yet (bounded)
-
-    std::deque<std::pair<BrowserCommand, std::size_t>> queue_;
-    std::optional<std::pair<BrowserCommand, std::size_t>> waiting_;
-    std::size_t linesRead_ = 0;
-    bool inputEnded_ = false;
-    bool stopped_ = false;  // a script failed: no more lines run
     std::optional<int> hostStatus_;
     int interrupts_ = 0;
-    int exitStatus_ = 0;
+    bool hostFailed_ = false;  // dropped, or its output ended inside a frame
 };
 
 }  // namespace kerrow::tools

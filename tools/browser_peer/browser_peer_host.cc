@@ -5,8 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
 
 #include "tools/browser_peer/browser_peer.h"
@@ -16,14 +14,7 @@
 namespace kerrow::tools {
 namespace {
 
-constexpr std::size_t maximumUnmatched = 1000;
-constexpr std::uint64_t outputGraceMicroseconds = 2'000'000;
-
-std::string formatSeconds(double seconds) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%g", seconds);
-    return text.data();
-}
+constexpr double outputGraceSeconds = 2;
 
 }  // namespace
 
@@ -82,7 +73,7 @@ void BrowserPeer::readOutput() {
         if (frames_.midFrame()) {
             console_.err("browser-peer: the host's output ended inside a frame (" +
                          frames_.describeIncomplete() + ")");
-            exitStatus_ = 1;
+            hostFailed_ = true;
         }
         endOutput();
         return;
@@ -97,26 +88,20 @@ void BrowserPeer::readOutput() {
                              *shown.note);
             }
             console_.out(shown.line);
-            unmatched_.push_back(std::move(*body));
-            if (unmatched_.size() > maximumUnmatched) {
-                unmatched_.pop_front();
-            }
+            script_.received(std::move(*body));
         }
     } catch (const FrameTooLarge& error) {
         console_.err("browser-peer: the host wrote a frame of " +
                      std::to_string(error.announced()) +
                      " bytes, over the browser limit of 1 MiB; a browser drops such a host: "
                      "closing its pipes");
-        exitStatus_ = 1;
+        hostFailed_ = true;
         pending_.clear();
         closeRequested_ = true;
         inputIO_.reset();
         host_.input.reset();
         endOutput();
         return;
-    }
-    if (waiting_ && waitSatisfied()) {
-        endWait();
     }
 }
 
@@ -137,11 +122,8 @@ void BrowserPeer::hostExited(const siginfo_t& info) {
     }
     child_.reset();
     // Nothing more can be sent; lines still to come are not run.
-    stopped_ = true;
-    queue_.clear();
-    waiting_.reset();
-    timer_.reset();
-    input_->pause();
+    script_.stop();
+    script_.endWait();
     pending_.clear();
     inputIO_.reset();
     host_.input.reset();
@@ -158,72 +140,15 @@ void BrowserPeer::finishIfDone() {
     }
     // The host has gone but something it started may hold its output open: wait a little for
     // the last frames, then stop reading.
-    sd_event_source* timer = nullptr;
-    const auto onTimer = [](sd_event_source*, uint64_t, void* self) {
-        auto& peer = *static_cast<BrowserPeer*>(self);
-        peer.outputIO_.reset();
-        peer.host_.output.reset();
-        sd_event_exit(peer.loop_.get(), 0);
-        return 0;
-    };
-    if (sd_event_add_time_relative(loop_.get(), &timer, CLOCK_MONOTONIC, outputGraceMicroseconds, 0,
-                                   onTimer, this) >= 0) {
-        timer_.reset(timer);
-    }
+    timer_ = addTimer<BrowserPeer, &BrowserPeer::endOutput>(loop_.get(), this, outputGraceSeconds);
 }
 
-void BrowserPeer::startWait(const BrowserCommand& command, std::size_t line) {
-    waiting_.emplace(command, line);
-    if (waitSatisfied()) {
-        waiting_.reset();
-        return;
+void BrowserPeer::waitTimedOut(const Script::Entry& entry) {
+    if (entry.command.kind == BrowserCommand::Kind::expect) {
+        script_.fail(entry.line, "expect: the host wrote no frame containing '" +
+                                     printable(entry.command.text) + "' within " +
+                                     formatSeconds(options_.timeout) + " s");
     }
-    const double seconds =
-        command.kind == BrowserCommand::Kind::sleep ? command.seconds : options_.timeout;
-    sd_event_source* timer = nullptr;
-    check(sd_event_add_time_relative(
-              loop_.get(), &timer, CLOCK_MONOTONIC,
-              static_cast<std::uint64_t>(std::llround(seconds * 1e6)), 0,
-              [](sd_event_source*, uint64_t, void* self) {
-                  static_cast<BrowserPeer*>(self)->waitTimedOut();
-                  return 0;
-              },
-              this),
-          "sd_event_add_time_relative");
-    timer_.reset(timer);
-    input_->pause();
-}
-
-bool BrowserPeer::waitSatisfied() {
-    const BrowserCommand& command = waiting_->first;
-    if (command.kind != BrowserCommand::Kind::expect) {
-        return false;
-    }
-    for (auto frame = unmatched_.begin(); frame != unmatched_.end(); ++frame) {
-        if (frame->find(command.text) != std::string::npos) {
-            unmatched_.erase(unmatched_.begin(), frame + 1);
-            return true;
-        }
-    }
-    return false;
-}
-
-void BrowserPeer::waitTimedOut() {
-    if (!waiting_) {
-        return;
-    }
-    const auto [command, line] = *waiting_;
-    endWait();
-    if (command.kind == BrowserCommand::Kind::expect) {
-        fail(line, "expect: the host wrote no frame containing '" + printable(command.text) +
-                       "' within " + formatSeconds(options_.timeout) + " s");
-    }
-}
-
-void BrowserPeer::endWait() {
-    waiting_.reset();
-    timer_.reset();
-    schedule();
 }
 
 }  // namespace kerrow::tools

@@ -7,7 +7,7 @@
 #include "kerrow_version.h"
 #include "tools/browser_peer/browser_peer.h"
 #include "tools/browser_peer/filters.h"
-#include "tools/common/arguments.h"
+#include "tools/common/options.h"
 
 namespace {
 
@@ -78,42 +78,26 @@ Mode parseOptions(int argc, char** argv, BrowserPeerOptions& options) {
     bool firefox = false;
     std::optional<std::string> extensionId;
     std::optional<std::string> manifest;
-    Arguments arguments(argc, argv);
-    while (const auto option = arguments.nextOption()) {
-        if (*option == "-h" || *option == "--help") {
-            arguments.noValue();
-            std::cout << usage << browserCommandHelp() << epilogue;
-            std::exit(0);
-        } else if (*option == "--version") {
-            arguments.noValue();
-            std::cout << "kerrow-browser-peer " << kerrow::projectVersion << "\n";
-            std::exit(0);
-        } else if (*option == "--host") {
-            options.hostPath = arguments.value();
-        } else if (*option == "--extension-id") {
-            extensionId = arguments.value();
-        } else if (*option == "--firefox") {
-            arguments.noValue();
-            firefox = true;
-        } else if (*option == "--manifest") {
-            manifest = arguments.value();
-        } else if (*option == "--script") {
-            options.scriptPath = arguments.value();
-        } else if (*option == "--timeout") {
-            options.timeout = arguments.seconds(3600);
-        } else if (*option == "--encode" || *option == "--decode") {
-            arguments.noValue();
+    const auto exclusive = [&mode](Mode chosen) {
+        return [&mode, chosen](const char*) {
             if (mode != Mode::browser) {
                 throw UsageError("--encode and --decode exclude each other");
             }
-            mode = *option == "--encode" ? Mode::encode : Mode::decode;
-        } else {
-            throw UsageError("unknown option '" + *option + "'");
-        }
-    }
-    if (const auto operands = arguments.operands(); !operands.empty()) {
-        throw UsageError("unexpected argument '" + operands.front() + "'");
-    }
+            mode = chosen;
+        };
+    };
+    const std::string help = std::string(usage) + std::string(browserCommandHelp()) + epilogue;
+    readOptions(
+        argc, argv, help, "kerrow-browser-peer " + std::string(kerrow::projectVersion),
+        {{"host", true, [&](const char* value) { options.hostPath = value; }},
+         {"extension-id", true, [&](const char* value) { extensionId = value; }},
+         {"firefox", false, [&](const char*) { firefox = true; }},
+         {"manifest", true, [&](const char* value) { manifest = value; }},
+         {"script", true, [&](const char* value) { options.scriptPath = value; }},
+         {"timeout", true,
+          [&](const char* value) { options.timeout = secondsOption("--timeout", value, 3600); }},
+         {"encode", false, exclusive(Mode::encode)},
+         {"decode", false, exclusive(Mode::decode)}});
     if (manifest && !firefox) {
         throw UsageError("--manifest only applies with --firefox");
     }

@@ -3,23 +3,22 @@
 // time, also from inside one of its own callbacks' loop iterations. Loop thread only.
 #pragma once
 
+#include <signal.h>
 #include <systemd/sd-event.h>
 
+#include <cmath>
+#include <cstdint>
 #include <memory>
 #include <string_view>
 #include <system_error>
+#include <vector>
+
+#include "platform/sd_bus_handles.h"
 
 namespace kerrow::tools {
 
-struct SourceRelease {
-    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-};
-using EventSource = std::unique_ptr<sd_event_source, SourceRelease>;
-
-struct EventRelease {
-    void operator()(sd_event* event) const { sd_event_unref(event); }
-};
-using EventLoop = std::unique_ptr<sd_event, EventRelease>;
+using EventSource = SdEventSource;
+using EventLoop = SdEvent;
 
 /// Throws std::system_error("<what>: <description>") for a negative sd-* result; returns it else.
 inline int check(int result, std::string_view what) {
@@ -55,11 +54,62 @@ template <typename Object, void (Object::*run)()>
     return runner;
 }
 
-/// The time of `loop` now plus `microseconds`, on CLOCK_MONOTONIC, for timer sources.
-[[nodiscard]] inline std::uint64_t deadlineAfter(sd_event* loop, std::uint64_t microseconds) {
-    std::uint64_t now = 0;
-    check(sd_event_now(loop, CLOCK_MONOTONIC, &now), "sd_event_now");
-    return now + microseconds;
+/// A source that calls `object->*ready()` whenever `descriptor` has one of `events` (EPOLLIN,
+/// EPOLLOUT). `object` and the descriptor must outlive it.
+template <typename Object, void (Object::*ready)()>
+[[nodiscard]] EventSource addIo(sd_event* loop, Object* object, int descriptor,
+                                std::uint32_t events) {
+    sd_event_source* source = nullptr;
+    check(sd_event_add_io(
+              loop, &source, descriptor, events,
+              [](sd_event_source*, int, std::uint32_t, void* self) {
+                  (static_cast<Object*>(self)->*ready)();
+                  return 0;
+              },
+              object),
+          "sd_event_add_io");
+    return EventSource(source);
+}
+
+/// A timer that calls `object->*run()` once, `seconds` from now. `object` must outlive it.
+template <typename Object, void (Object::*run)()>
+[[nodiscard]] EventSource addTimer(sd_event* loop, Object* object, double seconds) {
+    sd_event_source* source = nullptr;
+    check(sd_event_add_time_relative(
+              loop, &source, CLOCK_MONOTONIC,
+              static_cast<std::uint64_t>(std::llround(seconds * 1e6)), 0,
+              [](sd_event_source*, std::uint64_t, void* self) {
+                  (static_cast<Object*>(self)->*run)();
+                  return 0;
+              },
+              object),
+          "sd_event_add_time_relative");
+    return EventSource(source);
+}
+
+/// Ignores SIGPIPE, blocks SIGINT and SIGTERM, and has `loop` call `object->*arrived(signal)` for
+/// each of them. `object` must outlive the sources.
+template <typename Object, void (Object::*arrived)(int signal)>
+[[nodiscard]] std::vector<EventSource> addStopSignals(sd_event* loop, Object* object) {
+    ::signal(SIGPIPE, SIG_IGN);
+    std::vector<EventSource> sources;
+    for (const int number : {SIGINT, SIGTERM}) {
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, number);
+        sigprocmask(SIG_BLOCK, &mask, nullptr);
+        sd_event_source* source = nullptr;
+        check(sd_event_add_signal(
+                  loop, &source, number,
+                  [](sd_event_source*, const signalfd_siginfo* info, void* self) {
+                      (static_cast<Object*>(self)->*arrived)(static_cast<int>(info->ssi_signo));
+                      return 0;
+                  },
+                  object),
+              "sd_event_add_signal");
+        sources.emplace_back(source);
+    }
+    return sources;
 }
 
 }  // namespace kerrow::tools

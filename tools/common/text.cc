@@ -1,7 +1,9 @@
 #include "tools/common/text.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 
 #include "kit/utf8.h"
@@ -225,6 +227,21 @@ std::optional<unsigned long long> parseCount(std::string_view text, unsigned lon
         return std::nullopt;
     }
     return value;
+}
+
+std::pair<std::string_view, std::string_view> firstWord(std::string_view text) {
+    text = trim(text);
+    const auto end = text.find_first_of(" \t");
+    if (end == std::string_view::npos) {
+        return {text, {}};
+    }
+    return {text.substr(0, end), trim(text.substr(end))};
+}
+
+std::string formatSeconds(double seconds) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%g", seconds);
+    return text.data();
 }
 
 }  // namespace kerrow::tools

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace kerrow::tools {
@@ -47,11 +48,18 @@ class LineTooLong : public std::runtime_error {
 /// The blank-separated words of `text`.
 [[nodiscard]] std::vector<std::string> splitWords(std::string_view text);
 
+/// The first blank-separated word of `text` (trimmed), and the rest without blanks at either end
+/// (its inner blanks kept: it can be a payload text).
+[[nodiscard]] std::pair<std::string_view, std::string_view> firstWord(std::string_view text);
+
 /// `text` without blanks at either end.
 [[nodiscard]] std::string_view trim(std::string_view text);
 
 /// A number of seconds written as a non-negative decimal ("2", "0.5"); no value otherwise.
 [[nodiscard]] std::optional<double> parseSeconds(std::string_view text);
+
+/// `seconds` as printf's %g writes it ("0.2", "10").
+[[nodiscard]] std::string formatSeconds(double seconds);
 
 /// A non-negative integer up to `maximum`, digits only; no value otherwise.
 [[nodiscard]] std::optional<unsigned long long> parseCount(std::string_view text,

@@ -1,9 +1,11 @@
 #include "tools/core_peer/core_command.h"
 
 #include <nlohmann/json.hpp>
+#include <tuple>
 #include <vector>
 
 #include "kit/const.h"
+#include "tools/common/script_runner.h"
 #include "tools/common/text.h"
 
 namespace kerrow::tools {
@@ -145,22 +147,9 @@ Result parseControl(std::string_view word, std::string_view rest,
         command.count = static_cast<unsigned>(*count);
         return command;
     }
-    if (word == "expect") {
-        if (rest.empty()) {
-            return std::string("expect needs the text to wait for: expect kerrow.tabList");
-        }
-        auto command = plain(CoreCommand::Kind::expect);
-        command.message = std::string(rest);
-        return command;
-    }
-    if (word == "sleep") {
-        const auto seconds = args.size() == 1 ? parseSeconds(args[0]) : std::nullopt;
-        if (!seconds || *seconds > 3600) {
-            return std::string("sleep takes a number of seconds up to 3600: sleep 0.5");
-        }
-        auto command = plain(CoreCommand::Kind::sleep);
-        command.seconds = *seconds;
-        return command;
+    if (auto wait =
+            parseWait<CoreCommand, &CoreCommand::message>(word, rest, "expect kerrow.tabList")) {
+        return std::move(*wait);
     }
     return parseSend(word, rest, args);
 }
@@ -168,14 +157,13 @@ Result parseControl(std::string_view word, std::string_view rest,
 }  // namespace
 
 std::variant<CoreCommand, std::string> parseCoreCommand(std::string_view line) {
-    line = trim(line);
-    if (line.empty() || line.front() == '#') {
+    auto [word, rest] = firstWord(line);
+    if (word.empty() || word.front() == '#') {
         return CoreCommand{};
     }
     std::optional<unsigned> host;
-    if (line.front() == '@') {
-        const auto end = line.find_first_of(" \t");
-        const auto target = line.substr(1, end == std::string_view::npos ? end : end - 1);
+    if (word.front() == '@') {
+        const auto target = word.substr(1);
         if (target != "all") {
             const auto number = parseCount(target, 1'000'000);
             if (!number || *number == 0) {
@@ -183,16 +171,11 @@ std::variant<CoreCommand, std::string> parseCoreCommand(std::string_view line) {
             }
             host = static_cast<unsigned>(*number);
         }
-        line = end == std::string_view::npos ? std::string_view() : trim(line.substr(end));
-        if (line.empty()) {
+        if (rest.empty()) {
             return std::string("@") + std::string(target) + " needs a command after it";
         }
+        std::tie(word, rest) = firstWord(rest);
     }
-    const auto wordEnd = line.find_first_of(" \t");
-    const auto word = line.substr(0, wordEnd);
-    // The rest keeps its inner blanks: it can be a payload text.
-    const auto rest =
-        wordEnd == std::string_view::npos ? std::string_view() : trim(line.substr(wordEnd + 1));
     auto result = parseControl(word, rest, splitWords(rest));
     if (auto* command = std::get_if<CoreCommand>(&result)) {
         using Kind = CoreCommand::Kind;

@@ -2,7 +2,6 @@
 
 #include <signal.h>
 
-#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -15,7 +14,6 @@ namespace {
 
 constexpr std::size_t maximumScriptSize = 1024 * 1024;
 constexpr std::size_t maximumLineLength = 1024 * 1024;
-constexpr std::size_t maximumUnmatched = 1000;
 
 std::string describe(std::string_view message) {
     const auto marker = Const::Browser::tabList;
@@ -65,8 +63,16 @@ std::vector<ScriptEntry> loadScript(const std::string& path) {
 }
 
 CorePeer::CorePeer(CorePeerOptions options, std::vector<ScriptEntry> script)
-    : options_(std::move(options)), console_("core> "), loop_(newEventLoop()) {
-    installSignals();
+    : options_(std::move(options)),
+      console_("core> "),
+      loop_(newEventLoop()),
+      signals_(addStopSignals<CorePeer, &CorePeer::signalArrived>(loop_.get(), this)),
+      script_(loop_.get(), console_, "core-peer", options_.scriptPath,
+              ScriptRunner<CoreCommand>::Handlers{
+                  parseCoreCommand, [this](const ScriptEntry& entry) { execute(entry); },
+                  [this](const ScriptEntry& entry) { return waitSatisfied(entry.command); },
+                  [this](const ScriptEntry& entry) { waitTimedOut(entry); },
+                  [this] { commandsRan(); }, [this] { quit(); }}) {
     const auto note = [this](const std::string& text) { console_.err("core-peer: " + text); };
     listener_ = std::make_unique<SocketListener>(
         loop_.get(), options_.socketPath,
@@ -75,21 +81,13 @@ CorePeer::CorePeer(CorePeerOptions options, std::vector<ScriptEntry> script)
     if (options_.useBus) {
         startBus();
     }
-    runner_ = addRunner<CorePeer, &CorePeer::runCommands>(loop_.get(), this);
-    queue_.assign(std::make_move_iterator(script.begin()), std::make_move_iterator(script.end()));
-    if (options_.readInput && !options_.scriptPath) {
-        input_ = std::make_unique<LineInput>(
-            loop_.get(), STDIN_FILENO, maximumLineLength,
-            LineInput::Handlers{
-                [this](std::string line) { lineArrived(std::move(line)); },
-                [this](const std::string& message) { fail(linesRead_ + 1, message); },
-                [this] {
-                    console_.endPrompt();
-                    inputEnded_ = true;
-                    schedule();
-                }});
+    for (auto& entry : script) {
+        script_.enqueue(std::move(entry));
     }
-    schedule();
+    if (options_.readInput && !options_.scriptPath) {
+        script_.read(STDIN_FILENO, maximumLineLength);
+    }
+    script_.schedule();
 }
 
 CorePeer::~CorePeer() {
@@ -98,32 +96,13 @@ CorePeer::~CorePeer() {
     retired_.clear();
 }
 
-void CorePeer::installSignals() {
-    ::signal(SIGPIPE, SIG_IGN);
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGINT);
-    sigaddset(&mask, SIGTERM);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
-    for (const int number : {SIGINT, SIGTERM}) {
-        sd_event_source* source = nullptr;
-        check(
-            sd_event_add_signal(
-                loop_.get(), &source, number,
-                [](sd_event_source*, const signalfd_siginfo* info, void* self) {
-                    auto& peer = *static_cast<CorePeer*>(self);
-                    if (info->ssi_signo == SIGINT && peer.waiting_ && peer.console_.interactive()) {
-                        peer.console_.err("core-peer: wait cancelled");
-                        peer.endWait();
-                        return 0;
-                    }
-                    peer.quit();
-                    return 0;
-                },
-                this),
-            "sd_event_add_signal");
-        signals_.emplace_back(source);
+void CorePeer::signalArrived(int signal) {
+    if (signal == SIGINT && script_.waiting() && console_.interactive()) {
+        console_.err("core-peer: wait cancelled");
+        script_.endWait();
+        return;
     }
+    quit();
 }
 
 void CorePeer::startBus() {
@@ -157,7 +136,7 @@ void CorePeer::postStart() {
 
 int CorePeer::run() {
     check(sd_event_loop(loop_.get()), "sd_event_loop");
-    return exitStatus_;
+    return script_.exitStatus();
 }
 
 void CorePeer::hostConnected(Descriptor socket) {
@@ -170,16 +149,12 @@ void CorePeer::hostConnected(Descriptor socket) {
     }
     console_.out(line + ")");
     hosts_.emplace(number, std::move(host));
-    checkWait();
+    script_.checkWait();
 }
 
 void CorePeer::messageReceived(HostConnection& host, std::string message) {
     console_.out("host " + std::to_string(host.number()) + ": " + describe(message));
-    unmatched_.push_back({host.number(), std::move(message)});
-    if (unmatched_.size() > maximumUnmatched) {
-        unmatched_.pop_front();
-    }
-    checkWait();
+    script_.received(std::move(message), host.number());
 }
 
 void CorePeer::hostDisconnected(HostConnection& host, const std::string& reason) {
@@ -189,68 +164,20 @@ void CorePeer::hostDisconnected(HostConnection& host, const std::string& reason)
         retired_.push_back(std::move(found->second));
         hosts_.erase(found);
     }
-    schedule();
-    checkWait();
+    script_.schedule();
+    script_.checkWait();
 }
 
-void CorePeer::lineArrived(std::string line) {
-    console_.promptUsed();
-    ++linesRead_;
-    auto parsed = parseCoreCommand(line);
-    if (const auto* error = std::get_if<std::string>(&parsed)) {
-        fail(linesRead_, *error);
-        schedule();
-        return;
-    }
-    auto& command = std::get<CoreCommand>(parsed);
-    if (command.kind != CoreCommand::Kind::nothing) {
-        queue_.push_back({std::move(command), linesRead_});
-    }
-    if (input_ && (waiting_ || !queue_.empty())) {
-        input_->pause();  // resumed once the queue has run
-    }
-    schedule();
-}
-
-void CorePeer::schedule() {
-    if (runner_) {
-        sd_event_source_set_enabled(runner_.get(), SD_EVENT_ONESHOT);
-    }
-}
-
-void CorePeer::runCommands() {
+void CorePeer::commandsRan() {
     retired_.clear();
-    while (!waiting_ && !quitting_ && !queue_.empty()) {
-        const ScriptEntry entry = std::move(queue_.front());
-        queue_.pop_front();
-        execute(entry);
-    }
-    if (waiting_ || quitting_ || !queue_.empty()) {
+    if (quitting_) {
         return;
     }
-    if (options_.scriptPath || inputEnded_) {
+    if (options_.scriptPath || script_.inputEnded()) {
         quit();
         return;
     }
-    if (input_) {
-        input_->resume();
-        console_.prompt();
-    }
-}
-
-void CorePeer::fail(std::size_t line, const std::string& message) {
-    exitStatus_ = 1;
-    std::string where = "core-peer: ";
-    if (options_.scriptPath) {
-        where += *options_.scriptPath + ":" + std::to_string(line) + ": ";
-    } else if (!console_.interactive() && line > 0) {
-        where += "line " + std::to_string(line) + ": ";
-    }
-    console_.err(where + message);
-    if (options_.scriptPath) {
-        queue_.clear();  // the rest of a script relies on what failed
-        quit();
-    }
+    script_.prompt();
 }
 
 void CorePeer::quit() {
@@ -258,37 +185,24 @@ void CorePeer::quit() {
         return;
     }
     quitting_ = true;
-    waiting_.reset();
-    timer_.reset();
-    if (input_) {
-        input_->pause();
-    }
+    script_.stop();
+    script_.endWait();
     finishWhenSent();
 }
 
 void CorePeer::finishWhenSent() {
     // Frames still waiting for a slow host get a grace period, checked every 20 ms.
-    static constexpr std::uint64_t step = 20'000;
+    static constexpr double step = 0.02;
     bool sending = false;
     for (const auto& [number, host] : hosts_) {
         sending = sending || host->sending();
     }
     if (!sending || graceLeft_ < step) {
-        sd_event_exit(loop_.get(), exitStatus_);
+        sd_event_exit(loop_.get(), script_.exitStatus());
         return;
     }
     graceLeft_ -= step;
-    sd_event_source* timer = nullptr;
-    const auto onTimer = [](sd_event_source*, uint64_t, void* self) {
-        static_cast<CorePeer*>(self)->finishWhenSent();
-        return 0;
-    };
-    if (sd_event_add_time_relative(loop_.get(), &timer, CLOCK_MONOTONIC, step, 0, onTimer, this) <
-        0) {
-        sd_event_exit(loop_.get(), exitStatus_);
-        return;
-    }
-    timer_.reset(timer);
+    timer_ = addTimer<CorePeer, &CorePeer::finishWhenSent>(loop_.get(), this, step);
 }
 
 }  // namespace kerrow::tools

@@ -4,11 +4,10 @@
 // read from a script file.
 //
 // Everything runs on one sd-event loop on the thread that calls run(). Commands run one after
-// another from a deferred event: a command that waits (wait-hosts, expect, sleep) holds back the
-// ones after it, and reading of further input pauses until it is over.
+// another (script_runner.h): a command that waits (wait-hosts, expect, sleep) holds back the ones
+// after it, and reading of further input pauses until it is over.
 #pragma once
 
-#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,7 +16,7 @@
 
 #include "tools/common/console.h"
 #include "tools/common/event_loop.h"
-#include "tools/common/line_input.h"
+#include "tools/common/script_runner.h"
 #include "tools/core_peer/core_command.h"
 #include "tools/core_peer/host_connection.h"
 #include "tools/core_peer/session_bus.h"
@@ -35,10 +34,7 @@ struct CorePeerOptions {
 };
 
 /// One command to run, with where it came from (for error messages).
-struct ScriptEntry {
-    CoreCommand command;
-    std::size_t line = 0;  // 1-based line of the script or input
-};
+using ScriptEntry = ScriptRunner<CoreCommand>::Entry;
 
 /// Reads and parses a whole script. Throws std::runtime_error listing every bad line.
 [[nodiscard]] std::vector<ScriptEntry> loadScript(const std::string& path);
@@ -59,29 +55,18 @@ class CorePeer final : public HostConnection::Client {
     void hostDisconnected(HostConnection& host, const std::string& reason) override;
 
   private:
-    struct Received {
-        unsigned host;
-        std::string message;
-    };
-
-    void installSignals();
+    void signalArrived(int signal);
     void startBus();
     void hostConnected(Descriptor socket);
-    void lineArrived(std::string line);
-    void schedule();
-    void runCommands();
+    void commandsRan();
     void execute(const ScriptEntry& entry);
     void send(const ScriptEntry& entry);
     void disconnect(const ScriptEntry& entry);
     void postStart();
     void listHosts();
     [[nodiscard]] std::optional<std::vector<HostConnection*>> targets(const ScriptEntry& entry);
-    void startWait(const ScriptEntry& entry);
-    [[nodiscard]] bool waitSatisfied();
-    void checkWait();
-    void waitTimedOut();
-    void endWait();
-    void fail(std::size_t line, const std::string& message);
+    [[nodiscard]] bool waitSatisfied(const CoreCommand& command);
+    void waitTimedOut(const ScriptEntry& entry);
     void quit();
     void finishWhenSent();
 
@@ -91,22 +76,14 @@ class CorePeer final : public HostConnection::Client {
     std::vector<EventSource> signals_;
     std::unique_ptr<SocketListener> listener_;
     std::unique_ptr<SessionBus> bus_;
-    std::unique_ptr<LineInput> input_;
-    EventSource runner_;  // runs the commands from a loop iteration of its own
-    EventSource timer_;   // deadline of the current wait; the quit grace period
+    ScriptRunner<CoreCommand> script_;
+    EventSource timer_;  // the quit grace period
 
     std::map<unsigned, std::unique_ptr<HostConnection>> hosts_;  // connected, by number
-    std::vector<std::unique_ptr<HostConnection>> retired_;       // ended, destroyed by the runner
+    std::vector<std::unique_ptr<HostConnection>> retired_;       // ended; destroyed once idle
     unsigned nextHostNumber_ = 1;
-    std::deque<Received> unmatched_;  // messages that no expect has used up yet (bounded)
-
-    std::deque<ScriptEntry> queue_;
-    std::optional<ScriptEntry> waiting_;
-    std::size_t linesRead_ = 0;
-    bool inputEnded_ = false;
     bool quitting_ = false;
-    std::uint64_t graceLeft_ = 3'000'000;  // microseconds that quitting waits for unsent frames
-    int exitStatus_ = 0;
+    double graceLeft_ = 3;  // seconds that quitting waits for unsent frames
 };
 
 }  // namespace kerrow::tools

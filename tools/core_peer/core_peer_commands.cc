@@ -1,8 +1,4 @@
 // The commands of the core peer's language, and its waits.
-#include <array>
-#include <cmath>
-#include <cstdio>
-
 #include "tools/common/text.h"
 #include "tools/core_peer/core_peer.h"
 
@@ -15,12 +11,6 @@ std::string hostList(const std::map<unsigned, std::unique_ptr<HostConnection>>& 
         list += (list.empty() ? "" : ", ") + std::to_string(number);
     }
     return list.empty() ? "none" : list;
-}
-
-std::string formatSeconds(double seconds) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%g", seconds);
-    return text.data();
 }
 
 }  // namespace
@@ -38,7 +28,7 @@ void CorePeer::execute(const ScriptEntry& entry) {
             break;
         case Kind::start:
             if (!bus_) {
-                fail(entry.line, "start: not on the session bus (--no-bus)");
+                script_.fail(entry.line, "start: not on the session bus (--no-bus)");
                 break;
             }
             postStart();
@@ -49,7 +39,8 @@ void CorePeer::execute(const ScriptEntry& entry) {
         case Kind::waitHosts:
         case Kind::expect:
         case Kind::sleep:
-            startWait(entry);
+            script_.wait(entry, entry.command.kind == Kind::sleep ? entry.command.seconds
+                                                                  : options_.timeout);
             break;
         case Kind::help:
             console_.out(std::string(commandHelp()));
@@ -65,15 +56,15 @@ std::optional<std::vector<HostConnection*>> CorePeer::targets(const ScriptEntry&
     if (entry.command.host) {
         const auto found = hosts_.find(*entry.command.host);
         if (found == hosts_.end()) {
-            fail(entry.line, "no host " + std::to_string(*entry.command.host) +
-                                 " (connected: " + hostList(hosts_) + ")");
+            script_.fail(entry.line, "no host " + std::to_string(*entry.command.host) +
+                                         " (connected: " + hostList(hosts_) + ")");
             return std::nullopt;
         }
         chosen.push_back(found->second.get());
         return chosen;
     }
     if (hosts_.empty()) {
-        fail(entry.line, "no host connected: nothing done");
+        script_.fail(entry.line, "no host connected: nothing done");
         return std::nullopt;
     }
     for (const auto& [number, host] : hosts_) {
@@ -114,75 +105,28 @@ void CorePeer::listHosts() {
     }
 }
 
-void CorePeer::startWait(const ScriptEntry& entry) {
-    waiting_ = entry;
-    if (waitSatisfied()) {
-        waiting_.reset();
-        return;
-    }
-    const double seconds =
-        entry.command.kind == CoreCommand::Kind::sleep ? entry.command.seconds : options_.timeout;
-    const auto onTimer = [](sd_event_source*, uint64_t, void* self) {
-        static_cast<CorePeer*>(self)->waitTimedOut();
-        return 0;
-    };
-    sd_event_source* timer = nullptr;
-    check(sd_event_add_time_relative(loop_.get(), &timer, CLOCK_MONOTONIC,
-                                     static_cast<std::uint64_t>(std::llround(seconds * 1e6)), 0,
-                                     onTimer, this),
-          "sd_event_add_time_relative");
-    timer_.reset(timer);
-    if (input_) {
-        input_->pause();
-    }
-}
-
-bool CorePeer::waitSatisfied() {
-    const CoreCommand& command = waiting_->command;
+bool CorePeer::waitSatisfied(const CoreCommand& command) {
     switch (command.kind) {
         case CoreCommand::Kind::waitHosts:
             return hosts_.size() == command.count;
         case CoreCommand::Kind::expect:
-            for (auto message = unmatched_.begin(); message != unmatched_.end(); ++message) {
-                if ((!command.host || *command.host == message->host) &&
-                    message->message.find(command.message) != std::string::npos) {
-                    unmatched_.erase(unmatched_.begin(), message + 1);
-                    return true;
-                }
-            }
-            return false;
+            return script_.takeMatch(command.message, command.host);
         default:
             return false;
     }
 }
 
-void CorePeer::checkWait() {
-    if (waiting_ && waitSatisfied()) {
-        endWait();
-    }
-}
-
-void CorePeer::waitTimedOut() {
-    if (!waiting_) {
-        return;
-    }
-    const ScriptEntry entry = *waiting_;
-    endWait();
+void CorePeer::waitTimedOut(const ScriptEntry& entry) {
     const CoreCommand& command = entry.command;
     if (command.kind == CoreCommand::Kind::waitHosts) {
-        fail(entry.line, "wait-hosts " + std::to_string(command.count) + ": still " +
-                             std::to_string(hosts_.size()) + " connected (" + hostList(hosts_) +
-                             ") after " + formatSeconds(options_.timeout) + " s");
+        script_.fail(entry.line, "wait-hosts " + std::to_string(command.count) + ": still " +
+                                     std::to_string(hosts_.size()) + " connected (" +
+                                     hostList(hosts_) + ") after " +
+                                     formatSeconds(options_.timeout) + " s");
     } else if (command.kind == CoreCommand::Kind::expect) {
-        fail(entry.line, "expect: no message containing '" + printable(command.message) +
-                             "' arrived within " + formatSeconds(options_.timeout) + " s");
+        script_.fail(entry.line, "expect: no message containing '" + printable(command.message) +
+                                     "' arrived within " + formatSeconds(options_.timeout) + " s");
     }
-}
-
-void CorePeer::endWait() {
-    waiting_.reset();
-    timer_.reset();
-    schedule();
 }
 
 }  // namespace kerrow::tools

@@ -4,7 +4,7 @@
 
 #include "kerrow_version.h"
 #include "kit/socket_helper.h"
-#include "tools/common/arguments.h"
+#include "tools/common/options.h"
 #include "tools/core_peer/core_peer.h"
 
 namespace {
@@ -52,38 +52,16 @@ send to) or the peer could not start (socket in use, no session bus); 2 for a ba
 CorePeerOptions parseOptions(int argc, char** argv) {
     CorePeerOptions options;
     options.socketPath = kerrow::SocketHelper::browserSocketLocation();
-    Arguments arguments(argc, argv);
-    while (const auto option = arguments.nextOption()) {
-        if (*option == "-h" || *option == "--help") {
-            arguments.noValue();
-            std::cout << usage << commandHelp() << epilogue;
-            std::exit(0);
-        } else if (*option == "--version") {
-            arguments.noValue();
-            std::cout << "kerrow-core-peer " << kerrow::projectVersion << "\n";
-            std::exit(0);
-        } else if (*option == "--socket") {
-            options.socketPath = arguments.value();
-        } else if (*option == "--script") {
-            options.scriptPath = arguments.value();
-        } else if (*option == "--no-input") {
-            arguments.noValue();
-            options.readInput = false;
-        } else if (*option == "--no-answer") {
-            arguments.noValue();
-            options.answer = false;
-        } else if (*option == "--no-bus") {
-            arguments.noValue();
-            options.useBus = false;
-        } else if (*option == "--timeout") {
-            options.timeout = arguments.seconds(3600);
-        } else {
-            throw UsageError("unknown option '" + *option + "'");
-        }
-    }
-    if (const auto operands = arguments.operands(); !operands.empty()) {
-        throw UsageError("unexpected argument '" + operands.front() + "'");
-    }
+    const std::string help = std::string(usage) + std::string(commandHelp()) + epilogue;
+    readOptions(argc, argv, help, "kerrow-core-peer " + std::string(kerrow::projectVersion),
+                {{"socket", true, [&](const char* value) { options.socketPath = value; }},
+                 {"script", true, [&](const char* value) { options.scriptPath = value; }},
+                 {"no-input", false, [&](const char*) { options.readInput = false; }},
+                 {"no-answer", false, [&](const char*) { options.answer = false; }},
+                 {"no-bus", false, [&](const char*) { options.useBus = false; }},
+                 {"timeout", true, [&](const char* value) {
+                      options.timeout = secondsOption("--timeout", value, 3600);
+                  }}});
     if (options.scriptPath && !options.readInput) {
         throw UsageError("--script and --no-input exclude each other");
     }

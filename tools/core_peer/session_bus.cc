@@ -5,13 +5,6 @@
 #include "tools/common/event_loop.h"
 
 namespace kerrow::tools {
-namespace {
-
-constexpr const char* objectPath = "/com/kerrowsoftware/DistributedNotifications";
-constexpr const char* interfaceName = "com.kerrowsoftware.DistributedNotifications";
-
-}  // namespace
-
 SessionBus::SessionBus(sd_event* loop) {
     sd_bus* bus = nullptr;
     check(sd_bus_open_user(&bus), "session bus: opening");
@@ -24,8 +17,7 @@ SessionBus::~SessionBus() = default;
 
 void SessionBus::observe(std::string_view name, Observer observer) {
     observer_ = std::move(observer);
-    const std::string rule = std::string("type='signal',path='") + objectPath + "',interface='" +
-                             interfaceName + "',member='Posted',arg0='" + std::string(name) + "'";
+    const std::string rule = notificationMatchRule(name);
     const auto onSignal = [](sd_bus_message* message, void* self, sd_bus_error*) {
         auto& bus = *static_cast<SessionBus*>(self);
         const char* sender = sd_bus_message_get_sender(message);
@@ -43,8 +35,7 @@ void SessionBus::observe(std::string_view name, Observer observer) {
 
 void SessionBus::post(std::string_view name) {
     const std::string text(name);
-    check(sd_bus_emit_signal(bus_.get(), objectPath, interfaceName, "Posted", "s", text.c_str()),
-          "session bus: posting " + text);
+    check(emitNotification(bus_.get(), text), "session bus: posting " + text);
     check(sd_bus_flush(bus_.get()), "session bus: flushing");
 }
 

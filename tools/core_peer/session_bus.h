@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/sd_bus_handles.h"
+
 namespace kerrow::tools {
 
 class SessionBus {
@@ -38,15 +40,8 @@ class SessionBus {
     [[nodiscard]] std::string uniqueName() const;
 
   private:
-    struct BusRelease {
-        void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
-    };
-    struct SlotRelease {
-        void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-    };
-
-    std::unique_ptr<sd_bus, BusRelease> bus_;
-    std::unique_ptr<sd_bus_slot, SlotRelease> slot_;
+    SdBus bus_;
+    SdBusSlot slot_;
     Observer observer_;
 };
 

@@ -94,13 +94,7 @@ SocketListener::SocketListener(sd_event* loop, std::string path, Acceptor accept
     if (::listen(socket_.get(), 16) != 0) {
         throw ListenError(errorText("listen " + path_));
     }
-    const auto onReadable = [](sd_event_source*, int, uint32_t, void* self) {
-        static_cast<SocketListener*>(self)->acceptAll();
-        return 0;
-    };
-    sd_event_source* io = nullptr;
-    check(sd_event_add_io(loop, &io, socket_.get(), EPOLLIN, onReadable, this), "sd_event_add_io");
-    io_.reset(io);
+    io_ = addIo<SocketListener, &SocketListener::acceptAll>(loop, this, socket_.get(), EPOLLIN);
 }
 
 SocketListener::~SocketListener() {
