@@ -55,8 +55,8 @@ constexpr std::uint64_t truncate = 1ULL << 14;    // ABI 3
 constexpr std::uint64_t ioctlDev = 1ULL << 15;    // ABI 5
 }  // namespace fs
 
-constexpr std::uint64_t netBindTcp = 1ULL << 0;     // ABI 4
-constexpr std::uint64_t netConnectTcp = 1ULL << 1;  // ABI 4
+constexpr std::uint64_t netBindTcp = 1ULL << 0;               // ABI 4
+constexpr std::uint64_t netConnectTcp = 1ULL << 1;            // ABI 4
 constexpr std::uint64_t scopeAbstractUnixSocket = 1ULL << 0;  // ABI 6
 constexpr std::uint64_t scopeSignal = 1ULL << 1;              // ABI 6
 
@@ -91,7 +91,8 @@ std::string errorText(const char* what, int error) {
 bool sessionBusIsAbstract() {
     // Read on the main thread before any other thread exists, so nobody changes it meanwhile.
     const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");  // NOLINT(concurrency-mt-unsafe)
-    return address != nullptr && std::string_view(address).find("abstract=") != std::string_view::npos;
+    return address != nullptr &&
+           std::string_view(address).find("abstract=") != std::string_view::npos;
 }
 
 struct DirectoryClose {
@@ -118,7 +119,8 @@ void allowLogsDirectory(int ruleset, const ConfinementRules& rules, std::uint64_
     if (!rules.logsDirectory) {
         return;
     }
-    const Descriptor directory(::open(rules.logsDirectory->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const Descriptor directory(
+        ::open(rules.logsDirectory->c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!directory) {
         return;
     }
@@ -165,14 +167,46 @@ struct FilterRelease {
 };
 
 constexpr std::array deniedSystemCalls = {
-    "execve",         "execveat",        "ptrace",        "process_vm_readv", "process_vm_writev",
-    "pidfd_getfd",    "mount",           "umount2",       "pivot_root",       "chroot",
-    "move_mount",     "open_tree",       "fsopen",        "fsmount",          "fsconfig",
-    "fspick",         "mount_setattr",   "unshare",       "setns",            "name_to_handle_at",
-    "open_by_handle_at", "bpf",          "perf_event_open", "userfaultfd",    "io_uring_setup",
-    "io_uring_enter", "io_uring_register", "keyctl",      "add_key",          "request_key",
-    "kexec_load",     "kexec_file_load", "init_module",   "finit_module",     "delete_module",
-    "reboot",         "swapon",          "swapoff",       "iopl",             "ioperm",
+    "execve",
+    "execveat",
+    "ptrace",
+    "process_vm_readv",
+    "process_vm_writev",
+    "pidfd_getfd",
+    "mount",
+    "umount2",
+    "pivot_root",
+    "chroot",
+    "move_mount",
+    "open_tree",
+    "fsopen",
+    "fsmount",
+    "fsconfig",
+    "fspick",
+    "mount_setattr",
+    "unshare",
+    "setns",
+    "name_to_handle_at",
+    "open_by_handle_at",
+    "bpf",
+    "perf_event_open",
+    "userfaultfd",
+    "io_uring_setup",
+    "io_uring_enter",
+    "io_uring_register",
+    "keyctl",
+    "add_key",
+    "request_key",
+    "kexec_load",
+    "kexec_file_load",
+    "init_module",
+    "finit_module",
+    "delete_module",
+    "reboot",
+    "swapon",
+    "swapoff",
+    "iopl",
+    "ioperm",
 };
 
 void filterSystemCalls(std::vector<std::string>& notes) {

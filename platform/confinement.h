@@ -35,7 +35,8 @@
 //      socket, socketpair             for every family but AF_UNIX: no IPv4, IPv6, netlink, ...
 //    A name that this libseccomp does not know for the machine is left out, not an error.
 // Under Valgrind, which knows neither Landlock's nor seccomp's system calls, nothing is applied
-// (and that is the one note). Stateless; call from the main thread, once, before any other thread starts.
+// (and that is the one note). Stateless; call from the main thread, once, before any other thread
+// starts.
 #pragma once
 
 #include <filesystem>

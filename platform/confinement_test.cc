@@ -107,8 +107,9 @@ TEST_F(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElse) {
         ::execve("/bin/true", arguments, nullptr);
         expect(problems, errno == EPERM, "starts a program");
         // A thread started afterwards is bound as its starter is.
-        std::thread([&] { expect(problems, !opens(secret, O_RDONLY), "a later thread reads"); })
-            .join();
+        std::thread([&] {
+            expect(problems, !opens(secret, O_RDONLY), "a later thread reads");
+        }).join();
     });
     EXPECT_EQ(problems, "");
 }
@@ -125,8 +126,9 @@ TEST_F(ConfinementTest, ThreadRunningBeforeIsFilteredAndReported) {
         const auto lines = confineProcess({logs});
         test::writeAll(go.writeEnd.get(), "x");
         early.join();
-        if (lines != std::vector<std::string>{
-                         "Landlock: 1 threads started before confinement are not restricted by it"}) {
+        if (lines !=
+            std::vector<std::string>{
+                "Landlock: 1 threads started before confinement are not restricted by it"}) {
             problems += "notes: " + notes(lines);
         }
     });

@@ -76,7 +76,8 @@ TEST_F(HostTest, RunsConfinedOnEveryThreadAndStillRelaysBothWays) {
     // confinement left no note (none failed, no thread ran before Landlock bound the main one).
     int threads = 0;
     const pid_t pid = session.host().pid();
-    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
         const auto status = "task/" + task.path().filename().string() + "/status";
         EXPECT_EQ(procFigure(pid, status, "NoNewPrivs"), 1) << status;
         EXPECT_EQ(procFigure(pid, status, "Seccomp"), 2) << status;
