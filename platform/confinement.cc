@@ -43,13 +43,12 @@ constexpr unsigned createRulesetVersion = 1U << 0;
 constexpr int rulePathBeneath = 1;
 
 namespace fs {
-constexpr std::uint64_t execute = 1ULL << 0;
 constexpr std::uint64_t writeFile = 1ULL << 1;
 constexpr std::uint64_t readFile = 1ULL << 2;
 constexpr std::uint64_t readDir = 1ULL << 3;
 constexpr std::uint64_t removeFile = 1ULL << 5;
 constexpr std::uint64_t makeReg = 1ULL << 8;
-constexpr std::uint64_t abi1 = (1ULL << 13) - 1;  // execute … makeSym
+constexpr std::uint64_t abi1 = (1ULL << 13) - 1;  // bits 0 (execute) to 12 (make a symlink)
 constexpr std::uint64_t refer = 1ULL << 13;       // ABI 2
 constexpr std::uint64_t truncate = 1ULL << 14;    // ABI 3
 constexpr std::uint64_t ioctlDev = 1ULL << 15;    // ABI 5
@@ -154,8 +153,8 @@ void restrictWithLandlock(const ConfinementRules& rules, std::vector<std::string
     }
     allowLogsDirectory(ruleset.get(), rules, attributes.handledAccessFs, notes);
     if (const int threads = runningThreads(); threads > 1) {
-        notes.push_back("Landlock: " + std::to_string(threads - 1) +
-                        " threads started before confinement are not restricted by it");
+        notes.push_back("Landlock: threads started before it are not restricted by it (" +
+                        std::to_string(threads - 1) + ")");
     }
     if (::syscall(SYS_landlock_restrict_self, ruleset.get(), 0) != 0) {
         notes.push_back(errorText("Landlock: could not restrict the host", errno));
@@ -239,7 +238,7 @@ void filterSystemCalls(std::vector<std::string>& notes) {
 // Valgrind runs the program's system calls itself and knows neither Landlock's nor seccomp's.
 bool underValgrind() {
 #ifdef RUNNING_ON_VALGRIND
-    return RUNNING_ON_VALGRIND != 0;  // NOLINT: the client request is a macro of inline assembly
+    return RUNNING_ON_VALGRIND != 0;
 #else
     return false;
 #endif
