@@ -5,13 +5,13 @@
 //    capabilities); it is also what lets an unprivileged process use the other two.
 //  - Landlock, best effort by the kernel's ABI: every file-system right the ABI knows is handled,
 //    and only the logs directory is allowed (read, write, create, remove and rename files: the log
-//    and its rotation). Landlock does not govern stat() or connect() to a pathname Unix socket (up
-//    to the rights this code knows, ABI 7), so the socket trust checks and connects to the core
-//    service and the session bus need no rule. ABI 4: TCP bind and connect are denied. ABI 6:
-//    signals to processes outside the domain are refused, and so are abstract Unix sockets, unless
-//    the session bus itself is one (DBUS_SESSION_BUS_ADDRESS names "abstract=").
-//    Landlock confines only the calling thread and the threads it starts afterwards: call this
-//    before any other thread exists. A thread found running is reported, not confined.
+//    and its rotation). Landlock does not govern stat(), and connect() to a pathname Unix socket
+//    only from ABI 9, a right this code leaves unhandled: the socket trust checks and the connects
+//    to the core service and the session bus need no rule. ABI 4: TCP bind and connect are denied.
+//    ABI 6: signals to processes outside the domain are refused, and so are abstract Unix sockets,
+//    unless the session bus itself is one (DBUS_SESSION_BUS_ADDRESS names "abstract="). Landlock
+//    confines only the calling thread and the threads it starts afterwards: call this before any
+//    other thread exists. A thread found running is reported (it still gets the filter).
 //  - seccomp, through libseccomp: every system call is allowed except a deny list that fails with
 //    EPERM (never a kill, so a library that probes one goes on). The filter is synchronised to
 //    every thread of the process (TSYNC). What is denied, and why:
@@ -33,7 +33,9 @@
 //      kexec_load, kexec_file_load, init_module, finit_module, delete_module, reboot, swapon,
 //      swapoff, iopl, ioperm          the system itself, for a host run by root
 //      socket, socketpair             for every family but AF_UNIX: no IPv4, IPv6, netlink, ...
-//    A name that this libseccomp does not know for the machine is left out, not an error.
+//    A name that this libseccomp does not know for the machine is left out, not an error. clone
+//    and clone3 stay allowed (threads need them). A system call of another architecture (i386,
+//    x32) ends the process: libseccomp's default, and the host never makes one.
 // Under Valgrind, which knows neither Landlock's nor seccomp's system calls, nothing is applied
 // (and that is the one note). Stateless; call from the main thread, once, before any other thread
 // starts.
