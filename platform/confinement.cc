@@ -165,48 +165,21 @@ struct FilterRelease {
     void operator()(void* filter) const { seccomp_release(filter); }
 };
 
+// In the groups of the header, which says why each is there.
+// clang-format off
 constexpr std::array deniedSystemCalls = {
-    "execve",
-    "execveat",
-    "ptrace",
-    "process_vm_readv",
-    "process_vm_writev",
-    "pidfd_getfd",
-    "mount",
-    "umount2",
-    "pivot_root",
-    "chroot",
-    "move_mount",
-    "open_tree",
-    "fsopen",
-    "fsmount",
-    "fsconfig",
-    "fspick",
-    "mount_setattr",
-    "unshare",
-    "setns",
-    "name_to_handle_at",
-    "open_by_handle_at",
-    "bpf",
-    "perf_event_open",
-    "userfaultfd",
-    "io_uring_setup",
-    "io_uring_enter",
-    "io_uring_register",
-    "keyctl",
-    "add_key",
-    "request_key",
-    "kexec_load",
-    "kexec_file_load",
-    "init_module",
-    "finit_module",
-    "delete_module",
-    "reboot",
-    "swapon",
-    "swapoff",
-    "iopl",
-    "ioperm",
+    "execve", "execveat",
+    "ptrace", "process_vm_readv", "process_vm_writev", "pidfd_getfd",
+    "mount", "umount2", "pivot_root", "chroot", "move_mount", "open_tree", "fsopen", "fsmount",
+    "fsconfig", "fspick", "mount_setattr", "unshare", "setns",
+    "name_to_handle_at", "open_by_handle_at",
+    "bpf", "perf_event_open", "userfaultfd",
+    "io_uring_setup", "io_uring_enter", "io_uring_register",
+    "keyctl", "add_key", "request_key",
+    "kexec_load", "kexec_file_load", "init_module", "finit_module", "delete_module", "reboot",
+    "swapon", "swapoff", "iopl", "ioperm",
 };
+// clang-format on
 
 void filterSystemCalls(std::vector<std::string>& notes) {
     const std::unique_ptr<void, FilterRelease> filter(seccomp_init(SCMP_ACT_ALLOW));
