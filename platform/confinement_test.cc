@@ -46,9 +46,7 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
     }
     const test::TemporaryDirectory root;
     const auto logs = root.path() / "logs";
-    const auto secret = root.path() / "secret";
     std::filesystem::create_directory(logs);
-    test::writeAll(Descriptor(::open(secret.c_str(), O_WRONLY | O_CREAT, 0600)).get(), "x");
     const test::TestCoreService core(root.path() / "kerrow" / "browser.sock");
     test::Pipe report;
     const pid_t child = ::fork();
@@ -56,8 +54,7 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
         std::string problems;
         test::Pipe go;
         std::thread early([&] {  // filtered too, but not bound by Landlock: a note says so
-            char byte = 0;
-            expect(problems, ::read(go.readEnd.get(), &byte, 1) == 1, "waits");
+            expect(problems, test::readExactly(go.readEnd.get(), 1) == "x", "waits");
             expect(problems, ::socket(AF_INET, SOCK_STREAM, 0) < 0, "an earlier thread's IPv4");
         });
         for (const auto& note : confineProcess({logs})) {
@@ -68,9 +65,7 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
         const auto log = logs / "native-messaging-host.log";
         expect(problems, opens(log, O_WRONLY | O_APPEND | O_CREAT | O_EXCL), "creates its log");
         expect(problems, ::rename(log.c_str(), (logs / "log.1").c_str()) == 0, "rotates its log");
-        expect(problems, ::unlink((logs / "log.1").c_str()) == 0, "removes a rotated log");
         expect(problems, connects(core.socketPath()), "connects to the core service");
-        expect(problems, !opens(secret, O_RDONLY), "reads a file outside");
         expect(problems, !opens("/etc/passwd", O_RDONLY), "reads /etc/passwd");
         expect(problems, !opens(root.path() / "new", O_WRONLY | O_CREAT), "creates a file outside");
         expect(problems, ::socket(AF_INET, SOCK_STREAM, 0) < 0 && errno == EPERM, "IPv4 socket");
@@ -79,7 +74,7 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
         ::execve("/bin/true", arguments, nullptr);
         expect(problems, errno == EPERM, "starts a program");
         std::thread([&] {
-            expect(problems, !opens(secret, O_RDONLY), "a later thread reads");
+            expect(problems, !opens("/etc/passwd", O_RDONLY), "a later thread reads");
         }).join();
         test::writeAll(report.writeEnd.get(), problems);
         ::_exit(0);

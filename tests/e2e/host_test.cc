@@ -75,8 +75,7 @@ TEST_F(HostTest, RunsConfinedOnEveryThreadAndStillRelaysBothWays) {
     EXPECT_EQ(connection.receive(), R"({"tabs":[]}kerrow.tabList)");
     connection.send("kerrow.closeTab-7");
     EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":7}})");
-    // Every thread runs now (the queues, the logger's writer): each has the filter, and the
-    // confinement left no note (none failed, no thread ran before Landlock bound the main one).
+    // Every thread runs now (the queues, the logger's writer). No note: see the test above.
     int threads = 0;
     const pid_t pid = session.host().pid();
     for (const auto& task :
@@ -87,8 +86,6 @@ TEST_F(HostTest, RunsConfinedOnEveryThreadAndStillRelaysBothWays) {
         ++threads;
     }
     EXPECT_GE(threads, 3);
-    ASSERT_TRUE(session.waitForLog(sendingLine));
-    EXPECT_EQ(session.logMessages().front(), startedLine) << session.log();
 }
 
 TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBrowser) {
