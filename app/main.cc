@@ -7,7 +7,9 @@
 #include <cerrno>
 
 #include "app/app_delegate.h"
+#include "kit/logger.h"
 #include "platform/application.h"
+#include "platform/confinement.h"
 
 namespace {
 
@@ -47,5 +49,13 @@ int main(int argc, char** argv) {
     // The application does not own its delegate; this one lives as long as the process.
     static kerrow::AppDelegate appDelegate;
     kerrow::Application::shared().setDelegate(&appDelegate);
+#if KERROW_CONFINE
+    // The log is open and no thread runs yet (the logger starts its writer with the first line,
+    // the queues with the first start notification): confined here, every thread of the host is.
+    const kerrow::Logger logger(kerrow::now(), std::nullopt);
+    for (const auto& note : kerrow::confineProcess({kerrow::Logger::defaultLogsDirectory()})) {
+        logger.logInformation(note, kerrow::now());
+    }
+#endif
     return kerrow::applicationMain(argc, argv);
 }

@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,28 @@ TEST_F(HostTest, AnnouncesItselfAndWaitsForTheAnswerBeforeReadingOrConnecting) {
     EXPECT_TRUE(
         inOrder(lines, {"info Starting KerrowNativeMessagingHost:BrowserExtensionIO", sendingLine}))
         << session.log();
+}
+
+TEST_F(HostTest, RunsConfinedOnEveryThreadAndStillRelaysBothWays) {
+    if (!KERROW_HOST_CONFINED) {
+        GTEST_SKIP() << "built with -DKERROW_CONFINE=OFF (the sanitizer builds)";
+    }
+    auto connection = session.start();
+    session.host().send(R"({"tabs":[]})");
+    EXPECT_EQ(connection.receive(), R"({"tabs":[]}kerrow.tabList)");
+    connection.send("kerrow.closeTab-7");
+    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":7}})");
+    // Every thread runs now (the queues, the logger's writer). No note: see the test above.
+    int threads = 0;
+    const pid_t pid = session.host().pid();
+    for (const auto& task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        const auto status = "task/" + task.path().filename().string() + "/status";
+        EXPECT_EQ(procFigure(pid, status, "NoNewPrivs"), 1) << status;
+        EXPECT_EQ(procFigure(pid, status, "Seccomp"), 2) << status;
+        ++threads;
+    }
+    EXPECT_GE(threads, 3);
 }
 
 TEST_F(HostTest, StopsReadingTheCoreServiceAfterASocketErrorButKeepsServingTheBrowser) {

@@ -12,6 +12,7 @@
 
 #include "kit/socket_helper.h"
 #include "kit/trust.h"
+#include "platform/confinement.h"
 #include "platform/descriptor.h"
 #include "platform/distributed_notification_center.h"
 #include "tools/installer/manifest.h"
@@ -217,6 +218,17 @@ Finding checkSocket() {
     }
 }
 
+// Information only: without Landlock the host still runs, with its system-call filter alone.
+Finding checkConfinement() {
+    const int abi = landlockAbiVersion();
+    return {true, "confinement",
+            abi > 0 ? "Landlock ABI " + std::to_string(abi) +
+                          ": the host reaches only its log folder and Unix sockets"
+                    : "no Landlock on this kernel (or off at boot): the host's files and network "
+                      "stay open to it, its system calls are filtered",
+            ""};
+}
+
 }  // namespace
 
 std::vector<Finding> diagnose(const Options& options, const Environment& environment) {
@@ -224,6 +236,7 @@ std::vector<Finding> diagnose(const Options& options, const Environment& environ
     checkBrowsers(options, environment, findings);
     findings.push_back(checkBus());
     findings.push_back(checkSocket());
+    findings.push_back(checkConfinement());
     return findings;
 }
 

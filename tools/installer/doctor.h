@@ -25,7 +25,7 @@ struct Finding {
     std::string fix;
 };
 
-/// Every finding, in the order: browsers, session bus, core service socket.
+/// Every finding, in the order: browsers, session bus, core service socket, confinement.
 [[nodiscard]] std::vector<Finding> diagnose(const Options& options, const Environment& environment);
 
 /// Prints the findings (one line each, or JSON with --json) on `out`; 0 when none is a problem,
