@@ -23,6 +23,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -64,6 +65,9 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     void disableInternet(const std::string& payload);
     void enableInternet();
     void setWebsiteList(const Data& websiteListJSON);
+    /// Decodes the list as it writes the message, so no second copy of the list is made; a list
+    /// whose message would pass the browser's limit is dropped with an error line.
+    void setWebsiteList(std::span<const std::uint8_t> websiteListJSON);
     void clearWebsiteLists();
 
     /// Writes one frame on the output handle.

@@ -31,6 +31,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -45,6 +46,11 @@ class SocketReaderDelegate {
   public:
     virtual ~SocketReaderDelegate() = default;
     virtual void didReadData(const Data& data) = 0;
+    /// The same, as a view of the endpoint's buffer (valid during the call), so a delegate that
+    /// needs no copy of a large message makes none. By default a copy goes to the above.
+    virtual void didReadData(std::span<const std::uint8_t> data) {
+        didReadData(Data(data.begin(), data.end()));
+    }
 };
 
 /// The four commands of the core service, as the host-to-core service handles them.
