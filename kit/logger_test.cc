@@ -2,13 +2,20 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
+#include <fstream>
+#include <future>
 #include <functional>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "tests/support/test_support.h"
@@ -44,27 +51,44 @@ TEST_F(LoggerTest, WritesEachMessageAsOneLineWithTheCallersTimeSoon) {
     EXPECT_TRUE(test::waitUntil([&] { return test::readFile(logFile) == expected; }, 3000ms))
         << test::readFile(logFile);
 
-    // A message stays one line of at most 64 KiB, whatever it carries.
+    // A message stays one line of at most 64 KiB, escapes included, whatever it carries, and
+    // every escape reads one way: a backslash of the text is escaped too.
     logger.logInformation(
-        "Received Disable Internet: a\n2026-01-01T00:00:00.000Z error forged\r\x1b[2J\tend\x7f",
+        "Received Disable Internet: a\n2026-01-01T00:00:00.000Z error forged\r\x1b[2J\tend\x7f\\n",
         exampleTime());
-    // 12 MiB of text whose cut falls inside a two-byte character.
+    // 12 MiB of text whose cut falls inside a two-byte character, and control bytes that escape
+    // to four times their size.
     std::string huge = "x";
     for (int index = 0; index < 6 * 1024 * 1024; ++index) {
         huge += "\xc3\xa9";
     }
     logger.logInformation(huge, exampleTime());
+    logger.logInformation(std::string(100000, '\x01'), exampleTime());
     Logger::flushAll();
-    const std::string log = test::readFile(logFile).substr(expected.size());
-    const std::string first = log.substr(0, log.find('\n') + 1);
-    EXPECT_EQ(first,
+    std::vector<std::string> lines;
+    std::istringstream log(test::readFile(logFile).substr(expected.size()));
+    for (std::string line; std::getline(log, line);) {
+        lines.push_back(line);
+    }
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[0],
               "2026-11-22T09:14:03.042Z info Received Disable Internet: "
-              "a\\n2026-01-01T00:00:00.000Z error forged\\r\\x1b[2J\tend\\x7f\n");
-    const std::string second = log.substr(first.size());
-    EXPECT_EQ(std::count(second.begin(), second.end(), '\n'), 1);
-    EXPECT_LE(second.size(), 64u * 1024 + 64);
-    EXPECT_TRUE(second.ends_with(" [12517378 bytes left out]\n"))
-        << second.substr(second.size() - 40);
+              "a\\n2026-01-01T00:00:00.000Z error forged\\r\\x1b[2J\tend\\x7f\\\\n");
+    const std::string prefix = "2026-11-22T09:14:03.042Z info ";
+    for (const auto& [line, unit] : {std::pair{lines[1], std::string("\xc3\xa9")},
+                                     std::pair{lines[2], std::string("\\x01")}}) {
+        const std::string message = line.substr(prefix.size());
+        EXPECT_LE(message.size(), 64u * 1024);
+        const std::size_t note = message.rfind(" [");
+        const std::size_t leftOut = std::stoul(message.substr(note + 2));
+        EXPECT_TRUE(message.ends_with(" bytes left out]")) << message.substr(note);
+        // Whole characters and whole escapes only, and the note counts exactly what is missing.
+        const std::string kept = message.substr(unit.size() == 2 ? 1 : 0, note - (unit.size() == 2));
+        EXPECT_EQ(kept.size() % unit.size(), 0u);
+        EXPECT_EQ(kept.find_first_not_of(unit), std::string::npos);
+        const std::size_t total = unit.size() == 2 ? huge.size() : 100000;
+        EXPECT_EQ(leftOut + (unit.size() == 2 ? kept.size() + 1 : kept.size() / 4), total);
+    }
 }
 
 TEST_F(LoggerTest, LoggersOnManyThreadsShareOneFileWithoutTornOrLostLines) {
@@ -110,6 +134,108 @@ TEST_F(LoggerTest, HostsSharingALogRotateItWithoutLosingLines) {
     EXPECT_FALSE(std::filesystem::exists(logFile.string() + ".3"));
     EXPECT_GE(kept, 2u * 8 * 1024);  // the three files hold what fits; older lines rotated away
     EXPECT_EQ(test::logMessages(logFile).back(), "info " + std::to_string(lines - 1) + filler);
+}
+
+// A rotation whose lock another process holds is skipped, never waited for, and done by a later
+// batch once the lock is free.
+TEST_F(LoggerTest, ALockHeldElsewhereNeverHoldsUpLoggingAndRotationFollowsLater) {
+    const Logger logger(now(), logsDir);
+    logger.logInformation("first", now());
+    Logger::flushAll();
+    std::array<int, 2> locked{};
+    std::array<int, 2> release{};
+    ASSERT_EQ(::pipe(locked.data()), 0);
+    ASSERT_EQ(::pipe(release.data()), 0);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        const int file = ::open(logFile.c_str(), O_RDONLY | O_CLOEXEC);
+        char byte = file >= 0 && ::flock(file, LOCK_EX) == 0 ? 'y' : 'n';
+        (void)!::write(locked[1], &byte, 1);
+        (void)!::read(release[0], &byte, 1);
+        ::_exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(locked[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+    const std::string filler(1000, 'l');
+    const auto logMegabytes = [&](int megabytes) {
+        return std::async(std::launch::async, [&, megabytes] {
+            for (int index = 0; index < megabytes * 1000; ++index) {
+                logger.logInformation(filler, now());
+                if (index % 1000 == 0) {
+                    Logger::flushAll();  // one batch after another
+                }
+            }
+            Logger::flushAll();
+        });
+    };
+    auto logging = logMegabytes(10);
+    EXPECT_EQ(logging.wait_for(10s), std::future_status::ready) << "logging waited for the lock";
+    EXPECT_GT(std::filesystem::file_size(logFile), 10u * 1000 * 1000);
+    EXPECT_FALSE(std::filesystem::exists(logFile.string() + ".1"));
+    (void)!::write(release[1], "x", 1);
+    ::waitpid(holder, nullptr, 0);
+    logging.wait();
+    for (const int end : {locked[0], locked[1], release[0], release[1]}) {
+        ::close(end);
+    }
+    logMegabytes(1).wait();
+    EXPECT_TRUE(std::filesystem::exists(logFile.string() + ".1"));
+    EXPECT_LT(std::filesystem::file_size(logFile), 2u * 1000 * 1000);
+}
+
+// On a full disk the lines that do not fit are counted and reported once writing works again;
+// the line a failed write cut off is ended, never continued. A rename that fails is reported
+// once, not with every batch.
+TEST_F(LoggerTest, CountsLinesAFullDiskLostAndReportsAFailedRotationOnce) {
+    const Logger logger(now(), logsDir);
+    logger.logInformation("first", exampleTime());
+    Logger::flushAll();
+    const std::string filler(999, 'f');
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit saved{};
+        ::getrlimit(RLIMIT_FSIZE, &saved);
+        rlimit small = saved;
+        small.rlim_cur = 100000;  // the file may not grow beyond: writes fail as on a full disk
+        ::setrlimit(RLIMIT_FSIZE, &small);
+        for (int index = 0; index < 200; ++index) {
+            logger.logInformation(filler, exampleTime());
+        }
+        Logger::flushAll();
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+    }
+    logger.logInformation("after", exampleTime());
+    Logger::flushAll();
+    const std::string log = test::readFile(logFile);
+    const std::string line = "2026-11-22T09:14:03.042Z info " + filler + "\n";
+    std::size_t written = 0;  // whole lines
+    for (std::size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) {
+        ++written;
+    }
+    const std::size_t report = log.find(" error ");
+    ASSERT_NE(report, std::string::npos) << log.substr(log.size() - 300);
+    // The cut line was ended: the report starts a line of its own.
+    EXPECT_EQ(report - log.rfind('\n', report), std::string("2026-11-22T09:14:03.042Z").size() + 1);
+    EXPECT_EQ(log.substr(report, log.find('\n', report) - report),
+              " error " + std::to_string(200 - written) +
+                  " log lines were lost: writing the log failed or fell behind");
+    EXPECT_TRUE(log.ends_with(" info after\n"));
+
+    // .2 a directory with something in it: rotating can never rename .1 onto it.
+    std::filesystem::create_directories(logsDir / "native-messaging-host.log.2" / "x");
+    std::ofstream(logFile.string() + ".1") << "old\n";
+    for (int batch = 0; batch < 12; ++batch) {
+        for (int index = 0; index < 1000; ++index) {
+            logger.logInformation(filler, exampleTime());
+        }
+        Logger::flushAll();
+    }
+    const auto messages = test::logMessages(logFile);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(),
+                         "error Could not rotate the log: Is a directory"),
+              1);
+    EXPECT_LE(std::filesystem::file_size(logFile), 16u * 1024 * 1024);
 }
 
 void writeFile(const std::filesystem::path& file, mode_t mode) {
