@@ -154,6 +154,14 @@ void SocketHelper::readSocket() {
             return;
         }
         const std::size_t kept = inbound_.size();
+        if (kept >= frameHeaderLength) {
+            // Room for the whole frame under way, so that a frame arriving in many reads is
+            // never copied to grow the buffer. Pages are touched only as its bytes arrive.
+            const std::size_t length = decodeFrameLength(inbound_.data());
+            if (length <= maximumFrameLength) {
+                inbound_.reserve(frameHeaderLength + length + readChunk);
+            }
+        }
         inbound_.resize(kept + readChunk);
         const ssize_t received = ::recv(descriptor_.get(), inbound_.data() + kept, readChunk, 0);
         const int error = errno;
@@ -220,8 +228,9 @@ void SocketHelper::deliverCompleteFrames() {
         }
     }
     inbound_.erase(inbound_.begin(), inbound_.begin() + static_cast<std::ptrdiff_t>(consumed));
-    if (inbound_.capacity() > retainedCapacity && inbound_.size() <= retainedCapacity) {
-        inbound_.shrink_to_fit();
+    // After a large frame the buffer gives its memory back, once that copies at most a read.
+    if (inbound_.capacity() > retainedCapacity && inbound_.size() <= readChunk) {
+        Data(inbound_.begin(), inbound_.end()).swap(inbound_);
     }
 }
 

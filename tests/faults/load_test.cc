@@ -1,9 +1,14 @@
 // The real host under load across two repeated starts: nothing lost or reordered, memory flat.
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <iostream>
 #include <atomic>
+#include <fcntl.h>
+#include <fstream>
 #include <thread>
 
 #include "tests/support/host_session.h"
@@ -136,6 +141,101 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
     EXPECT_LT(residentLate - residentEarly, 16 * 1024)
         << "resident memory grew from " << residentEarly << " KiB to " << residentLate << " KiB";
 #endif
+}
+
+
+// Resident memory of the host in KiB: now, and its peak since resetPeak().
+std::int64_t resident(pid_t host) {
+    return procFigure(host, "status", "VmRSS");
+}
+std::int64_t peak(pid_t host) {
+    return procFigure(host, "status", "VmHWM");
+}
+void resetPeak(pid_t host) {
+    std::ofstream("/proc/" + std::to_string(host) + "/clear_refs") << "5";
+}
+
+// A command costs memory in proportion to its size and gives it back; so does an extension
+// message. Figures for the memory table of docs/reliability.md are printed.
+TEST(LoadTest, LargeMessagesCostASmallMultipleOfTheirSizeAndTheMemoryIsGivenBack) {
+    HostSession session{KERROW_HOST_BINARY};
+    auto core = session.start();
+    const pid_t host = session.host().pid();
+    // Warm every path once, so that rest is what a working host holds.
+    core.send(R"(kerrow.websiteList{"name":"n","websites":["a"],"listType":1})");
+    ASSERT_TRUE(session.host().receive());
+    session.host().send(tabData(0));
+    ASSERT_EQ(core.receive(), relayedTabData(0));
+    std::this_thread::sleep_for(500ms);
+    const std::int64_t rest = resident(host);
+
+    // 16 MiB website list: its message would pass 1 MiB, so it is refused; the next goes out.
+    std::string list = R"(kerrow.websiteList{"name":"n","websites":[)";
+    while (list.size() < 16 * 1024 * 1024) {
+        list += "\"\",";
+    }
+    list += R"(""],"listType":0})";
+    resetPeak(host);
+    core.send(list);
+    core.send(R"(kerrow.websiteList{"name":"n","websites":["b"],"listType":0})");
+    EXPECT_EQ(session.host().receive(10'000ms),
+              R"({"action":"setWhitelist","payload":{"whitelist":["b"]}})");
+    EXPECT_TRUE(session.waitForLog("error Not Setting Website List: a list of "));
+    const std::int64_t listPeak = peak(host) - rest;
+    std::this_thread::sleep_for(3s);
+    const std::int64_t listAfter = resident(host) - rest;
+
+    // 48 MiB extension message, then 1,000 small ones.
+    resetPeak(host);
+    std::string large = R"({"tabs":")" + std::string(48 * 1024 * 1024, 't') + R"("})";
+    std::jthread browser([&] {
+        session.host().send(large);
+        for (int i = 1; i <= 1000; ++i) {
+            session.host().send(tabData(i));
+        }
+    });
+    const auto relayed = core.receive(20'000ms);
+    EXPECT_TRUE(relayed && relayed->size() == large.size() + 14);
+    for (int i = 1; i <= 1000; ++i) {
+        ASSERT_EQ(core.receive(), relayedTabData(i));
+    }
+    browser.join();
+    large = std::string();
+    const std::int64_t messagePeak = peak(host) - rest;
+    std::this_thread::sleep_for(3s);
+    const std::int64_t messageAfter = resident(host) - rest;
+    std::cout << "memory at rest " << rest << " KiB; 16 MiB list: peak +" << listPeak
+              << " KiB, 3 s later +" << listAfter << " KiB; 48 MiB message: peak +" << messagePeak
+              << " KiB, 3 s later +" << messageAfter << " KiB\n";
+#ifndef KERROW_SANITIZED
+    EXPECT_LT(listPeak, 96 * 1024);
+    EXPECT_LT(listAfter, 24 * 1024);
+    EXPECT_LT(messageAfter, 24 * 1024);
+#endif
+}
+
+// Another process holds the lock of the log while commands come in whose lines call for
+// rotations: the host never waits for it.
+TEST(LoadTest, ALockHeldOnTheLogNeverHoldsUpTheRelay) {
+    HostSession session{KERROW_HOST_BINARY};
+    auto core = session.start();
+    const int log = ::open(session.logFile().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(log, 0);
+    ASSERT_EQ(::flock(log, LOCK_EX), 0);  // this process's lock: the host's flock() is refused
+    const std::string payload(60 * 1024, 'p');
+    std::jthread commands([&] {
+        for (int i = 0; i < 160; ++i) {
+            core.send("kerrow.disableInternet" + payload);
+        }
+    });
+    int delivered = 0;
+    while (delivered < 160 && session.host().receive(5000ms)) {
+        ++delivered;
+    }
+    EXPECT_EQ(delivered, 160) << "commands reached the extension";
+    session.host().send(tabData(1));
+    EXPECT_EQ(core.receive(), relayedTabData(1));
+    ::close(log);
 }
 
 }  // namespace
