@@ -86,10 +86,10 @@ void HostToCoreSocketService::retire() {
 }
 
 void HostToCoreSocketService::didReadData(const Data& data) {
-    didReadData(std::span<const std::uint8_t>(data));
+    didReadFrame(std::span<const std::uint8_t>(data));
 }
 
-void HostToCoreSocketService::didReadData(std::span<const std::uint8_t> data) {
+void HostToCoreSocketService::didReadFrame(std::span<const std::uint8_t> data) {
     const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
     if (isValidUTF8(text)) {
         handleMessage(text);

@@ -39,7 +39,7 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
     void setup();
 
     void didReadData(const Data& data) override;
-    void didReadData(std::span<const std::uint8_t> data) override;
+    void didReadFrame(std::span<const std::uint8_t> data) override;
     /// Routes one message to the handler of the first keyword it contains.
     void handleMessage(const std::string& message);
     void handleMessage(std::string_view message);

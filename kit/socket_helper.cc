@@ -219,12 +219,11 @@ void SocketHelper::deliverCompleteFrames() {
         if (inbound_.size() - consumed - frameHeaderLength < length) {
             break;
         }
-        const auto body =
-            inbound_.begin() + static_cast<std::ptrdiff_t>(consumed + frameHeaderLength);
-        const Data message(body, body + length);
+        const std::span<const std::uint8_t> body(inbound_.data() + consumed + frameHeaderLength,
+                                                 length);
         consumed += frameHeaderLength + length;
         if (const auto delegate = readerDelegate()) {
-            delegate->didReadData(message);
+            delegate->didReadFrame(body);
         }
     }
     inbound_.erase(inbound_.begin(), inbound_.begin() + static_cast<std::ptrdiff_t>(consumed));

@@ -1,11 +1,11 @@
 #include "kit/website_list.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <algorithm>
 
 #include "platform/data.h"
+#include "tests/support/test_support.h"
 
 namespace kerrow {
 namespace {
@@ -31,19 +31,13 @@ TEST(WebsiteListDecoding, ReadsTheThreeMembersIgnoresOthersAndKeepsAnyByteAsList
     EXPECT_FALSE(decode(R"({"name":"n","websites":["a"],"listType":0,"websites":"a"})"));
 }
 
-// The bytes the heap hands out now (glibc's count; 0 where a sanitizer keeps the heap).
-std::size_t heapInUse() {
-    const auto info = ::mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
-
 // Keeps nothing, and notes how much heap was in use while the websites came.
 class MeasuringSink : public WebsiteList::WebsiteSink {
   public:
     void restart() override {}
     void add(std::string_view /*website*/) override {
         if (++count % 4096 == 0) {
-            peak = std::max(peak, heapInUse());
+            peak = std::max(peak, test::heapInUse());
         }
     }
     std::size_t count = 0;
@@ -58,7 +52,7 @@ TEST(WebsiteListDecoding, ReadsALargeListWithoutHoldingIt) {
     }
     json += R"("b"],"listType":0})";
     const Data bytes = dataFromText(json);
-    const std::size_t before = heapInUse();
+    const std::size_t before = test::heapInUse();
     if (before == 0) {
         GTEST_SKIP() << "no heap figures under a sanitizer";
     }
