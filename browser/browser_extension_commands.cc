@@ -149,8 +149,8 @@ void BrowserExtensionIO::setWebsiteList(const Data& websiteListJSON) {
 void BrowserExtensionIO::setWebsiteList(std::span<const std::uint8_t> websiteListJSON) {
     // Both list messages have envelopes of one length.
     const auto [prefix, suffix] = listEnvelope(WebsiteList::ListType::allow);
-    MessageWebsites websites(maximumMessageLength - std::min(maximumMessageLength,
-                                                             prefix.size() + suffix.size()));
+    MessageWebsites websites(maximumMessageLength -
+                             std::min(maximumMessageLength, prefix.size() + suffix.size()));
     const auto listType = WebsiteList::decode(websiteListJSON, websites);
     if (!listType) {
         return;

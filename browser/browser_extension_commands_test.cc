@@ -104,7 +104,8 @@ TEST_F(CommandTest, RefusesCommandsWhoseMessageWouldPassTheBrowsersLimit) {
         return dataFromText(R"({"name":"n","websites":[")" + std::string(length, 'w') +
                             R"("],"listType":0})");
     };
-    const std::size_t disableFitting = 1024 * 1024 - std::string(R"({"action":"disableWeb","payload":""})").size();
+    const std::size_t disableFitting =
+        1024 * 1024 - std::string(R"({"action":"disableWeb","payload":""})").size();
     std::vector<std::string> written;
     {
         std::jthread commands([&] {

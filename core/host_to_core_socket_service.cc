@@ -110,8 +110,8 @@ void HostToCoreSocketService::handleMessage(std::string_view message) {
     } else if (contains(message, Const::Browser::websiteList)) {
         std::string storage;
         const std::string_view list = removingAll(message, Const::Browser::websiteList, storage);
-        receivedWebsiteList(std::span(reinterpret_cast<const std::uint8_t*>(list.data()),
-                                      list.size()));
+        receivedWebsiteList(
+            std::span(reinterpret_cast<const std::uint8_t*>(list.data()), list.size()));
     }
 }
 

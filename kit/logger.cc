@@ -12,8 +12,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 #include <ctime>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -35,8 +35,8 @@ constexpr std::size_t maximumFileSize = 8 * 1024 * 1024;
 constexpr std::size_t largestFileSize = 2 * maximumFileSize;
 constexpr int rotatedFiles = 2;  // native-messaging-host.log.1 and .2
 constexpr auto flushDelay = 500ms;
-constexpr auto rotationRetryDelay = 60s;  // after a rename that failed
-constexpr std::size_t batchSize = 64 * 1024;        // the writer starts at once with this much
+constexpr auto rotationRetryDelay = 60s;             // after a rename that failed
+constexpr std::size_t batchSize = 64 * 1024;         // the writer starts at once with this much
 constexpr std::size_t queueLimit = 8 * 1024 * 1024;  // lines beyond it wait nowhere: lost, counted
 constexpr std::size_t maximumLineData = 64 * 1024;
 // The note of a cut line, " [<count> bytes left out]", fits in this.
@@ -415,8 +415,8 @@ class LogChannel {
 
     std::mutex mutex_;
     // Guarded by mutex_.
-    std::string queue_;      // formatted lines not yet taken by a writer
-    std::size_t lost_ = 0;   // lines dropped because the queue was full
+    std::string queue_;     // formatted lines not yet taken by a writer
+    std::size_t lost_ = 0;  // lines dropped because the queue was full
     std::chrono::sys_seconds cachedSecond_{};
     std::string cachedPrefix_;
     bool stopping_ = false;
@@ -428,10 +428,10 @@ class LogChannel {
     Descriptor directory_;  // invalid when lines go to standard error
     Descriptor file_;       // invalid while no trusted log file is open: standard error
     std::pair<dev_t, ino_t> identity_{};
-    std::string batch_;              // the lines being written
-    std::string notes_;              // lines about the log itself, written before the next batch
-    std::size_t unreported_ = 0;     // lines lost and not yet reported
-    bool cutShort_ = false;          // the last write ended inside a line
+    std::string batch_;           // the lines being written
+    std::string notes_;           // lines about the log itself, written before the next batch
+    std::size_t unreported_ = 0;  // lines lost and not yet reported
+    bool cutShort_ = false;       // the last write ended inside a line
     bool rotationFailureReported_ = false;
     std::chrono::steady_clock::time_point retryRotationAt_{};
     std::chrono::sys_seconds headSecond_{};

@@ -11,8 +11,8 @@
 #include <array>
 #include <csignal>
 #include <fstream>
-#include <future>
 #include <functional>
+#include <future>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -83,7 +83,8 @@ TEST_F(LoggerTest, WritesEachMessageAsOneLineWithTheCallersTimeSoon) {
         const std::size_t leftOut = std::stoul(message.substr(note + 2));
         EXPECT_TRUE(message.ends_with(" bytes left out]")) << message.substr(note);
         // Whole characters and whole escapes only, and the note counts exactly what is missing.
-        const std::string kept = message.substr(unit.size() == 2 ? 1 : 0, note - (unit.size() == 2));
+        const std::string kept =
+            message.substr(unit.size() == 2 ? 1 : 0, note - (unit.size() == 2));
         EXPECT_EQ(kept.size() % unit.size(), 0u);
         EXPECT_EQ(kept.find_first_not_of(unit), std::string::npos);
         const std::size_t total = unit.size() == 2 ? huge.size() : 100000;

@@ -24,8 +24,8 @@ TEST(WebsiteListDecoding, ReadsTheThreeMembersIgnoresOthersAndKeepsAnyByteAsList
     EXPECT_EQ(static_cast<int>(decode(R"({"name":"","websites":[],"listType":255})")->listType),
               255);
     // Of a member given twice, the last counts, even where the first was not valid.
-    const auto repeated =
-        decode(R"({"name":1,"websites":[2],"listType":-1,"name":"b","websites":["c"],"listType":0})");
+    const auto repeated = decode(
+        R"({"name":1,"websites":[2],"listType":-1,"name":"b","websites":["c"],"listType":0})");
     ASSERT_TRUE(repeated);
     EXPECT_EQ(repeated->websites, std::vector<std::string>{"c"});
     EXPECT_FALSE(decode(R"({"name":"n","websites":["a"],"listType":0,"websites":"a"})"));

@@ -1,14 +1,14 @@
 // The real host under load across two repeated starts: nothing lost or reordered, memory flat.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <iostream>
 #include <atomic>
-#include <fcntl.h>
 #include <fstream>
+#include <iostream>
 #include <thread>
 
 #include "tests/support/host_session.h"
@@ -142,7 +142,6 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
         << "resident memory grew from " << residentEarly << " KiB to " << residentLate << " KiB";
 #endif
 }
-
 
 // Resident memory of the host in KiB: now, and its peak since resetPeak().
 std::int64_t resident(pid_t host) {
