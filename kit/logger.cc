@@ -110,8 +110,8 @@ void appendCapped(std::string& line, std::initializer_list<std::string_view> par
     std::size_t escaped = 0;
     for (const auto part : parts) {
         whole += part.size();
-        for (const char character : part) {
-            escaped += escapedLength(static_cast<unsigned char>(character));
+        for (std::size_t index = 0; index < part.size() && escaped <= maximumLineData; ++index) {
+            escaped += escapedLength(static_cast<unsigned char>(part[index]));
         }
     }
     const std::size_t room = escaped <= maximumLineData ? escaped : maximumLineData - noteRoom;

@@ -154,14 +154,6 @@ void SocketHelper::readSocket() {
             return;
         }
         const std::size_t kept = inbound_.size();
-        if (kept >= frameHeaderLength) {
-            // Room for the whole frame under way, so that a frame arriving in many reads is
-            // never copied to grow the buffer. Pages are touched only as its bytes arrive.
-            const std::size_t length = decodeFrameLength(inbound_.data());
-            if (length <= maximumFrameLength) {
-                inbound_.reserve(frameHeaderLength + length + readChunk);
-            }
-        }
         inbound_.resize(kept + readChunk);
         const ssize_t received = ::recv(descriptor_.get(), inbound_.data() + kept, readChunk, 0);
         const int error = errno;
