@@ -143,69 +143,57 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
 #endif
 }
 
-// Resident memory of the host in KiB: now, and its peak since resetPeak().
-std::int64_t resident(pid_t host) {
-    return procFigure(host, "status", "VmRSS");
-}
-std::int64_t peak(pid_t host) {
-    return procFigure(host, "status", "VmHWM");
-}
-void resetPeak(pid_t host) {
+// The host's peak resident memory in KiB since the last reset.
+std::int64_t peakSinceReset(pid_t host) {
+    const std::int64_t peak = procFigure(host, "status", "VmHWM");
     std::ofstream("/proc/" + std::to_string(host) + "/clear_refs") << "5";
+    return peak;
 }
 
 // A command costs memory in proportion to its size and gives it back; so does an extension
-// message. Figures for the memory table of docs/reliability.md are printed.
+// message. Prints the figures of the memory table in docs/reliability.md.
 TEST(LoadTest, LargeMessagesCostASmallMultipleOfTheirSizeAndTheMemoryIsGivenBack) {
     HostSession session{KERROW_HOST_BINARY};
     auto core = session.start();
     const pid_t host = session.host().pid();
-    // Warm every path once, so that rest is what a working host holds.
-    core.send(R"(kerrow.websiteList{"name":"n","websites":["a"],"listType":1})");
+    core.send(R"(kerrow.websiteList{"name":"n","websites":["a"],"listType":1})");  // warm up
     ASSERT_TRUE(session.host().receive());
     session.host().send(tabData(0));
     ASSERT_EQ(core.receive(), relayedTabData(0));
     std::this_thread::sleep_for(500ms);
-    const std::int64_t rest = resident(host);
-
+    const std::int64_t rest = procFigure(host, "status", "VmRSS");
+    (void)peakSinceReset(host);
     // 16 MiB website list: its message would pass 1 MiB, so it is refused; the next goes out.
     std::string list = R"(kerrow.websiteList{"name":"n","websites":[)";
     while (list.size() < 16 * 1024 * 1024) {
-        list += "\"\",";
+        list += R"("",)";
     }
-    list += R"(""],"listType":0})";
-    resetPeak(host);
-    core.send(list);
+    core.send(list + R"(""],"listType":0})");
     core.send(R"(kerrow.websiteList{"name":"n","websites":["b"],"listType":0})");
     EXPECT_EQ(session.host().receive(10'000ms),
               R"({"action":"setWhitelist","payload":{"whitelist":["b"]}})");
     EXPECT_TRUE(session.waitForLog("error Not Setting Website List: a list of "));
-    const std::int64_t listPeak = peak(host) - rest;
+    const std::int64_t listPeak = peakSinceReset(host) - rest;
     std::this_thread::sleep_for(3s);
-    const std::int64_t listAfter = resident(host) - rest;
-
+    const std::int64_t listAfter = procFigure(host, "status", "VmRSS") - rest;
     // 48 MiB extension message, then 1,000 small ones.
-    resetPeak(host);
-    std::string large = R"({"tabs":")" + std::string(48 * 1024 * 1024, 't') + R"("})";
+    const std::string large = R"({"tabs":")" + std::string(48 * 1024 * 1024, 't') + R"("})";
     std::jthread browser([&] {
         session.host().send(large);
         for (int i = 1; i <= 1000; ++i) {
             session.host().send(tabData(i));
         }
     });
-    const auto relayed = core.receive(20'000ms);
-    EXPECT_TRUE(relayed && relayed->size() == large.size() + 14);
+    EXPECT_EQ(core.receive(20'000ms), large + "kerrow.tabList");
     for (int i = 1; i <= 1000; ++i) {
         ASSERT_EQ(core.receive(), relayedTabData(i));
     }
-    browser.join();
-    large = std::string();
-    const std::int64_t messagePeak = peak(host) - rest;
+    const std::int64_t messagePeak = peakSinceReset(host) - rest;
     std::this_thread::sleep_for(3s);
-    const std::int64_t messageAfter = resident(host) - rest;
-    std::cout << "memory at rest " << rest << " KiB; 16 MiB list: peak +" << listPeak
-              << " KiB, 3 s later +" << listAfter << " KiB; 48 MiB message: peak +" << messagePeak
-              << " KiB, 3 s later +" << messageAfter << " KiB\n";
+    const std::int64_t messageAfter = procFigure(host, "status", "VmRSS") - rest;
+    std::cout << "KiB at rest " << rest << "; 16 MiB list: peak +" << listPeak << ", 3 s later +"
+              << listAfter << "; 48 MiB message: peak +" << messagePeak << ", 3 s later +"
+              << messageAfter << "\n";
 #ifndef KERROW_SANITIZED
     EXPECT_LT(listPeak, 96 * 1024);
     EXPECT_LT(listAfter, 24 * 1024);
