@@ -63,7 +63,7 @@ TEST(FileHandleRead, GivesBackTheBufferOfALongRecord) {
     }
     std::jthread writer([&] { writeAll(pipe.writeEnd.get(), bytes); });
     ASSERT_GE(input.peek(record.size())->size(), record.size());
-    EXPECT_GT(test::heapInUse(), before + record.size());
+    EXPECT_GT(test::heapInUse(), before + record.size() / 2);  // the buffer grew for it
     input.consume(record.size());
     EXPECT_EQ(textView(input.readDataOfLength(4)), "next");
     EXPECT_LT(test::heapInUse(), before + 1024 * 1024);
