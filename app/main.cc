@@ -42,7 +42,8 @@ int main(int argc, char** argv) {
     // Frame bodies up to a few MiB come from the heap and stay there for the next frame. By
     // default glibc maps each large body afresh and returns the reader thread's memory to the
     // kernel after every frame, so a 1 MiB frame cost hundreds of page faults. The heap keeps at
-    // most the trim threshold of free memory.
+    // most the trim threshold of free memory. Blocks over 4 MiB are mapped, so the buffers of a
+    // large message, which the readers give up after it, go back to the kernel at once.
     mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
     mallopt(M_TRIM_THRESHOLD, 8 * 1024 * 1024);
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "browser/browser_extension_io.h"
+#include "browser/standard_stream_framing.h"
 #include "kit/website_list.h"
 #include "model/json_text.h"
 #include "model/native_host_message.h"
@@ -34,6 +35,56 @@ NativeHostMessage listMessage(WebsiteList::ListType kind, std::vector<std::strin
     }
     return {NativeHostMessageType::setBlacklist,
             NativeHostMessagePayload::setBlacklist(std::move(websites))};
+}
+
+// Writes the websites of a list straight into the message's JSON text as they are decoded, so a
+// large list never exists as strings too. Once the text passes `limit` it stops keeping anything.
+class MessageWebsites : public WebsiteList::WebsiteSink {
+  public:
+    explicit MessageWebsites(std::size_t limit) : limit_(limit) {}
+
+    void restart() override {
+        elements_.clear();
+        overLimit_ = false;
+    }
+
+    void add(std::string_view website) override {
+        if (overLimit_) {
+            return;
+        }
+        if (!elements_.empty()) {
+            elements_ += ',';
+        }
+        // The decoder passes only well-formed UTF-8, which the writer always takes.
+        (void)appendJSONString(elements_, website);
+        if (elements_.size() > limit_) {
+            overLimit_ = true;
+            std::string().swap(elements_);
+        }
+    }
+
+    /// The array's elements ("a","b"); meaningless when overLimit().
+    [[nodiscard]] const std::string& elements() const { return elements_; }
+    [[nodiscard]] bool overLimit() const { return overLimit_; }
+
+  private:
+    const std::size_t limit_;
+    std::string elements_;
+    bool overLimit_ = false;
+};
+
+// The list message's text around its array's elements: "...[" and "]...".
+std::pair<std::string, std::string> listEnvelope(WebsiteList::ListType kind) {
+    std::string empty = listMessage(kind, {}).toJSONString().value_or(std::string());
+    const std::size_t array = empty.find("[]");
+    return {empty.substr(0, array + 1), empty.substr(array + 1)};
+}
+
+// The error of a command dropped because its message would not fit the browser's limit.
+std::length_error overLimit(std::string_view what, std::size_t inputSize) {
+    return std::length_error(std::string(what) + " of " + std::to_string(inputSize) +
+                             " bytes would give a message over the browser's limit of " +
+                             std::to_string(maximumMessageLength) + " bytes");
 }
 
 }  // namespace
@@ -75,6 +126,12 @@ void BrowserExtensionIO::closeTab(const std::string& id) {
 }
 
 void BrowserExtensionIO::disableInternet(const std::string& payload) {
+    // Escaping only ever lengthens the text, so the message is at least this long.
+    const std::size_t envelope = DisableInternet{"disableWeb", ""}.toJSONString()->size();
+    if (payload.size() + envelope > maximumMessageLength) {
+        logger.logError(overLimit("a payload", payload.size()), "Not Disabling Internet", now());
+        return;
+    }
     const DisableInternet message{"disableWeb", payload};
     writeAnnounced("Disabling Internet: ", message.toJSONString());
 }
@@ -86,17 +143,32 @@ void BrowserExtensionIO::enableInternet() {
 }
 
 void BrowserExtensionIO::setWebsiteList(const Data& websiteListJSON) {
-    auto list = WebsiteList::decode(websiteListJSON);
-    if (!list) {
+    setWebsiteList(std::span<const std::uint8_t>(websiteListJSON));
+}
+
+void BrowserExtensionIO::setWebsiteList(std::span<const std::uint8_t> websiteListJSON) {
+    // Both list messages have envelopes of one length.
+    const auto [prefix, suffix] = listEnvelope(WebsiteList::ListType::allow);
+    MessageWebsites websites(maximumMessageLength -
+                             std::min(maximumMessageLength, prefix.size() + suffix.size()));
+    const auto listType = WebsiteList::decode(websiteListJSON, websites);
+    if (!listType) {
         return;
     }
-    if (list->listType != WebsiteList::ListType::allow &&
-        list->listType != WebsiteList::ListType::block) {
+    if (*listType != WebsiteList::ListType::allow && *listType != WebsiteList::ListType::block) {
         clearWebsiteLists();
         return;
     }
-    const NativeHostMessage message = listMessage(list->listType, std::move(list->websites));
-    writeAnnounced("Setting Website List: ", message.toJSONString());
+    if (websites.overLimit()) {
+        logger.logError(overLimit("a list", websiteListJSON.size()), "Not Setting Website List",
+                        now());
+        return;
+    }
+    const auto [head, tail] = listEnvelope(*listType);
+    std::string json;
+    json.reserve(head.size() + websites.elements().size() + tail.size());
+    json.append(head).append(websites.elements()).append(tail);
+    writeAnnounced("Setting Website List: ", std::optional<std::string>(std::move(json)));
 }
 
 void BrowserExtensionIO::clearWebsiteLists() {

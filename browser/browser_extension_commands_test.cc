@@ -110,6 +110,50 @@ TEST_F(CommandTest, AMessageOverTheBrowsersLimitIsDroppedAndLoggedAndLaterOnesGo
                                  " bytes exceeds the 1048576-byte limit");
 }
 
+// A message of exactly the browser's 1 MiB goes out; a command whose message would be longer is
+// dropped with one error line before it is expanded, and the channel goes on.
+TEST_F(CommandTest, RefusesCommandsWhoseMessageWouldPassTheBrowsersLimit) {
+    const std::string prefix = R"({"action":"setWhitelist","payload":{"whitelist":[")";
+    const std::size_t fitting = 1024 * 1024 - prefix.size() - std::string(R"("]}})").size();
+    const auto list = [](std::size_t length) {
+        return dataFromText(R"({"name":"n","websites":[")" + std::string(length, 'w') +
+                            R"("],"listType":0})");
+    };
+    const std::size_t disableFitting =
+        1024 * 1024 - std::string(R"({"action":"disableWeb","payload":""})").size();
+    std::vector<std::string> written;
+    {
+        std::jthread commands([&] {
+            channel->setWebsiteList(list(fitting));
+            channel->setWebsiteList(list(fitting + 1));
+            channel->disableInternet(std::string(disableFitting, 'd'));
+            channel->disableInternet(std::string(disableFitting + 1, 'd'));
+            channel->enableInternet();
+        });
+        // Read until the last, however slowly the large ones come: the writer blocks meanwhile.
+        while (auto body = test::readFrameFrom(output.readEnd.get(), 30s)) {
+            written.push_back(std::move(*body));
+            if (written.back() == R"({"action":"enableWeb","payload":{}})") {
+                break;
+            }
+        }
+    }
+    ASSERT_EQ(written.size(), 3u);
+    EXPECT_EQ(written[0].size(), 1024u * 1024);
+    EXPECT_EQ(written[1].size(), 1024u * 1024);
+    EXPECT_EQ(written[2], R"({"action":"enableWeb","payload":{}})");
+    const auto lines = logLines();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[1], "error Not Setting Website List: a list of " +
+                            std::to_string(list(fitting + 1).size()) +
+                            " bytes would give a message over the browser's limit of 1048576 "
+                            "bytes");
+    EXPECT_EQ(lines[3], "error Not Disabling Internet: a payload of " +
+                            std::to_string(disableFitting + 1) +
+                            " bytes would give a message over the browser's limit of 1048576 "
+                            "bytes");
+}
+
 TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {
     // Two channels on one output handle, as after a repeated start, writing at once.
     auto second = std::make_shared<BrowserExtensionIO>(

@@ -106,6 +106,7 @@ void BrowserExtensionIO::readLoop() {
         switch (readFrame(*inputHandle, body, retireEvent_.get())) {
             case FrameRead::body:
                 sendTabData(body);
+                releaseLargeBody(body);
                 break;
             case FrameRead::endOfInput:
                 stop();

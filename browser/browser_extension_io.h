@@ -32,6 +32,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -98,6 +99,9 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     void disableInternet(const std::string& payload);
     void enableInternet();
     void setWebsiteList(const Data& websiteListJSON);
+    /// Decodes the list as it writes the message, so no second copy of the list is made; a list
+    /// whose message would pass the browser's limit is dropped with an error line.
+    void setWebsiteList(std::span<const std::uint8_t> websiteListJSON);
     void clearWebsiteLists();
 
     /// Writes one frame on the output handle, once the channel this one follows has ended its

@@ -6,6 +6,11 @@
 #include "kit/frame_codec.h"
 
 namespace kerrow {
+namespace {
+
+constexpr std::size_t retainedBodyCapacity = std::size_t{1024} * 1024;
+
+}  // namespace
 
 FrameRead readFrame(FileHandle& input, Data& body, int cancelDescriptor) {
     const auto prefix = input.peek(frameHeaderLength, cancelDescriptor);
@@ -25,10 +30,19 @@ FrameRead readFrame(FileHandle& input, Data& body, int cancelDescriptor) {
         return FrameRead::cancelled;
     }
     const std::size_t taken = std::min(frameLength, frame->size());  // short only at end of file
+    const std::size_t bodyLength = taken - frameHeaderLength;
+    // Room for a short suffix too, so that the caller's appending one does not copy the body.
+    body.reserve(bodyLength + bodySuffixRoom);
     body.assign(frame->begin() + frameHeaderLength,
                 frame->begin() + static_cast<std::ptrdiff_t>(taken));
     input.consume(taken);
     return FrameRead::body;
+}
+
+void releaseLargeBody(Data& body) {
+    if (body.capacity() > retainedBodyCapacity) {
+        Data().swap(body);
+    }
 }
 
 std::optional<Data> readFrame(FileHandle& input) {

@@ -31,9 +31,17 @@ enum class FrameRead {
     cancelled,   // the cancel descriptor became readable first; nothing was consumed
 };
 
+/// Room that readFrame() leaves after a body, so that appending a suffix this short (the
+/// tabList keyword) never copies the body.
+constexpr std::size_t bodySuffixRoom = 64;
+
 /// Reads the next frame's body into `body`, replacing its contents and reusing its capacity.
 /// Waits on `cancelDescriptor` too (-1 for none) while the frame is not whole.
 [[nodiscard]] FrameRead readFrame(FileHandle& input, Data& body, int cancelDescriptor = -1);
+
+/// Gives back the memory of `body` when a large frame (over 1 MiB) made it grow; a reader calls it
+/// once it is done with a body, so that one large message does not stay resident.
+void releaseLargeBody(Data& body);
 
 /// The next frame's body, or no value at end of input.
 [[nodiscard]] std::optional<Data> readFrame(FileHandle& input);

@@ -28,6 +28,18 @@ std::string removingAll(std::string_view message, std::string_view keyword) {
     }
 }
 
+// The message without `keyword`: a view into `message` when the keyword only leads it (the
+// usual form), else the text with every occurrence removed, kept in `storage`.
+std::string_view removingAll(std::string_view message, std::string_view keyword,
+                             std::string& storage) {
+    if (message.starts_with(keyword) &&
+        message.find(keyword, keyword.size()) == std::string_view::npos) {
+        return message.substr(keyword.size());
+    }
+    storage = removingAll(message, keyword);
+    return storage;
+}
+
 bool contains(std::string_view message, std::string_view keyword) {
     return message.find(keyword) != std::string_view::npos;
 }
@@ -115,14 +127,21 @@ void HostToCoreSocketService::endReading() {
 }
 
 void HostToCoreSocketService::didReadData(const Data& data) {
-    const std::string_view text = textView(data);
-    if (!isValidUTF8(text)) {
-        return;
+    didReadFrame(std::span<const std::uint8_t>(data));
+}
+
+void HostToCoreSocketService::didReadFrame(std::span<const std::uint8_t> data) {
+    const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
+    if (isValidUTF8(text)) {
+        handleMessage(text);
     }
-    handleMessage(std::string(text));
 }
 
 void HostToCoreSocketService::handleMessage(const std::string& message) {
+    handleMessage(std::string_view(message));
+}
+
+void HostToCoreSocketService::handleMessage(std::string_view message) {
     if (contains(message, Const::Browser::closeTab)) {
         receivedCloseTab(removingAll(message, Const::Browser::closeTab));
     } else if (contains(message, Const::Browser::disableInternet)) {
@@ -130,7 +149,10 @@ void HostToCoreSocketService::handleMessage(const std::string& message) {
     } else if (contains(message, Const::Browser::enableInternet)) {
         receivedEnableInternet();
     } else if (contains(message, Const::Browser::websiteList)) {
-        receivedWebsiteList(dataFromText(removingAll(message, Const::Browser::websiteList)));
+        std::string storage;
+        const std::string_view list = removingAll(message, Const::Browser::websiteList, storage);
+        receivedWebsiteList(
+            std::span(reinterpret_cast<const std::uint8_t*>(list.data()), list.size()));
     }
 }
 
@@ -147,7 +169,7 @@ void HostToCoreSocketService::receivedCloseTab(const std::string& tabId) {
 }
 
 void HostToCoreSocketService::receivedDisableInternet(const std::string& payload) {
-    logger.logInformation("Received Disable Internet: " + payload, now());
+    logger.logInformation("Received Disable Internet", payload, now());
     if (browserConnection) {
         browserConnection->disableInternet(payload);
     }
@@ -161,6 +183,10 @@ void HostToCoreSocketService::receivedEnableInternet() {
 }
 
 void HostToCoreSocketService::receivedWebsiteList(const Data& websiteList) {
+    receivedWebsiteList(std::span<const std::uint8_t>(websiteList));
+}
+
+void HostToCoreSocketService::receivedWebsiteList(std::span<const std::uint8_t> websiteList) {
     logger.logInformation("Received Website list", now());
     if (browserConnection) {
         browserConnection->setWebsiteList(websiteList);

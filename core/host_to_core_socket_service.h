@@ -21,7 +21,9 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 
 #include "browser/browser_extension_io.h"
 #include "kit/logger.h"
@@ -44,13 +46,16 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
     void setup();
 
     void didReadData(const Data& data) override;
+    void didReadFrame(std::span<const std::uint8_t> data) override;
     /// Routes one message to the handler of the first keyword it contains.
     void handleMessage(const std::string& message);
+    void handleMessage(std::string_view message);
 
     void receivedCloseTab(const std::string& tabId) override;
     void receivedDisableInternet(const std::string& payload) override;
     void receivedEnableInternet() override;
     void receivedWebsiteList(const Data& websiteList) override;
+    void receivedWebsiteList(std::span<const std::uint8_t> websiteList);
 
     /// Retires the service: the endpoint keeps delivering what its connection holds until the
     /// core service closes it or retirementGrace has passed, then the loop ends without

@@ -1,6 +1,7 @@
 // Fuzzes WebsiteList::decode, which reads the JSON that follows the core service's website-list
 // keyword. A decoded list must be exactly what the JSON says (checked against an independent
-// parse), and everything else must be refused without a crash or an exception.
+// parse), and everything else must be refused without a crash or an exception. Decoding into a
+// sink must give the same websites and list type.
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -49,11 +50,25 @@ std::optional<kerrow::WebsiteList> expectedList(std::span<const std::uint8_t> by
     return list;
 }
 
+// Keeps what it is given, as a list does.
+class KeepingSink : public kerrow::WebsiteList::WebsiteSink {
+  public:
+    void restart() override { websites.clear(); }
+    void add(std::string_view website) override { websites.emplace_back(website); }
+    std::vector<std::string> websites;
+};
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::span<const std::uint8_t> bytes(data, size);
     const auto list = kerrow::WebsiteList::decode(bytes);
+    KeepingSink sink;
+    const auto listType = kerrow::WebsiteList::decode(bytes, sink);
+    if (list.has_value() != listType.has_value() ||
+        (list && (list->listType != *listType || list->websites != sink.websites))) {
+        std::abort();
+    }
     const auto expected = expectedList(bytes);
     if (list) {
         if (list != expected) {

@@ -13,9 +13,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -25,52 +27,106 @@
 namespace kerrow {
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr std::size_t maximumFileSize = 8 * 1024 * 1024;
+// While the log cannot be rotated (another process holds its lock, a rename fails) it may grow to
+// this; lines beyond are lost, counted.
+constexpr std::size_t largestFileSize = 2 * maximumFileSize;
 constexpr int rotatedFiles = 2;  // native-messaging-host.log.1 and .2
-constexpr auto flushDelay = std::chrono::milliseconds(500);
-constexpr std::size_t batchSize = 64 * 1024;  // lines wait for the flusher until this much
+constexpr auto flushDelay = 500ms;
+constexpr auto rotationRetryDelay = 60s;             // after a rename that failed
+constexpr std::size_t batchSize = 64 * 1024;         // the writer starts at once with this much
+constexpr std::size_t queueLimit = 8 * 1024 * 1024;  // lines beyond it wait nowhere: lost, counted
 constexpr std::size_t maximumLineData = 64 * 1024;
+// The note of a cut line, " [<count> bytes left out]", fits in this.
+constexpr std::size_t noteRoom = 48;
 
 // Messages carry text from the peers (a tab id, a disable-internet text). One call must stay one
-// line, so control characters other than tab are written as escapes and no peer can forge lines.
-bool isLineBreaking(char character) {
-    const auto byte = static_cast<unsigned char>(character);
+// line and every escape must read one way, so control characters other than tab and the
+// backslash are written as escapes: no peer can forge lines or escapes.
+bool isLineBreaking(unsigned char byte) {
     return (byte < 0x20 && byte != '\t') || byte == 0x7F;
 }
 
-void appendEscaped(std::string& line, std::string_view message) {
-    if (std::none_of(message.begin(), message.end(), isLineBreaking)) {
-        line.append(message);
-        return;
+bool needsEscape(char character) {
+    const auto byte = static_cast<unsigned char>(character);
+    return isLineBreaking(byte) || byte == '\\';
+}
+
+std::size_t escapedLength(unsigned char byte) {
+    if (byte == '\\' || byte == '\n' || byte == '\r') {
+        return 2;
     }
-    for (const char character : message) {
-        if (character == '\n') {
-            line += "\\n";
-        } else if (character == '\r') {
-            line += "\\r";
-        } else if (isLineBreaking(character)) {
-            constexpr std::string_view hex = "0123456789abcdef";
-            const auto byte = static_cast<unsigned char>(character);
-            line.append("\\x").append(1, hex[byte >> 4]).append(1, hex[byte & 0xF]);
-        } else {
-            line += character;
-        }
+    return isLineBreaking(byte) ? 4 : 1;
+}
+
+void appendEscapedByte(std::string& line, unsigned char byte) {
+    if (byte == '\\') {
+        line += "\\\\";
+    } else if (byte == '\n') {
+        line += "\\n";
+    } else if (byte == '\r') {
+        line += "\\r";
+    } else if (isLineBreaking(byte)) {
+        constexpr std::string_view hex = "0123456789abcdef";
+        line.append("\\x").append(1, hex[byte >> 4]).append(1, hex[byte & 0xF]);
+    } else {
+        line += static_cast<char>(byte);
     }
 }
 
-// Appends `message`, cut to maximumLineData bytes (at a character boundary) with a note of what
-// was left out.
-void appendCapped(std::string& line, std::string_view message) {
-    if (message.size() <= maximumLineData) {
-        appendEscaped(line, message);
-        return;
+// Appends as much of `text`, escaped, as fits in `room` bytes, never part of an escape nor of a
+// UTF-8 sequence. Returns how many bytes of `text` it took.
+std::size_t appendEscaped(std::string& line, std::string_view text, std::size_t room) {
+    if (text.size() <= room && std::none_of(text.begin(), text.end(), needsEscape)) {
+        line.append(text);
+        return text.size();
     }
-    std::size_t kept = maximumLineData;
-    while (kept > 0 && (static_cast<unsigned char>(message[kept]) & 0xC0) == 0x80) {
-        --kept;  // not inside a UTF-8 sequence
+    std::size_t index = 0;
+    for (std::size_t used = 0; index < text.size(); ++index) {
+        const auto byte = static_cast<unsigned char>(text[index]);
+        used += escapedLength(byte);
+        if (used > room) {
+            break;
+        }
+        appendEscapedByte(line, byte);
     }
-    appendEscaped(line, message.substr(0, kept));
-    line.append(" [").append(std::to_string(message.size() - kept)).append(" bytes left out]");
+    // Drop the start of a sequence cut short (at most three raw bytes of one character).
+    for (int dropped = 0; dropped < 3 && index > 0 && index < text.size() &&
+                          (static_cast<unsigned char>(text[index]) & 0xC0) == 0x80 &&
+                          static_cast<unsigned char>(text[index - 1]) >= 0x80;
+         ++dropped) {
+        line.pop_back();
+        --index;
+    }
+    return index;
+}
+
+// Appends the parts as one message, escaped. When that would pass maximumLineData bytes, the
+// message is cut so that it ends, with a note of how many bytes were left out, within them.
+void appendCapped(std::string& line, std::initializer_list<std::string_view> parts) {
+    std::size_t whole = 0;
+    std::size_t escaped = 0;
+    for (const auto part : parts) {
+        whole += part.size();
+        for (std::size_t index = 0; index < part.size() && escaped <= maximumLineData; ++index) {
+            escaped += escapedLength(static_cast<unsigned char>(part[index]));
+        }
+    }
+    const std::size_t room = escaped <= maximumLineData ? escaped : maximumLineData - noteRoom;
+    std::size_t taken = 0;
+    const std::size_t start = line.size();
+    for (const auto part : parts) {
+        const std::size_t took = appendEscaped(line, part, room - (line.size() - start));
+        taken += took;
+        if (took < part.size()) {
+            break;
+        }
+    }
+    if (taken < whole) {
+        line.append(" [").append(std::to_string(whole - taken)).append(" bytes left out]");
+    }
 }
 
 void appendDigits(std::string& line, long value, int width) {
@@ -79,6 +135,26 @@ void appendDigits(std::string& line, long value, int width) {
         digits[static_cast<std::size_t>(index)] = static_cast<char>('0' + value % 10);
     }
     line.append(digits.data(), static_cast<std::size_t>(width));
+}
+
+// "2026-11-22T09:14:03.042Z " for `timeStamp`.
+void appendTimeStamp(std::string& line, Date timeStamp, std::chrono::sys_seconds& cachedSecond,
+                     std::string& cachedPrefix) {
+    const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(timeStamp);
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(milliseconds);
+    if (seconds != cachedSecond || cachedPrefix.empty()) {  // the calendar part, once a second
+        const std::time_t time = std::chrono::system_clock::to_time_t(seconds);
+        std::tm fields{};
+        ::gmtime_r(&time, &fields);
+        std::array<char, 32> text{};
+        const std::size_t length =
+            std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &fields);
+        cachedPrefix.assign(text.data(), length);
+        cachedSecond = seconds;
+    }
+    line.append(cachedPrefix);
+    appendDigits(line, static_cast<long>((milliseconds - seconds).count()), 3);
+    line.append("Z ");
 }
 
 // Opens `directory` (creating what is missing, 0700) with one lookup per component, so the cost
@@ -101,6 +177,15 @@ Descriptor openDirectories(const std::filesystem::path& directory) {
         current = std::move(next);
     }
     return current;
+}
+
+// The opened directory by the socket directory's rule: the user's or root's, and no one else may
+// add or replace a file in it (it is no symbolic link: its last component was opened without
+// following one).
+bool isTrustedDirectory(int directory) {
+    struct stat status {};
+    return ::fstat(directory, &status) == 0 && S_ISDIR(status.st_mode) &&
+           isTrustedOwner(status.st_uid) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 // Opens the log for appending in the trusted `directory`. A file it creates is 0600; an existing
@@ -131,31 +216,25 @@ std::pair<dev_t, ino_t> identity(const struct stat& status) {
 }  // namespace
 
 // The lines of every logger writing to one place: the log file in a trusted directory, or
-// standard error. Lines are formatted into a buffer that is written out whole (so every write ends
-// at a line boundary and lines of several hosts appending to one file never mix) when it holds
-// batchSize bytes, and by a flusher thread at most flushDelay after its first line. Before each
-// write the file's size and identity are checked: an oversized log is rotated under an flock() of
-// the file, and a file that another host rotated away is replaced by the current one, so no line
-// lands in an unlinked file and the log stays bounded whatever the number of hosts.
+// standard error. A call formats its line into queue_ and returns; the writer thread (started by
+// the first line) takes the whole queue at most flushDelay after its first line, or at once when
+// it holds batchSize bytes, and writes it with one write, so every write ends at a line boundary
+// and lines of several hosts appending to one file never mix. Before each write the file's size
+// and identity are checked: an oversized log is rotated under a non-blocking flock() of the file
+// (a lock held elsewhere postpones the rotation to a later batch), and a file that another host
+// rotated away is replaced by the current one, so no line lands in an unlinked file and the log
+// stays bounded whatever the number of hosts.
 class LogChannel {
   public:
     explicit LogChannel(const std::optional<std::filesystem::path>& directory) {
         if (!directory) {
             return;
         }
-        try {
-            directory_ = openDirectories(*directory);
-            if (directory_) {
-                checkDirectoryTrust(*directory, "log directory");
-                file_ = openLogFile(directory_.get(), Logger::logFileName);
-            }
-        } catch (const std::exception&) {
+        directory_ = openDirectories(*directory);
+        if (directory_ && isTrustedDirectory(directory_.get())) {
+            reopen();
+        } else {
             directory_ = Descriptor();
-            file_ = Descriptor();
-        }
-        struct stat status {};
-        if (file_ && ::fstat(file_.get(), &status) == 0) {
-            identity_ = identity(status);
         }
     }
 
@@ -165,122 +244,165 @@ class LogChannel {
             stopping_ = true;
         }
         wake_.notify_one();
-        if (flusher_.joinable()) {
-            flusher_.join();
+        if (writer_.joinable()) {
+            writer_.join();
         }
-        flush();
+        writeOut();
     }
     LogChannel(const LogChannel&) = delete;
     LogChannel& operator=(const LogChannel&) = delete;
 
-    // One line, "<message>" or, with a detail, "<message>: <detail>".
+    // One line, "<message>" or, with a detail, "<message>: <detail>". Never waits on the disk.
     void write(Date timeStamp, std::string_view level, std::string_view message,
                std::optional<std::string_view> detail = std::nullopt) {
         std::unique_lock lock(mutex_);
-        appendTimeStamp(timeStamp);
-        buffer_.append(level).append(1, ' ');
-        if (!detail) {
-            appendCapped(buffer_, message);
-        } else {
-            std::string whole;
-            whole.reserve(message.size() + detail->size() + 2);
-            whole.append(message).append(": ").append(*detail);
-            appendCapped(buffer_, whole);
+        if (queue_.size() >= queueLimit) {
+            ++lost_;  // writing stalls: the line is counted, never waited for
+            return;
         }
-        buffer_ += '\n';
-        if (buffer_.size() >= batchSize) {
-            writeOut();
-        } else if (!pending_) {
-            pending_ = true;
-            if (!flusher_.joinable()) {
-                flusher_ = std::thread([this] { runFlusher(); });
-            }
+        const bool wasEmpty = queue_.empty();
+        appendTimeStamp(queue_, timeStamp, cachedSecond_, cachedPrefix_);
+        queue_.append(level).append(1, ' ');
+        if (detail) {
+            appendCapped(queue_, {message, ": ", *detail});
+        } else {
+            appendCapped(queue_, {message});
+        }
+        queue_ += '\n';
+        if (!writer_.joinable()) {
+            writer_ = std::thread([this] { runWriter(); });
+        }
+        if (wasEmpty || queue_.size() >= batchSize) {
             lock.unlock();
             wake_.notify_one();
         }
     }
 
-    void flush() {
-        const std::lock_guard lock(mutex_);
-        writeOut();
-    }
+    // Writes out every line queued so far (waiting for a write under way, and for the disk).
+    void flush() { writeOut(); }
 
   private:
-    // "2026-11-22T09:14:03.042Z ", the calendar part formatted once per second.
-    void appendTimeStamp(Date timeStamp) {
-        const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(timeStamp);
-        const auto seconds = std::chrono::floor<std::chrono::seconds>(milliseconds);
-        if (seconds != cachedSecond_ || cachedPrefix_.empty()) {
-            const std::time_t time = std::chrono::system_clock::to_time_t(seconds);
-            std::tm fields{};
-            ::gmtime_r(&time, &fields);
-            std::array<char, 32> text{};
-            const std::size_t length =
-                std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &fields);
-            cachedPrefix_.assign(text.data(), length);
-            cachedSecond_ = seconds;
+    void runWriter() {
+        std::unique_lock lock(mutex_);
+        while (!stopping_) {
+            wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+            wake_.wait_for(lock, flushDelay,
+                           [this] { return stopping_ || queue_.size() >= batchSize; });
+            lock.unlock();
+            writeOut();
+            lock.lock();
         }
-        buffer_.append(cachedPrefix_);
-        appendDigits(buffer_, static_cast<long>((milliseconds - seconds).count()), 3);
-        buffer_.append("Z ");
     }
 
-    // Writes the buffer out; the caller holds mutex_.
+    // Takes the queue and writes it out, after the notes of what went wrong since the last write.
     void writeOut() {
-        pending_ = false;
-        if (buffer_.empty()) {
+        const std::lock_guard writing(writing_);
+        {
+            const std::lock_guard lock(mutex_);
+            batch_.swap(queue_);
+            unreported_ += std::exchange(lost_, 0);
+        }
+        if (batch_.empty() && unreported_ == 0 && notes_.empty()) {
             return;
         }
-        if (directory_) {
-            keepFileCurrent();
+        const bool toFile = directory_ && keepFileCurrent(batch_.size());
+        if (directory_ && !toFile) {
+            unreported_ += static_cast<std::size_t>(std::count(batch_.begin(), batch_.end(), '\n'));
+            batch_.clear();
+            return;  // the log is as large as it may grow while it cannot be rotated
         }
-        const int target = file_ ? file_.get() : STDERR_FILENO;
-        std::string_view rest = buffer_;
-        while (!rest.empty()) {
-            const ssize_t wrote = ::write(target, rest.data(), rest.size());
+        // A line cut short by a failed write is ended first, so no later line continues it.
+        std::string head = cutShort_ ? "\n" : "";
+        head += notes_;
+        if (unreported_ > 0) {
+            appendTimeStamp(head, now(), headSecond_, headPrefix_);
+            head.append("error ").append(std::to_string(unreported_));
+            head.append(" log lines were lost: writing the log failed or fell behind\n");
+        }
+        batch_.insert(0, head);
+        const std::size_t wrote = writeAll(file_ ? file_.get() : STDERR_FILENO, batch_);
+        if (wrote >= head.size()) {
+            notes_.clear();
+            unreported_ = 0;
+        }
+        const auto rest = std::string_view(batch_).substr(std::max(wrote, head.size()));
+        unreported_ += static_cast<std::size_t>(std::count(rest.begin(), rest.end(), '\n'));
+        if (wrote > 0) {
+            cutShort_ = batch_[wrote - 1] != '\n';
+        }
+        batch_.clear();
+        if (batch_.capacity() > 4 * batchSize) {
+            std::string().swap(batch_);
+        }
+    }
+
+    // Writes `text` until done or a write fails (a full disk, a closed standard error: those lines
+    // are lost, never the host). Returns the bytes written.
+    static std::size_t writeAll(int target, std::string_view text) {
+        std::size_t done = 0;
+        while (done < text.size()) {
+            const ssize_t wrote = ::write(target, text.data() + done, text.size() - done);
             if (wrote < 0 && errno == EINTR) {
                 continue;
             }
             if (wrote <= 0) {
-                break;  // a full disk or a closed standard error loses these lines, never the host
+                break;
             }
-            rest.remove_prefix(static_cast<std::size_t>(wrote));
+            done += static_cast<std::size_t>(wrote);
         }
-        buffer_.clear();
-        if (buffer_.capacity() > 4 * batchSize) {
-            buffer_.shrink_to_fit();
-        }
+        return done;
     }
 
     // Reopens the log when another host rotated it away, and rotates it when it grew too large.
-    // Lines go to standard error while no trusted file can be opened.
-    void keepFileCurrent() {
+    // False when `adding` more bytes would pass largestFileSize while rotating is not possible.
+    bool keepFileCurrent(std::size_t adding) {
         struct stat current {};
         const std::string name(Logger::logFileName);
         const bool exists =
             ::fstatat(directory_.get(), name.c_str(), &current, AT_SYMLINK_NOFOLLOW) == 0;
         if (!file_ || !exists || identity(current) != identity_) {
             reopen();
-            return;
+            return true;
         }
-        if (static_cast<std::size_t>(current.st_size) + buffer_.size() <= maximumFileSize) {
-            return;
+        const std::size_t size = static_cast<std::size_t>(current.st_size) + adding;
+        if (size <= maximumFileSize) {
+            return true;
         }
-        // Only one host rotates a given file: the others find it renamed once they hold the lock.
-        if (::flock(file_.get(), LOCK_EX) == 0) {
-            struct stat locked {};
-            if (::fstatat(directory_.get(), name.c_str(), &locked, AT_SYMLINK_NOFOLLOW) == 0 &&
-                identity(locked) == identity_) {
-                for (int index = rotatedFiles; index > 0; --index) {
-                    const std::string from =
-                        index == 1 ? name : name + "." + std::to_string(index - 1);
-                    const std::string to = name + "." + std::to_string(index);
-                    ::renameat(directory_.get(), from.c_str(), directory_.get(), to.c_str());
+        // Only one host rotates a given file: the others find it renamed. A lock held elsewhere
+        // (a host in the middle of a rotation, a backup tool) is not waited for.
+        if (std::chrono::steady_clock::now() < retryRotationAt_ ||
+            ::flock(file_.get(), LOCK_EX | LOCK_NB) != 0) {
+            return size <= largestFileSize;
+        }
+        struct stat locked {};
+        int failure = 0;
+        if (::fstatat(directory_.get(), name.c_str(), &locked, AT_SYMLINK_NOFOLLOW) == 0 &&
+            identity(locked) == identity_) {
+            for (int index = rotatedFiles; index > 0 && failure == 0; --index) {
+                const std::string from = index == 1 ? name : name + "." + std::to_string(index - 1);
+                const std::string to = name + "." + std::to_string(index);
+                if (::renameat(directory_.get(), from.c_str(), directory_.get(), to.c_str()) != 0 &&
+                    errno != ENOENT) {
+                    failure = errno;
                 }
             }
-            ::flock(file_.get(), LOCK_UN);
         }
+        ::flock(file_.get(), LOCK_UN);
+        if (failure != 0) {
+            // Reported once, and tried again only after a while, not with every batch.
+            retryRotationAt_ = std::chrono::steady_clock::now() + rotationRetryDelay;
+            if (!rotationFailureReported_) {
+                rotationFailureReported_ = true;
+                appendTimeStamp(notes_, now(), headSecond_, headPrefix_);
+                notes_.append("error Could not rotate the log: ")
+                    .append(std::generic_category().message(failure));
+                notes_ += '\n';
+            }
+            return size <= largestFileSize;
+        }
+        rotationFailureReported_ = false;
         reopen();
+        return true;
     }
 
     void reopen() {
@@ -291,27 +413,29 @@ class LogChannel {
         }
     }
 
-    void runFlusher() {
-        std::unique_lock lock(mutex_);
-        while (!stopping_) {
-            wake_.wait(lock, [this] { return stopping_ || pending_; });
-            wake_.wait_for(lock, flushDelay, [this] { return stopping_; });
-            writeOut();
-        }
-    }
-
     std::mutex mutex_;
-    // All guarded by mutex_.
-    Descriptor directory_;  // invalid when lines go to standard error
-    Descriptor file_;       // invalid while no trusted log file is open: standard error
-    std::pair<dev_t, ino_t> identity_{};
-    std::string buffer_;    // formatted lines not yet written
-    bool pending_ = false;  // lines wait for the flusher
+    // Guarded by mutex_.
+    std::string queue_;     // formatted lines not yet taken by a writer
+    std::size_t lost_ = 0;  // lines dropped because the queue was full
     std::chrono::sys_seconds cachedSecond_{};
     std::string cachedPrefix_;
     bool stopping_ = false;
     std::condition_variable wake_;
-    std::thread flusher_;  // started with the first line that waits
+    std::thread writer_;  // started by the first line
+
+    std::mutex writing_;  // held by whoever writes: the writer thread, or flush()
+    // Guarded by writing_.
+    Descriptor directory_;  // invalid when lines go to standard error
+    Descriptor file_;       // invalid while no trusted log file is open: standard error
+    std::pair<dev_t, ino_t> identity_{};
+    std::string batch_;           // the lines being written
+    std::string notes_;           // lines about the log itself, written before the next batch
+    std::size_t unreported_ = 0;  // lines lost and not yet reported
+    bool cutShort_ = false;       // the last write ended inside a line
+    bool rotationFailureReported_ = false;
+    std::chrono::steady_clock::time_point retryRotationAt_{};
+    std::chrono::sys_seconds headSecond_{};
+    std::string headPrefix_;
 };
 
 namespace {
@@ -342,6 +466,11 @@ Logger::Logger(Date /*date*/, const std::optional<std::filesystem::path>& logsDi
 
 void Logger::logInformation(std::string_view message, Date timeStamp) const {
     channel_->write(timeStamp, "info", message);
+}
+
+void Logger::logInformation(std::string_view message, std::string_view detail,
+                            Date timeStamp) const {
+    channel_->write(timeStamp, "info", message, detail);
 }
 
 void Logger::logError(const std::exception& error, std::string_view message, Date timeStamp) const {

@@ -227,17 +227,17 @@ void SocketHelper::deliverCompleteFrames() {
         if (inbound_.size() - consumed - frameHeaderLength < length) {
             break;
         }
-        const auto body =
-            inbound_.begin() + static_cast<std::ptrdiff_t>(consumed + frameHeaderLength);
-        const Data message(body, body + length);
+        const std::span<const std::uint8_t> body(inbound_.data() + consumed + frameHeaderLength,
+                                                 length);
         consumed += frameHeaderLength + length;
         if (const auto delegate = readerDelegate()) {
-            delegate->didReadData(message);
+            delegate->didReadFrame(body);
         }
     }
     inbound_.erase(inbound_.begin(), inbound_.begin() + static_cast<std::ptrdiff_t>(consumed));
-    if (inbound_.capacity() > retainedCapacity && inbound_.size() <= retainedCapacity) {
-        inbound_.shrink_to_fit();
+    // After a large frame the buffer gives its memory back, once that copies at most a read.
+    if (inbound_.capacity() > retainedCapacity && inbound_.size() <= readChunk) {
+        Data(inbound_.begin(), inbound_.end()).swap(inbound_);
     }
 }
 

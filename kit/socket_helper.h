@@ -35,6 +35,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -44,11 +45,17 @@
 
 namespace kerrow {
 
-/// Receives every complete message that the endpoint reads, as one block, on the reading thread.
+/// Receives every complete message that the endpoint reads, as one block, on the reading thread:
+/// the endpoint calls didReadFrame(), which a delegate overrides to read the message in place.
 class SocketReaderDelegate {
   public:
     virtual ~SocketReaderDelegate() = default;
     virtual void didReadData(const Data& data) = 0;
+    /// The same, as a view of the endpoint's buffer (valid during the call), so a delegate that
+    /// needs no copy of a large message makes none. By default a copy goes to the above.
+    virtual void didReadFrame(std::span<const std::uint8_t> data) {
+        didReadData(Data(data.begin(), data.end()));
+    }
 };
 
 /// The four commands of the core service, as the host-to-core service handles them.

@@ -128,6 +128,26 @@ TEST_F(SocketTest, ConnectsWithoutADelegateAndFramesBothWays) {
     EXPECT_EQ(delegate->messages, (std::vector<std::string>{"split", "!"}));
 }
 
+// A large frame that arrives in many reads is delivered whole, and its buffer goes after it.
+TEST_F(ConnectedSocketTest, GivesBackTheBufferOfALargeFrame) {
+    const std::string large(8 * 1024 * 1024, 'l');
+    const std::size_t before = test::heapInUse();
+    if (before == 0) {
+        GTEST_SKIP() << "no heap figures under a sanitizer";
+    }
+    std::jthread sender([&] {
+        connection->send(large);
+        connection->send("small");
+    });
+    while (delegate->messages.size() < 2) {
+        endpoint->readSocket();
+    }
+    EXPECT_TRUE(delegate->messages == (std::vector<std::string>{large, "small"}));
+    delegate->messages.clear();
+    delegate->messages.shrink_to_fit();
+    EXPECT_LT(test::heapInUse(), before + 1024 * 1024);
+}
+
 // One byte over 64 MiB is refused; a header of exactly 64 MiB is taken (faults/ shows it).
 TEST_F(ConnectedSocketTest, RefusesAFrameOverTheLimitAsSoonAsItsHeaderArrives) {
     connection->sendRaw(test::frame("before") + "\x01\x00\x00\x04"s);

@@ -17,6 +17,8 @@ constexpr std::size_t readAhead = 64 * 1024;
 // How far the buffer may grow beyond what has arrived while a long record comes in, so a hostile
 // length costs nothing up front.
 constexpr std::size_t readChunk = 64 * 1024;
+// A buffer that grew beyond this for a long record is given back once the record is consumed.
+constexpr std::size_t retainedSize = 1024 * 1024;
 
 }  // namespace
 
@@ -62,16 +64,29 @@ void FileHandle::consume(std::size_t count) {
     begin_ += std::min(count, end_ - begin_);
     if (begin_ == end_) {
         begin_ = end_ = 0;
+        if (buffer_.capacity() > retainedSize) {
+            Data().swap(buffer_);
+        }
     }
 }
 
 void FileHandle::makeRoom(std::size_t count) {
+    const std::size_t held = end_ - begin_;
+    const std::size_t wanted = std::max(readAhead, std::min(count, held + readChunk));
+    if (buffer_.capacity() > retainedSize && wanted <= retainedSize) {
+        // The long record is gone: the few held bytes move to a buffer of ordinary size.
+        Data smaller(wanted);
+        std::memcpy(smaller.data(), buffer_.data() + begin_, held);
+        buffer_.swap(smaller);
+        begin_ = 0;
+        end_ = held;
+        return;
+    }
     if (begin_ > 0) {  // at most one partial record moves, once per read
         std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
         end_ -= begin_;
         begin_ = 0;
     }
-    const std::size_t wanted = std::max(readAhead, std::min(count, end_ + readChunk));
     if (buffer_.size() < wanted) {
         buffer_.resize(wanted);
     }
@@ -122,6 +137,7 @@ bool FileHandle::writeData(std::span<const std::uint8_t> bytes) {
 void FileHandle::closeFile() {
     descriptor_.reset();
     begin_ = end_ = 0;
+    Data().swap(buffer_);
 }
 
 }  // namespace kerrow

@@ -9,7 +9,8 @@
 // many small records. The bytes read but not yet consumed belong to the handle, not to a reader:
 // a reader that stops (a retired channel) leaves them for the next holder of readingLock(), so
 // nothing is lost and nothing is read twice. Memory grows with the bytes that actually arrive,
-// never with the length asked for.
+// never with the length asked for, and a buffer that grew for a long record shrinks back to the
+// ordinary read-ahead once that record is consumed.
 //
 // Threads: reads (peek, consume, readDataOfLength) by one reader at a time, the holder of
 // readingLock(); writes by any thread, the holder of writingLock() where a record spans several

@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "tests/support/test_support.h"
 
 namespace kerrow {
@@ -47,6 +49,24 @@ TEST(FileHandleRead, HugeLengthCostsOnlyWhatArrives) {
     EXPECT_EQ(held->size(), 10u);
     EXPECT_LT(peakResidentKiB() - before, 16 * 1024);
     EXPECT_EQ(input.readDataOfLength(0x7FFF'FFFF).size(), 10u);
+}
+
+// A buffer that grew for a long record goes once the record is consumed.
+TEST(FileHandleRead, GivesBackTheBufferOfALongRecord) {
+    Pipe pipe;
+    FileHandle input(pipe.readEnd.release());
+    const std::string record(8 * 1024 * 1024, 'r');
+    const std::string bytes = record + "next";
+    const std::size_t before = test::heapInUse();
+    if (before == 0) {
+        GTEST_SKIP() << "no heap figures under a sanitizer";
+    }
+    std::jthread writer([&] { writeAll(pipe.writeEnd.get(), bytes); });
+    ASSERT_GE(input.peek(record.size())->size(), record.size());
+    EXPECT_GT(test::heapInUse(), before + record.size() / 2);  // the buffer grew for it
+    input.consume(record.size());
+    EXPECT_EQ(textView(input.readDataOfLength(4)), "next");
+    EXPECT_LT(test::heapInUse(), before + 1024 * 1024);
 }
 
 TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {

@@ -1,10 +1,15 @@
 // The real host under load across two repeated starts: nothing lost or reordered, memory flat.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <fstream>
+#include <iostream>
 #include <thread>
 
 #include "tests/support/host_session.h"
@@ -205,6 +210,88 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingAndEndsOnOneConnection) {
     EXPECT_GT(connections.size(), 1U);
     connections.back().send("kerrow.closeTab-1");
     EXPECT_EQ(session.host().receive(), closeTabFrame(1));
+}
+
+// The host's peak resident memory in KiB since the last reset.
+std::int64_t peakSinceReset(pid_t host) {
+    const std::int64_t peak = procFigure(host, "status", "VmHWM");
+    std::ofstream("/proc/" + std::to_string(host) + "/clear_refs") << "5";
+    return peak;
+}
+
+// A command costs memory in proportion to its size and gives it back; so does an extension
+// message. Prints the figures of the memory table in docs/reliability.md.
+TEST(LoadTest, LargeMessagesCostASmallMultipleOfTheirSizeAndTheMemoryIsGivenBack) {
+    HostSession session{KERROW_HOST_BINARY};
+    auto core = session.start();
+    const pid_t host = session.host().pid();
+    core.send(R"(kerrow.websiteList{"name":"n","websites":["a"],"listType":1})");  // warm up
+    ASSERT_TRUE(session.host().receive());
+    session.host().send(tabData(0));
+    ASSERT_EQ(core.receive(), relayedTabData(0));
+    std::this_thread::sleep_for(500ms);
+    const std::int64_t rest = procFigure(host, "status", "VmRSS");
+    (void)peakSinceReset(host);
+    // 16 MiB website list: its message would pass 1 MiB, so it is refused; the next goes out.
+    std::string list = R"(kerrow.websiteList{"name":"n","websites":[)";
+    while (list.size() < 16 * 1024 * 1024) {
+        list += R"("",)";
+    }
+    core.send(list + R"(""],"listType":0})");
+    core.send(R"(kerrow.websiteList{"name":"n","websites":["b"],"listType":0})");
+    EXPECT_EQ(session.host().receive(10'000ms),
+              R"({"action":"setWhitelist","payload":{"whitelist":["b"]}})");
+    EXPECT_TRUE(session.waitForLog("error Not Setting Website List: a list of "));
+    const std::int64_t listPeak = peakSinceReset(host) - rest;
+    std::this_thread::sleep_for(3s);
+    const std::int64_t listAfter = procFigure(host, "status", "VmRSS") - rest;
+    // 48 MiB extension message, then 1,000 small ones.
+    const std::string large = R"({"tabs":")" + std::string(48 * 1024 * 1024, 't') + R"("})";
+    std::jthread browser([&] {
+        session.host().send(large);
+        for (int i = 1; i <= 1000; ++i) {
+            session.host().send(tabData(i));
+        }
+    });
+    EXPECT_EQ(core.receive(20'000ms), large + "kerrow.tabList");
+    for (int i = 1; i <= 1000; ++i) {
+        ASSERT_EQ(core.receive(), relayedTabData(i));
+    }
+    const std::int64_t messagePeak = peakSinceReset(host) - rest;
+    std::this_thread::sleep_for(3s);
+    const std::int64_t messageAfter = procFigure(host, "status", "VmRSS") - rest;
+    std::cout << "KiB at rest " << rest << "; 16 MiB list: peak +" << listPeak << ", 3 s later +"
+              << listAfter << "; 48 MiB message: peak +" << messagePeak << ", 3 s later +"
+              << messageAfter << "\n";
+#ifndef KERROW_SANITIZED
+    EXPECT_LT(listPeak, 96 * 1024);
+    EXPECT_LT(listAfter, 24 * 1024);
+    EXPECT_LT(messageAfter, 24 * 1024);
+#endif
+}
+
+// Another process holds the lock of the log while commands come in whose lines call for
+// rotations: the host never waits for it.
+TEST(LoadTest, ALockHeldOnTheLogNeverHoldsUpTheRelay) {
+    HostSession session{KERROW_HOST_BINARY};
+    auto core = session.start();
+    const int log = ::open(session.logFile().c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(log, 0);
+    ASSERT_EQ(::flock(log, LOCK_EX), 0);  // this process's lock: the host's flock() is refused
+    const std::string payload(60 * 1024, 'p');
+    std::jthread commands([&] {
+        for (int i = 0; i < 160; ++i) {
+            core.send("kerrow.disableInternet" + payload);
+        }
+    });
+    int delivered = 0;
+    while (delivered < 160 && session.host().receive(5000ms)) {
+        ++delivered;
+    }
+    EXPECT_EQ(delivered, 160) << "commands reached the extension";
+    session.host().send(tabData(1));
+    EXPECT_EQ(core.receive(), relayedTabData(1));
+    ::close(log);
 }
 
 }  // namespace

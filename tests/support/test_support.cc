@@ -1,6 +1,7 @@
 #include "tests/support/test_support.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -131,6 +132,11 @@ ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
 
 ScopedEnvironmentVariable::~ScopedEnvironmentVariable() {
     setVariable(name_, saved_);
+}
+
+std::size_t heapInUse() {
+    const auto info = ::mallinfo2();
+    return info.uordblks + info.hblkhd;
 }
 
 bool waitUntil(const std::function<bool()>& condition, Duration timeout) {

@@ -63,6 +63,9 @@ class ScopedEnvironmentVariable {
 
 bool waitUntil(const std::function<bool()>& condition, Duration timeout = 5000ms);
 
+/// The bytes the heap hands out now (glibc's count); 0 where a sanitizer keeps the heap.
+[[nodiscard]] std::size_t heapInUse();
+
 /// The whole content of a file ("" when missing); its log lines without time stamps ("info Foo").
 [[nodiscard]] std::string readFile(const std::filesystem::path& path);
 [[nodiscard]] std::vector<std::string> logMessages(const std::filesystem::path& logFile);
