@@ -167,8 +167,12 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSocketsAndEndsFailedWaits) 
         EXPECT_FALSE(std::filesystem::exists(session_.socketPath()));
     }
 
-    auto listening = startCore({"--no-bus", "--no-input"});
+    auto listening = startCore({"--no-input"});  // answers a host's launch announcement
     ASSERT_EQ(listening.line(), "core: listening on " + session_.socketPath().string());
+    auto browser = startBrowser();
+    for (std::optional<std::string> line; !line || !line->starts_with("core: host 1 connected");) {
+        ASSERT_TRUE(line = listening.line());
+    }
     auto second = startCore({"--no-bus", "--no-input"});
     EXPECT_EQ(second.process->waitForExit(), 1);
     EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + session_.socketPath().string() +
