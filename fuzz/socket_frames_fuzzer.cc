@@ -13,6 +13,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kit/frame_codec.h"
@@ -28,23 +29,18 @@ struct Expected {
     bool oversized = false;  // a header over the limit follows the frames
 };
 
-// The frames of `bytes`, read from the framing rules: 4-byte little-endian count, then the body;
-// a trailing incomplete frame is not delivered.
+// The frames of `bytes` as the codec's own decoder cuts them; a trailing incomplete frame is not
+// delivered.
 Expected expectedFrames(std::span<const std::uint8_t> bytes) {
     Expected expected;
-    std::size_t at = 0;
-    while (bytes.size() - at >= kerrow::frameHeaderLength) {
-        const std::uint32_t length = kerrow::decodeFrameLength(bytes.data() + at);
-        if (length > kerrow::SocketHelper::maximumFrameLength) {
-            expected.oversized = true;
-            break;
+    kerrow::FrameDecoder decoder(kerrow::SocketHelper::maximumFrameLength);
+    decoder.append(std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+    try {
+        while (const auto body = decoder.next()) {
+            expected.frames.emplace_back(body->begin(), body->end());
         }
-        if (bytes.size() - at - 4 < length) {
-            break;
-        }
-        const auto body = bytes.subspan(at + 4, length);
-        expected.frames.emplace_back(body.begin(), body.end());
-        at += 4 + length;
+    } catch (const kerrow::FrameTooLarge&) {
+        expected.oversized = true;
     }
     return expected;
 }

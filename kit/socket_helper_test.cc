@@ -203,21 +203,24 @@ TEST_F(ConnectedSocketTest, FramesFromConcurrentSendersNeverInterleave) {
 }
 
 // The socket's directory is missing, then a core service that ended left its socket (refused),
-// then one listens. The pauses only make attempts fail; the outcome does not depend on them.
-TEST_F(SocketTest, SetupWaitsWhileTheSocketIsMissingOrRefuses) {
+// then one listens, a second after setup began. Tries at 0, 20, 60, 140, 300, 620 and 1260 ms:
+// a back-off that did not grow would connect at once instead of at the 1260 ms try.
+TEST_F(SocketTest, SetupWaitsWithGrowingPausesWhileTheSocketIsMissingOrRefuses) {
     core.reset();
     std::filesystem::remove(socketPath.parent_path());
     Descriptor left;
+    const auto began = std::chrono::steady_clock::now();
     {
         const std::jthread starter([&] {
             std::this_thread::sleep_for(150ms);
             ::mkdir(socketPath.parent_path().c_str(), 0700);  // as the core service does
             left = boundSocket(socketPath);
-            std::this_thread::sleep_for(300ms);
+            std::this_thread::sleep_for(850ms);
             core.emplace(socketPath);
         });
         endpoint->setupSocket();
     }
+    EXPECT_GE(std::chrono::steady_clock::now() - began, 1200ms);
     EXPECT_TRUE(endpoint->isConnected());
     EXPECT_TRUE(core->accept());
 }

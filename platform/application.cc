@@ -18,11 +18,6 @@ namespace {
 
 constexpr std::array stopSignals{SIGTERM, SIGINT, SIGHUP};
 
-struct EventSourceUnref {
-    void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-};
-using EventSource = std::unique_ptr<sd_event_source, EventSourceUnref>;
-
 [[noreturn]] void throwSystemError(int negativeErrno, const char* what) {
     throw std::system_error(-negativeErrno, std::system_category(), what);
 }
@@ -43,7 +38,7 @@ void forwardToMainThread(int signalNumber) {
 
 // Routes the stop signals to `loop`, which exits with status 0 when one arrives. They come before
 // every other source: a notification read before the signal is not served after it.
-std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
+std::array<SdEventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
     sigset_t mask;
     sigemptyset(&mask);
     for (const int signalNumber : stopSignals) {
@@ -60,7 +55,7 @@ std::array<EventSource, stopSignals.size()> routeStopSignals(sd_event* loop) {
     for (const int signalNumber : stopSignals) {
         sigaction(signalNumber, &forwarding, nullptr);
     }
-    std::array<EventSource, stopSignals.size()> sources;
+    std::array<SdEventSource, stopSignals.size()> sources;
     for (std::size_t i = 0; i < stopSignals.size(); ++i) {
         sd_event_source* source = nullptr;
         const auto exitLoop = [](sd_event_source* self, const signalfd_siginfo*, void*) {
@@ -106,7 +101,7 @@ void callDelegate(const char* callback, Call call) {
     }
 }
 
-EventSource scheduleLaunch(sd_event* loop, Application& application) {
+SdEventSource scheduleLaunch(sd_event* loop, Application& application) {
     // A defer source is one-shot by default: it runs at the loop's first iteration, then never.
     const auto launch = [](sd_event_source*, void* userdata) {
         if (auto* delegate = static_cast<Application*>(userdata)->delegate()) {
@@ -119,7 +114,7 @@ EventSource scheduleLaunch(sd_event* loop, Application& application) {
     if (const int r = sd_event_add_defer(loop, &source, launch, &application); r < 0) {
         throwSystemError(r, "schedule the launch");
     }
-    return EventSource(source);
+    return SdEventSource(source);
 }
 
 }  // namespace

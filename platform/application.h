@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "platform/descriptor.h"
+#include "platform/sd_bus_handles.h"
 
 namespace kerrow {
 
@@ -68,12 +69,8 @@ class Application {
     Application() = default;
     ~Application() = default;
 
-    struct EventUnref {
-        void operator()(sd_event* loop) const { sd_event_unref(loop); }
-    };
-
     ApplicationDelegate* delegate_ = nullptr;
-    std::unique_ptr<sd_event, EventUnref> loop_;  // null until eventLoop() is first called
+    SdEvent loop_;  // null until eventLoop() is first called
     std::shared_ptr<const Descriptor> stopSignals_;
 
     friend int applicationMain(int argc, char** argv);

@@ -84,10 +84,12 @@ TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBackAndReportBadInput) {
     }
 }
 
-TEST_F(PeersTest, ScriptedCommandsReachTheBrowserAsJsonLines) {
+// Two hosts, numbered in the order they connect: a command for one host reaches it only.
+TEST_F(PeersTest, ScriptedCommandsReachTheBrowsersAsJsonLines) {
     const auto script = write("core.script", R"(# every road of the core service
-wait-hosts 1
+wait-hosts 2
 expect kerrow.tabList
+@2 close-tab 7
 @1 close-tab 42
 web-off Homework time
 allow a.example b.example/x
@@ -95,12 +97,19 @@ list 9
 wait-hosts 0
 @1 web-on
 )");
-    auto core = startCore({"--script", script.string()});
+    auto core = startCore({"--no-answer", "--script", script.string()});
     ASSERT_EQ(core.line(), "core: listening on " + session_.socketPath().string());
     auto browser = startBrowser();
+    auto second = startBrowser();
+    ASSERT_TRUE(session_.waitForAnnouncement(5000ms, 2));
+    session_.postStart();  // once for both: a start per launch would restart the first host
     browser.process->sendRaw("this is not json\n{\"tabs\":[{\"id\":42}]}\n");
+    const std::string closeTab7 = R"({"action":"closeTab","payload":{"id":7}})";
+    const std::string closeTab42 = R"({"action":"closeTab","payload":{"id":42}})";
+    const auto first = browser.line();
+    EXPECT_TRUE(first == closeTab7 || first == closeTab42) << browser.errors();
+    EXPECT_EQ(second.line(), first == closeTab7 ? closeTab42 : closeTab7);
     const std::vector<std::string> expected{
-        R"({"action":"closeTab","payload":{"id":42}})",
         R"({"action":"disableWeb","payload":"Homework time"})",
         R"({"action":"setWhitelist","payload":{"whitelist":["a.example","b.example\/x"]}})",
         R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
@@ -109,6 +118,8 @@ wait-hosts 0
     for (const auto& line : expected) {
         EXPECT_EQ(browser.line(), line) << browser.errors();
     }
+    EXPECT_EQ(second.line(), expected[0]);
+    second.process->closeInput();
     browser.process->closeInput();
     EXPECT_EQ(browser.line(), std::nullopt);              // nothing else on standard output
     EXPECT_EQ(browser.process->waitForExit(10000ms), 1);  // the host ended well; a line was bad
@@ -116,10 +127,11 @@ wait-hosts 0
                                         HasSubstr("the host exited with status 0")));
 
     EXPECT_EQ(core.process->waitForExit(10000ms), 1);
-    EXPECT_EQ(core.errors(), "core-peer: " + script.string() + ":9: no host 1 (connected: none)\n");
+    EXPECT_EQ(core.errors(),
+              "core-peer: " + script.string() + ":10: no host 1 (connected: none)\n");
     EXPECT_THAT(core.process->receiveRest(),
                 AllOf(HasSubstr("core: host 1 connected (pid "),
-                      HasSubstr("host 1: tab data {\"tabs\":[{\"id\":42}]}  + kerrow.tabList\n"),
+                      HasSubstr(": tab data {\"tabs\":[{\"id\":42}]}  + kerrow.tabList\n"),
                       HasSubstr("host 1: device-twin update request (kerrow.updateDeviceTwin)\n"),
                       HasSubstr("to host 1: kerrow.closeTab-42  [close tab 42]\n")));
     EXPECT_FALSE(std::filesystem::exists(session_.socketPath()));
@@ -155,8 +167,12 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSocketsAndEndsFailedWaits) 
         EXPECT_FALSE(std::filesystem::exists(session_.socketPath()));
     }
 
-    auto listening = startCore({"--no-bus", "--no-input"});
+    auto listening = startCore({"--no-input"});  // answers a host's launch announcement
     ASSERT_EQ(listening.line(), "core: listening on " + session_.socketPath().string());
+    auto browser = startBrowser();
+    for (std::optional<std::string> line; !line || !line->starts_with("core: host 1 connected");) {
+        ASSERT_TRUE(line = listening.line());
+    }
     auto second = startCore({"--no-bus", "--no-input"});
     EXPECT_EQ(second.process->waitForExit(), 1);
     EXPECT_EQ(second.errors(), "kerrow-core-peer: socket " + session_.socketPath().string() +

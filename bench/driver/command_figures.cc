@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "bench/driver/figure_support.h"
@@ -25,30 +26,31 @@ std::string closeTabCommand(std::size_t id) {
     return std::string(Const::Browser::closeTab) + "-" + std::to_string(id);
 }
 
+// Built by hand, not with nlohmann::json: it is checked against every command read while the
+// figure runs, and an integer needs no escaping.
 std::string closeTabMessage(std::size_t id) {
     return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
 }
 
-// The sites of an allow list, as a JSON array.
-std::string siteArray(std::size_t sites) {
-    std::string array = "[";
+// The sites of an allow list.
+nlohmann::ordered_json siteArray(std::size_t sites) {
+    auto array = nlohmann::ordered_json::array();
     for (std::size_t i = 0; i < sites; ++i) {
-        array.append(i == 0 ? "\"" : ",\"")
-            .append("site")
-            .append(std::to_string(i))
-            .append(".example\"");
+        array.push_back("site" + std::to_string(i) + ".example");
     }
-    array.push_back(']');
     return array;
 }
 
 std::string websiteListCommand(std::size_t sites) {
-    return std::string(Const::Browser::websiteList) + R"({"name":"School hours","websites":)" +
-           siteArray(sites) + R"(,"listType":0})";
+    const nlohmann::ordered_json list{
+        {"name", "School hours"}, {"websites", siteArray(sites)}, {"listType", 0}};
+    return std::string(Const::Browser::websiteList) + list.dump();
 }
 
 std::string setWhitelistMessage(std::size_t sites) {
-    return R"({"action":"setWhitelist","payload":{"whitelist":)" + siteArray(sites) + "}}";
+    const nlohmann::ordered_json message{{"action", "setWhitelist"},
+                                         {"payload", {{"whitelist", siteArray(sites)}}}};
+    return message.dump();
 }
 
 // The browser side of a burst: reads standard output in reads as large as the pipe gives until

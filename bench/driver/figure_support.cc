@@ -2,6 +2,8 @@
 
 #include <csignal>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "bench/driver/figures.h"
 #include "kit/const.h"
@@ -31,16 +33,12 @@ std::optional<Regime> regimeNamed(std::string_view name) {
 }
 
 std::string extensionMessage(std::size_t size) {
-    static constexpr std::string_view head = "{\"tabs\":\"";
-    static constexpr std::string_view tail = "\"}";
-    std::string text(head);
-    const std::size_t fill =
-        size > head.size() + tail.size() ? size - head.size() - tail.size() : 0;
-    for (std::size_t i = 0; i < fill; ++i) {
-        text.push_back(static_cast<char>('a' + i % 26));
+    constexpr std::size_t wrapping = std::string_view(R"({"tabs":""})").size();
+    std::string tabs(size > wrapping ? size - wrapping : 0, ' ');
+    for (std::size_t i = 0; i < tabs.size(); ++i) {
+        tabs[i] = static_cast<char>('a' + i % 26);
     }
-    text.append(tail);
-    return text;
+    return nlohmann::json{{"tabs", std::move(tabs)}}.dump();
 }
 
 std::string batchOf(std::string_view frame, std::size_t& framesInBatch) {

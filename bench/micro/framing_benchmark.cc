@@ -9,22 +9,15 @@
 #include <string>
 
 #include "browser/standard_stream_framing.h"
+#include "kit/frame_codec.h"
 
 namespace {
-
-std::string frame(std::size_t size) {
-    const auto n = static_cast<std::uint32_t>(size);
-    std::string bytes = {static_cast<char>(n & 0xFF), static_cast<char>((n >> 8) & 0xFF),
-                         static_cast<char>((n >> 16) & 0xFF), static_cast<char>(n >> 24)};
-    bytes.append(size, 'x');
-    return bytes;
-}
 
 void ReadFrame(benchmark::State& state) {
     const auto size = static_cast<std::size_t>(state.range(0));
     const std::size_t frames = std::max<std::size_t>(16, (4 << 20) / (size + 4));
     const int fd = ::memfd_create("frames", MFD_CLOEXEC);
-    const std::string one = frame(size);
+    const std::string one = kerrow::encodeFrame(std::string(size, 'x'));
     for (std::size_t i = 0; i < frames; ++i) {
         if (::write(fd, one.data(), one.size()) != static_cast<ssize_t>(one.size())) {
             state.SkipWithError("cannot fill the frame file");

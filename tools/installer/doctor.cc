@@ -15,6 +15,7 @@
 #include "platform/confinement.h"
 #include "platform/descriptor.h"
 #include "platform/distributed_notification_center.h"
+#include "platform/sd_bus_handles.h"
 #include "tools/installer/manifest.h"
 #include "tools/installer/manifest_file.h"
 
@@ -159,7 +160,7 @@ Finding checkBus() {
         finding.detail = std::string("no event loop: ") + std::strerror(-r);
         return finding;
     }
-    const std::unique_ptr<sd_event, decltype(&sd_event_unref)> loop(rawLoop, sd_event_unref);
+    const SdEvent loop(rawLoop);
     try {
         DistributedNotificationCenter center(loop.get());
         bool seen = false;
