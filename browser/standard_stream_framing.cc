@@ -1,8 +1,9 @@
 #include "browser/standard_stream_framing.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 
-#include "kit/file_handle_write.h"
 #include "kit/frame_codec.h"
 
 namespace kerrow {
@@ -39,9 +40,43 @@ std::optional<Data> readFrame(FileHandle& input) {
     return body;
 }
 
-void writeFrame(FileHandle& output, std::string_view body) {
-    output.writeData(encodeFrameLength(body.size()));
-    write(output, body);
+FrameRead peekFrame(FileHandle& input, std::size_t& length, int cancelDescriptor) {
+    const auto prefix = input.peek(frameHeaderLength, cancelDescriptor);
+    if (!prefix) {
+        return FrameRead::cancelled;
+    }
+    if (prefix->size() < frameHeaderLength) {
+        return FrameRead::endOfInput;
+    }
+    const auto announced = static_cast<std::int32_t>(decodeFrameLength(prefix->data()));
+    if (announced < 0) {
+        return FrameRead::endOfInput;
+    }
+    const auto frame =
+        input.peek(frameHeaderLength + static_cast<std::size_t>(announced), cancelDescriptor);
+    if (!frame) {
+        return FrameRead::cancelled;
+    }
+    length = std::min(frameHeaderLength + static_cast<std::size_t>(announced), frame->size());
+    return FrameRead::body;
+}
+
+std::optional<std::size_t> wholeFrameLength(std::span<const std::uint8_t> bytes) {
+    if (bytes.size() < frameHeaderLength) {
+        return std::nullopt;
+    }
+    const auto announced = static_cast<std::int32_t>(decodeFrameLength(bytes.data()));
+    if (announced < 0 || bytes.size() - frameHeaderLength < static_cast<std::size_t>(announced)) {
+        return std::nullopt;
+    }
+    return frameHeaderLength + static_cast<std::size_t>(announced);
+}
+
+void writeFrame(FileHandle& output, std::string_view body, std::span<const std::uint8_t> before) {
+    const auto prefix = encodeFrameLength(body.size());
+    const std::array<std::span<const std::uint8_t>, 3> parts{
+        before, prefix, {reinterpret_cast<const std::uint8_t*>(body.data()), body.size()}};
+    output.writeParts(parts);
 }
 
 }  // namespace kerrow

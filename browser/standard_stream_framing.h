@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "platform/data.h"
@@ -38,7 +39,19 @@ enum class FrameRead {
 /// The next frame's body, or no value at end of input.
 [[nodiscard]] std::optional<Data> readFrame(FileHandle& input);
 
-/// Writes `body` as one frame: the prefix in one write, then the body with the kit's write().
-void writeFrame(FileHandle& output, std::string_view body);
+/// Waits, as readFrame() does, until the next frame is in the handle's read-ahead whole (or cut
+/// short by end of file), and sets `length` to its bytes there, prefix included. Consumes
+/// nothing: the caller uses the frame in place, then consumes it.
+[[nodiscard]] FrameRead peekFrame(FileHandle& input, std::size_t& length,
+                                  int cancelDescriptor = -1);
+
+/// The bytes of the frame that starts `bytes`, prefix included, when it is whole there; no value
+/// for a frame not whole yet and for a prefix that ends the input.
+[[nodiscard]] std::optional<std::size_t> wholeFrameLength(std::span<const std::uint8_t> bytes);
+
+/// Writes the frames in `before` (prefixes and bodies, back to back), then `body` as one frame,
+/// in one vectored write.
+void writeFrame(FileHandle& output, std::string_view body,
+                std::span<const std::uint8_t> before = {});
 
 }  // namespace kerrow
