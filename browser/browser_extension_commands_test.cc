@@ -96,18 +96,22 @@ TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
     EXPECT_EQ(logLines().size(), 1u);
 }
 
+// Also among messages held to go out together: the others go, in order.
 TEST_F(CommandTest, AMessageOverTheBrowsersLimitIsDroppedAndLoggedAndLaterOnesGoThrough) {
     // The last guard before standard output, whatever built the message.
     const std::string list = R"({"action":"setBlacklist","payload":{"blacklist":[")" +
                              std::string(maximumMessageLength, 'a') + "\"]}}";
+    channel->holdMessages();
+    channel->closeTab("6");
     channel->writeMessage(list);
     channel->closeTab("7");
-    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"closeTab","payload":{"id":7}})"}));
+    channel->writeHeldMessages();
+    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"closeTab","payload":{"id":6}})",
+                                                  R"({"action":"closeTab","payload":{"id":7}})"}));
     const auto lines = logLines();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front(), "error Dropped a message for the extension: setBlacklist of " +
-                                 std::to_string(list.size()) +
-                                 " bytes exceeds the 1048576-byte limit");
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[1], "error Dropped a message for the extension: setBlacklist of " +
+                            std::to_string(list.size()) + " bytes exceeds the 1048576-byte limit");
 }
 
 // A message of exactly the browser's 1 MiB goes out; a command whose message would be longer is

@@ -4,15 +4,18 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "browser/standard_stream_framing.h"
 #include "kit/const.h"
+#include "kit/frame_codec.h"
 
 namespace kerrow {
 namespace {
@@ -93,20 +96,13 @@ void BrowserExtensionIO::readLoop() {
         ::poll(&wake, 1, lockRetryMilliseconds);
         (void)reading.try_lock();
     }
-    std::optional<Data> left;
-    {
-        const std::lock_guard guard(handover_->lock);
-        left = std::exchange(handover_->message, std::nullopt);
-    }
-    if (left) {
-        forward(*left);  // the message the reader before could not finish comes first
-    }
-    Data body;  // one buffer for every frame: it keeps the capacity of the largest so far
+    // A reader before this one may have left frames that it could not forward whole: they are
+    // the first in the read-ahead.
     while (!retired_.load(std::memory_order_acquire)) {
-        switch (readFrame(*inputHandle, body, retireEvent_.get())) {
+        std::size_t length = 0;
+        switch (peekFrame(*inputHandle, length, retireEvent_.get())) {
             case FrameRead::body:
-                sendTabData(body);
-                releaseLargeBody(body);
+                sendTabData(length);
                 break;
             case FrameRead::endOfInput:
                 stop();
@@ -127,31 +123,42 @@ void BrowserExtensionIO::stop() {
     ::_exit(0);
 }
 
-void BrowserExtensionIO::sendTabData(Data& body) {
-    logger.logInformation("Sending Tab Data to Browser Messaging", now());
-    if (!browserSocket) {
-        return;
-    }
-    body.insert(body.end(), Const::Browser::tabList.begin(), Const::Browser::tabList.end());
-    forward(body);
-}
-
-void BrowserExtensionIO::forward(Data& message) {
-    if (!browserSocket) {
-        return;
-    }
-    try {
-        browserSocket->sendData(message);
-    } catch (const std::exception&) {
-        if (retired_.load(std::memory_order_acquire)) {
-            // The retirement cut the send off (the endpoint closes a connection that got part
-            // of it): the next reader of standard input sends it whole, first.
-            const std::lock_guard guard(handover_->lock);
-            handover_->message = std::move(message);
-            message.clear();
+void BrowserExtensionIO::sendTabData(std::size_t length) {
+    const std::span<const std::uint8_t> held = *inputHandle->peek(0);
+    const std::span<const std::uint8_t> suffix(
+        reinterpret_cast<const std::uint8_t*>(Const::Browser::tabList.data()),
+        Const::Browser::tabList.size());
+    std::array<SocketHelper::OutgoingFrame, batchFrames> frames;
+    std::array<std::size_t, batchFrames> ends{};  // where each frame ends in `held`
+    std::size_t count = 0;
+    for (std::size_t offset = 0;;) {
+        frames[count] = {held.subspan(offset + frameHeaderLength, length - frameHeaderLength),
+                         suffix};
+        offset += length;
+        ends[count++] = offset;
+        logger.logInformation("Sending Tab Data to Browser Messaging", now());
+        // A retirement stops the batch at this frame boundary too.
+        const auto next = wholeFrameLength(held.subspan(offset));
+        if (count == batchFrames || !next || offset + *next > batchBytes ||
+            retired_.load(std::memory_order_acquire)) {
+            break;
         }
-        // Otherwise the core service is away; the extension's next message goes as usual.
+        length = *next;
     }
+    std::size_t whole = count;
+    if (browserSocket) {
+        try {
+            browserSocket->sendFrames({frames.data(), count}, whole);
+        } catch (const std::exception&) {
+            // Cut off by the retirement (the endpoint closes a connection that got part of a
+            // frame): what did not go out whole stays for the next reader, which sends it first.
+            // Otherwise the core service is away; the extension's next messages go as usual.
+            if (!retired_.load(std::memory_order_acquire)) {
+                whole = count;
+            }
+        }
+    }
+    inputHandle->consume(whole == 0 ? 0 : ends[whole - 1]);
 }
 
 void BrowserExtensionIO::writeMessage(std::string_view message) {
@@ -163,11 +170,35 @@ void BrowserExtensionIO::writeMessage(std::string_view message) {
                         "Dropped a message for the extension", now());
         return;
     }
+    if (holding_ && held_.size() + frameHeaderLength + message.size() <= heldBytes) {
+        const auto header = encodeFrameLength(message.size());
+        held_.insert(held_.end(), header.begin(), header.end());
+        held_.insert(held_.end(), message.begin(), message.end());
+        return;
+    }
+    writeFrames(message);
+}
+
+void BrowserExtensionIO::writeHeldMessages() {
+    holding_ = false;
+    if (!held_.empty()) {
+        writeFrames(std::nullopt);
+    }
+}
+
+void BrowserExtensionIO::writeFrames(std::optional<std::string_view> message) {
     if (predecessor_) {
         predecessor_->waitForEndOfOutput();
     }
-    const std::lock_guard writing(outputHandle->writingLock());
-    writeFrame(*outputHandle, message);
+    {
+        const std::lock_guard writing(outputHandle->writingLock());
+        if (message) {
+            writeFrame(*outputHandle, *message, held_);
+        } else {
+            outputHandle->writeData(held_);
+        }
+    }
+    held_.clear();
 }
 
 void BrowserExtensionIO::retire() {

@@ -3,21 +3,24 @@
 // It owns the standard streams. On its own serial queue it reads every frame that the extension
 // sends and forwards the body, unparsed and followed by Const::Browser::tabList, to the core
 // service through the shared socket endpoint; at end of input it ends the process with status 0.
-// Its command operations write JSON messages for the extension as frames on standard output.
+// The frames that standard input's read-ahead already holds whole go together in one send (up to
+// batchFrames or batchBytes), straight from the read-ahead; a lone frame goes at once.
+// Its command operations write JSON messages for the extension as frames on standard output;
+// while the host-to-core service holds them (holdMessages()), they go in one write at the end.
 //
 // Ownership: held by the application delegate and by the host-to-core service (std::shared_ptr);
 // the read loop holds it while it runs. browserSocket is set once, before start().
 // Threads: the read loop and sendTabData() run on `queue`. The command operations and
 // writeMessage() run on their caller's thread; every writer of the output handle takes its
-// writingLock() around the two writes of a frame, so frames never interleave, even with two
-// channels alive.
+// writingLock() around its write, so frames never interleave, even with two channels alive.
 //
 // Succession: the channel of a repeated start follows the one it replaces (follow()). It writes
 // to standard output only once the one before has ended its output (endOutput(), called by the
 // host-to-core service that writes through it when that has delivered everything it read), so
 // the commands of a retired connection all come before those of its successor, however long the
-// browser takes to read. An extension message whose forward a retirement cut off is left to the
-// next reader of standard input, which sends it first, before any frame it reads itself.
+// browser takes to read. A frame is consumed from standard input only once it went out whole (or
+// the core service was away): the extension messages whose forward a retirement cut off stay in
+// the read-ahead, and the next reader of standard input sends them first, in order.
 //
 // Handover: standard input has exactly one reader. A read loop holds the input handle's
 // readingLock() while it reads; retire() makes it stop at the next frame boundary, without having
@@ -59,13 +62,6 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
         bool outputEnded_ = false;  // guarded by lock_
     };
 
-    /// An extension message that a retired reader of standard input could not forward: the next
-    /// reader sends it first. Shared by every channel of the process.
-    struct Handover {
-        std::mutex lock;
-        std::optional<Data> message;  // guarded by lock
-    };
-
     /// The disable-internet message: the envelope's two keys with a text payload.
     struct DisableInternet {
         std::string action;
@@ -82,17 +78,19 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     BrowserExtensionIO& operator=(const BrowserExtensionIO&) = delete;
 
     /// Makes this channel the successor of `previous`. Before start() and any command.
-    void follow(const BrowserExtensionIO& previous) {
-        predecessor_ = previous.succession_;
-        handover_ = previous.handover_;
-    }
+    void follow(const BrowserExtensionIO& previous) { predecessor_ = previous.succession_; }
 
     /// Queues the read loop on `queue`, holding this channel weakly until it runs.
     void start();
 
-    /// Forwards one body to the core service with the tabList suffix; silent on failure. The
-    /// suffix is appended to `body` in place: the read loop's buffer, reused for the next frame.
-    void sendTabData(Data& body);
+    /// The most frames, and bytes of frames (a longer first frame goes alone), of one send.
+    static constexpr std::size_t batchFrames = 64;
+    static constexpr std::size_t batchBytes = std::size_t{256} * 1024;
+
+    /// Forwards the next frame of standard input, `length` bytes whole in the read-ahead, and
+    /// those after it held whole there, to the core service with the tabList suffix, in one
+    /// send; logs a line for each before. Consumes what went out whole; silent on failure.
+    void sendTabData(std::size_t length);
 
     /// The commands to the extension: each logs its line, then writes its frame.
     void closeTab(const std::string& id);
@@ -108,6 +106,13 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     /// output. A message over maximumMessageLength is not written: one error line names it.
     void writeMessage(std::string_view message);
 
+    /// Keeps the frames of the commands that follow (up to heldBytes) until writeHeldMessages(),
+    /// which writes them in order in one write. Commands in between come from the calling thread
+    /// only.
+    void holdMessages() { holding_ = true; }
+    void writeHeldMessages();
+    static constexpr std::size_t heldBytes = std::size_t{64} * 1024;
+
     /// Declares that no more commands come through this channel: its successor may write. Any
     /// thread; the destructor does it too.
     void endOutput() { succession_->endOutput(); }
@@ -119,8 +124,8 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
 
   private:
     void readLoop();
-    /// Sends `message` on browserSocket; one cut off by the retirement is left to the next reader.
-    void forward(Data& message);
+    /// Writes the held frames, then `message` as one frame (none without a value), in one write.
+    void writeFrames(std::optional<std::string_view> message);
     [[noreturn]] void stop();
     /// Logs `line` followed by the JSON text, then writes the text; nothing without a text.
     void writeAnnounced(std::string_view line, const std::optional<std::string>& json);
@@ -134,7 +139,8 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     const Descriptor retireEvent_;       // eventfd, readable once retire() was called; may be none
     const std::shared_ptr<Succession> succession_ = std::make_shared<Succession>();
     std::shared_ptr<Succession> predecessor_;  // set by follow() before start(), then constant
-    std::shared_ptr<Handover> handover_ = std::make_shared<Handover>();  // likewise
+    bool holding_ = false;                     // on the thread of the commands, like held_
+    Data held_;  // frames kept while holding: header and body each, back to back
 };
 
 }  // namespace kerrow

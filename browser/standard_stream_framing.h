@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "platform/data.h"
@@ -31,22 +32,26 @@ enum class FrameRead {
     cancelled,   // the cancel descriptor became readable first; nothing was consumed
 };
 
-/// Room that readFrame() leaves after a body, so that appending a suffix this short (the
-/// tabList keyword) never copies the body.
-constexpr std::size_t bodySuffixRoom = 64;
-
 /// Reads the next frame's body into `body`, replacing its contents and reusing its capacity.
 /// Waits on `cancelDescriptor` too (-1 for none) while the frame is not whole.
 [[nodiscard]] FrameRead readFrame(FileHandle& input, Data& body, int cancelDescriptor = -1);
 
-/// Gives back the memory of `body` when a large frame (over 1 MiB) made it grow; a reader calls it
-/// once it is done with a body, so that one large message does not stay resident.
-void releaseLargeBody(Data& body);
-
 /// The next frame's body, or no value at end of input.
 [[nodiscard]] std::optional<Data> readFrame(FileHandle& input);
 
-/// Writes `body` as one frame: the prefix in one write, then the body with the kit's write().
-void writeFrame(FileHandle& output, std::string_view body);
+/// Waits, as readFrame() does, until the next frame is in the handle's read-ahead whole (or cut
+/// short by end of file), and sets `length` to its bytes there, prefix included. Consumes
+/// nothing: the caller uses the frame in place, then consumes it.
+[[nodiscard]] FrameRead peekFrame(FileHandle& input, std::size_t& length,
+                                  int cancelDescriptor = -1);
+
+/// The bytes of the frame that starts `bytes`, prefix included, when it is whole there; no value
+/// for a frame not whole yet and for a prefix that ends the input.
+[[nodiscard]] std::optional<std::size_t> wholeFrameLength(std::span<const std::uint8_t> bytes);
+
+/// Writes the frames in `before` (prefixes and bodies, back to back), then `body` as one frame,
+/// in one vectored write.
+void writeFrame(FileHandle& output, std::string_view body,
+                std::span<const std::uint8_t> before = {});
 
 }  // namespace kerrow

@@ -13,8 +13,9 @@ namespace {
 using namespace std::string_literals;
 using test::Pipe;
 
-// Feeds `bytes` and end of file, and returns every frame read until end of input.
-std::vector<std::string> framesOf(const std::string& bytes) {
+// Feeds `bytes` and end of file, and returns every frame read until end of input, copied out
+// (readFrame) or seen in place (peekFrame).
+std::vector<std::string> framesOf(const std::string& bytes, bool inPlace) {
     Pipe pipe;
     FileHandle input(pipe.readEnd.release());
     std::thread writer([&] {  // more than a pipe holds must be written while we read
@@ -23,8 +24,16 @@ std::vector<std::string> framesOf(const std::string& bytes) {
     });
     std::vector<std::string> bodies;
     Data body;
-    while (readFrame(input, body) == FrameRead::body) {
-        bodies.emplace_back(textView(body));
+    std::size_t length = 0;
+    while (inPlace ? peekFrame(input, length) == FrameRead::body
+                   : readFrame(input, body) == FrameRead::body) {
+        if (inPlace) {
+            const auto frame = input.peek(0)->first(length).subspan(4);
+            bodies.emplace_back(frame.begin(), frame.end());
+            input.consume(length);
+        } else {
+            bodies.emplace_back(textView(body));
+        }
     }
     writer.join();
     return bodies;
@@ -48,7 +57,10 @@ TEST(StandardStreamReading, ReadsFramesUntilEndOfInput) {
         {"\x03\x02\x01\0"s + big + "\x01\0\0\0!"s, {big, "!"}},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(framesOf(c.input), c.bodies) << testing::PrintToString(c.input.substr(0, 16));
+        for (const bool inPlace : {false, true}) {
+            EXPECT_EQ(framesOf(c.input, inPlace), c.bodies)
+                << testing::PrintToString(c.input.substr(0, 16)) << inPlace;
+        }
     }
 }
 

@@ -83,7 +83,7 @@ void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelp
     }
     try {
         do {
-            endpoint->readSocket();
+            readOnce(*endpoint);
         } while (endpoint->isConnected());
         if (!retired_) {
             endpoint->resetSocket(SocketHelper::browserSocketLocation());
@@ -101,6 +101,27 @@ void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelp
         endpoint->closeSocket();
     }
     countTowardsEndOfOutput();
+}
+
+void HostToCoreSocketService::readOnce(SocketHelper& endpoint) {
+    if (!browserConnection) {
+        endpoint.readSocket();
+        return;
+    }
+    browserConnection->holdMessages();
+    try {
+        endpoint.readSocket();
+    } catch (const std::exception&) {
+        browserConnection->writeHeldMessages();  // those before a frame error go out as well
+        throw;
+    }
+    browserConnection->writeHeldMessages();  // no-op once didDeliverFrames() wrote them
+}
+
+void HostToCoreSocketService::didDeliverFrames() {
+    if (browserConnection) {
+        browserConnection->writeHeldMessages();
+    }
 }
 
 void HostToCoreSocketService::countTowardsEndOfOutput() {

@@ -4,7 +4,8 @@
 // service ends the connection, and stops for good after a socket error. Every message that the
 // endpoint delivers is routed by the first Const::Browser keyword it contains (closeTab,
 // disableInternet, enableInternet, websiteList, in that order) to one command of the browser
-// extension channel.
+// extension channel. The messages that one read of the endpoint delivers go to standard output
+// together: the channel holds their frames until the endpoint has delivered them all.
 //
 // Retirement: a retired service reads its connection for retirementGrace at most (endReading()
 // ends that at once) and delivers everything it read, however long standard output takes; then
@@ -45,6 +46,9 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
     /// loop first sends firstMessage, if set, on the connection.
     void setup();
 
+    /// Writes the frames that the commands of one read left with the channel.
+    void didDeliverFrames() override;
+
     void didReadData(const Data& data) override;
     void didReadFrame(std::span<const std::uint8_t> data) override;
     /// Routes one message to the handler of the first keyword it contains.
@@ -76,6 +80,8 @@ class HostToCoreSocketService final : public SocketReaderDelegate,
   private:
     void queueConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint);
     void runConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint);
+    /// One read of the endpoint, the channel holding the frames of the commands it brings.
+    void readOnce(SocketHelper& endpoint);
     /// Counts one of the two conditions of the channel's end of output: retired, loop over.
     void countTowardsEndOfOutput();
 

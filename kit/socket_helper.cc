@@ -211,6 +211,9 @@ bool SocketHelper::waitForInput() {
 void SocketHelper::deliverPausingTheGrace() {
     const auto began = std::chrono::steady_clock::now();
     deliverCompleteFrames();
+    if (const auto delegate = readerDelegate()) {
+        delegate->didDeliverFrames();
+    }
     if (retired_) {
         retiredUntil_ = retiredUntil_.load() + (std::chrono::steady_clock::now() - began);
     }
@@ -242,35 +245,62 @@ void SocketHelper::deliverCompleteFrames() {
 }
 
 void SocketHelper::sendData(const Data& data) {
-    if (data.size() > std::numeric_limits<std::uint32_t>::max()) {
-        throw std::system_error(EMSGSIZE, std::generic_category(), "send to core service");
-    }
-    const auto length = static_cast<std::uint32_t>(data.size());
-    auto header = encodeFrameLength(length);
-    // sendmsg() only reads the body; iovec just has no const member.
-    std::array<iovec, 2> parts{iovec{header.data(), header.size()},
-                               iovec{const_cast<std::uint8_t*>(data.data()), data.size()}};
+    sendData(data, {});
+}
+
+void SocketHelper::sendData(std::span<const std::uint8_t> body,
+                            std::span<const std::uint8_t> suffix) {
+    const OutgoingFrame frame{body, suffix};
+    std::size_t whole = 0;
+    sendFrames({&frame, 1}, whole);
+}
+
+void SocketHelper::sendFrames(std::span<const OutgoingFrame> frames, std::size_t& whole) {
+    whole = 0;
+    // Three parts a frame (header, body, suffix); sendmsg() takes at most IOV_MAX of them.
+    constexpr std::size_t framesPerSend = 64;
+    std::array<std::array<std::uint8_t, frameHeaderLength>, framesPerSend> headers{};
+    std::array<iovec, 3 * framesPerSend> parts{};
 
     const std::lock_guard lock(sendLock_);
-    if (descriptor_.get() < 0) {
-        throw std::system_error(ENOTCONN, std::generic_category(), "send to core service");
-    }
-    std::size_t first = 0;  // the first part with bytes left to send
-    try {
-        sendParts(parts, first);
-    } catch (const std::system_error&) {
-        if (first > 0 || parts[0].iov_len < header.size()) {
-            // Part of the frame went out: the connection ends here, so that the core service
-            // drops the partial frame instead of reading the next one into it.
-            ::shutdown(descriptor_.get(), SHUT_RDWR);
+    while (whole < frames.size()) {
+        if (descriptor_.get() < 0) {
+            throw std::system_error(ENOTCONN, std::generic_category(), "send to core service");
         }
-        throw;
+        const auto batch = frames.subspan(whole, std::min(framesPerSend, frames.size() - whole));
+        for (std::size_t index = 0; index < batch.size(); ++index) {
+            const auto& frame = batch[index];
+            const std::size_t length = frame.body.size() + frame.suffix.size();
+            if (length > std::numeric_limits<std::uint32_t>::max()) {
+                throw std::system_error(EMSGSIZE, std::generic_category(), "send to core service");
+            }
+            headers[index] = encodeFrameLength(length);
+            // sendmsg() only reads the parts; iovec just has no const member.
+            parts[3 * index] = iovec{headers[index].data(), frameHeaderLength};
+            parts[3 * index + 1] =
+                iovec{const_cast<std::uint8_t*>(frame.body.data()), frame.body.size()};
+            parts[3 * index + 2] =
+                iovec{const_cast<std::uint8_t*>(frame.suffix.data()), frame.suffix.size()};
+        }
+        std::size_t first = 0;  // the first part with bytes left to send
+        try {
+            sendParts(std::span(parts).first(3 * batch.size()), first);
+        } catch (const std::system_error&) {
+            whole += first / 3;
+            if (first % 3 != 0 || parts[first].iov_len < frameHeaderLength) {
+                // Part of a frame went out: the connection ends here, so that the core service
+                // drops the partial frame instead of reading the next one into it.
+                ::shutdown(descriptor_.get(), SHUT_RDWR);
+            }
+            throw;
+        }
+        whole += batch.size();
     }
 }
 
 // Sends what is left of `parts` from `first` on, advancing both as bytes go out. The send lock
 // is held.
-void SocketHelper::sendParts(std::array<iovec, 2>& parts, std::size_t& first) const {
+void SocketHelper::sendParts(std::span<iovec> parts, std::size_t& first) const {
     while (first < parts.size()) {
         msghdr message{};
         message.msg_iov = parts.data() + first;

@@ -23,9 +23,9 @@
 // host-to-core service (std::shared_ptr). The reader delegate is held weakly.
 // Threads: readSocket(), resetSocket(), setupSocket() and closeSocket() are called by one thread at
 // a time (the host-to-core service's queue, or the main thread before that service starts).
-// sendData() may be called from any thread at any time, also while a read blocks in another
-// thread; sends are serialised by sendLock_ and never wait for a read. stopReading() and retire()
-// may be called from any thread. isConnected is atomic.
+// sendData() and sendFrames() may be called from any thread at any time, also while a read
+// blocks in another thread; sends are serialised by sendLock_ and never wait for a read.
+// stopReading() and retire() may be called from any thread. isConnected is atomic.
 #pragma once
 
 #include <sys/uio.h>
@@ -50,6 +50,11 @@ namespace kerrow {
 class SocketReaderDelegate {
   public:
     virtual ~SocketReaderDelegate() = default;
+    /// Called once the frames of one read are all delivered (not after a frame error), so that a
+    /// delegate may act on them together; its time does not count against a retired endpoint's
+    /// grace either.
+    virtual void didDeliverFrames() {}
+
     virtual void didReadData(const Data& data) = 0;
     /// The same, as a view of the endpoint's buffer (valid during the call), so a delegate that
     /// needs no copy of a large message makes none. By default a copy goes to the above.
@@ -80,6 +85,13 @@ class SocketFrameError : public std::runtime_error {
 class SocketHelper {
   public:
     static constexpr std::size_t maximumFrameLength = std::size_t{64} * 1024 * 1024;
+
+    /// One outgoing frame whose body is two pieces sent back to back (a message and its suffix);
+    /// the header counts both. The bytes must stay valid during the send.
+    struct OutgoingFrame {
+        std::span<const std::uint8_t> body;
+        std::span<const std::uint8_t> suffix;
+    };
 
     /// Throws std::system_error only when the process has no descriptor left for its eventfds.
     SocketHelper(SocketType type, std::string path);
@@ -114,6 +126,12 @@ class SocketHelper {
     /// (never raises SIGPIPE); a send that fails with part of the frame sent ends the connection,
     /// so the core service never takes a partial frame for a whole one.
     void sendData(const Data& data);
+    /// The same, for a frame whose body is `body` followed by `suffix`, sent from where they are.
+    void sendData(std::span<const std::uint8_t> body, std::span<const std::uint8_t> suffix);
+    /// Sends `frames` in order, many in one sendmsg(). `whole` counts the frames that went out
+    /// whole, also when it throws: a frame cut off and every later one never reach the core
+    /// service (a frame cut off part-way ends the connection, as in sendData()).
+    void sendFrames(std::span<const OutgoingFrame> frames, std::size_t& whole);
 
     /// Connects to the socket at the current path, checking trust first. While the socket is
     /// missing, refuses or its backlog is full, retries with capped exponential back-off for at
@@ -147,7 +165,7 @@ class SocketHelper {
     [[nodiscard]] bool waitBeforeRetry(std::chrono::milliseconds delay) const;
     void waitUntilConnected(int socket, std::chrono::steady_clock::time_point deadline) const;
     void waitUntilWritable(int socket) const;
-    void sendParts(std::array<iovec, 2>& parts, std::size_t& first) const;
+    void sendParts(std::span<iovec> parts, std::size_t& first) const;
     [[nodiscard]] bool waitForInput();
     void noteConnectionEnded();
     [[nodiscard]] bool givingUp() const { return readingStopped_ || retired_; }

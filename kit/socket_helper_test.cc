@@ -109,6 +109,14 @@ TEST_F(SocketTest, ConnectsWithoutADelegateAndFramesBothWays) {
     endpoint->sendData(dataFromText("hello"));
     endpoint->sendData({});
     EXPECT_EQ(test::readExactly(connection->fd(), 13), "\x05\x00\x00\x00hello\x00\x00\x00\x00"s);
+    // Bodies in two pieces, counted together by their headers; several frames in one send.
+    const Data he = dataFromText("he"), llo = dataFromText("llo");
+    const std::vector<SocketHelper::OutgoingFrame> frames{{he, llo}, {{}, {}}, {llo, {}}};
+    std::size_t whole = 0;
+    endpoint->sendFrames(frames, whole);
+    EXPECT_EQ(whole, 3u);
+    EXPECT_EQ(test::readExactly(connection->fd(), 20),
+              "\x05\x00\x00\x00hello\x00\x00\x00\x00\x03\x00\x00\x00llo"s);
 
     connection->send("dropped");  // no delegate yet: read and dropped
     endpoint->readSocket();
@@ -286,10 +294,14 @@ TEST_F(SocketTest, PacesConnectionsThatEndAtOnce) {
 }
 
 // Retired, the endpoint reads and sends only for its grace: a send held back fails, reading stops.
-// (The read here also shows that a blocked send never holds a read back.)
+// (The read here also shows that a blocked send never holds a read back.) Of frames sent
+// together, those before the one cut off went whole, and the core service gets no more.
 TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
-    // A send of more than the socket buffers hold.
-    auto blocked = errorCodeOf([&] { endpoint->sendData(Data(std::size_t{16} * 1024 * 1024)); });
+    // The second frame is more than the socket buffers hold.
+    const Data first = dataFromText("first"), large(std::size_t{16} * 1024 * 1024);
+    const std::vector<SocketHelper::OutgoingFrame> frames{{first, {}}, {large, {}}, {first, {}}};
+    std::size_t whole = 0;
+    auto blocked = errorCodeOf([&] { endpoint->sendFrames(frames, whole); });
     EXPECT_EQ(blocked.wait_for(100ms), std::future_status::timeout);
     endpoint->retire(300ms);
     connection->send("on its way");
@@ -297,9 +309,12 @@ TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
     EXPECT_EQ(delegate->messages, std::vector<std::string>{"on its way"});
     ASSERT_EQ(blocked.wait_for(2s), std::future_status::ready);
     EXPECT_EQ(blocked.get(), std::errc::timed_out);
+    EXPECT_EQ(whole, 1u);
     while (endpoint->isConnected()) {
         endpoint->readSocket();  // returns once the grace is over
     }
+    EXPECT_EQ(connection->receive(), "first");
+    EXPECT_EQ(connection->receive(), std::nullopt);  // the cut-off frame ended the connection
 }
 
 // The trust rules, each broken once; the cases of another user need root.

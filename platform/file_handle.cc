@@ -1,9 +1,11 @@
 #include "platform/file_handle.h"
 
 #include <poll.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -118,6 +120,39 @@ FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
         end_ += static_cast<std::size_t>(got);
         return Fill::more;
     }
+}
+
+bool FileHandle::writeParts(std::span<const std::span<const std::uint8_t>> parts) {
+    constexpr std::size_t maximumParts = 8;  // callers write a few parts; more go in turns
+    std::array<iovec, maximumParts> vector{};
+    while (!parts.empty()) {
+        std::size_t count = 0;
+        for (; count < std::min(parts.size(), maximumParts); ++count) {
+            // writev() only reads the parts; iovec just has no const member.
+            vector[count] = {const_cast<std::uint8_t*>(parts[count].data()), parts[count].size()};
+        }
+        for (std::size_t first = 0; first < count;) {
+            const ssize_t wrote =
+                ::writev(descriptor_.get(), vector.data() + first, static_cast<int>(count - first));
+            if (wrote < 0 && errno == EINTR) {
+                continue;
+            }
+            if (wrote < 0 || (wrote == 0 && vector[first].iov_len > 0)) {
+                return false;
+            }
+            for (auto left = static_cast<std::size_t>(wrote); first < count; ++first) {
+                const std::size_t taken = std::min(left, vector[first].iov_len);
+                vector[first].iov_base = static_cast<std::uint8_t*>(vector[first].iov_base) + taken;
+                vector[first].iov_len -= taken;
+                left -= taken;
+                if (vector[first].iov_len > 0) {
+                    break;
+                }
+            }
+        }
+        parts = parts.subspan(count);
+    }
+    return true;
 }
 
 bool FileHandle::writeData(std::span<const std::uint8_t> bytes) {

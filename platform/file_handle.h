@@ -57,6 +57,8 @@ class FileHandle {
     /// Writes all bytes. A failure (a closed descriptor, a reader that has gone) is quiet: the
     /// call returns false and the process goes on.
     bool writeData(std::span<const std::uint8_t> bytes);
+    /// Writes all bytes of `parts`, in order, in as few writev() calls as the descriptor takes.
+    bool writeParts(std::span<const std::span<const std::uint8_t>> parts);
 
     /// Closes the descriptor. Later reads give end of file and later writes fail quietly.
     void closeFile();
