@@ -17,36 +17,13 @@ void AppDelegate::applicationDidFinishLaunching() {
         if (!notificationsStarted) {
             notificationsStarted = true;
             distributedNotificationCenter.addObserver(NotificationName::startCoreHostServices,
-                                                      [this] { scheduleStart(); });
+                                                      [this] { startCoreHostServices(); });
         }
         distributedNotificationCenter.postNotificationName(
             NotificationName::nativeMessagingHostDidFinishLaunching, true);
     } catch (const std::exception& error) {
         logger.logError(error, "Error connecting to the session bus", now());
     }
-}
-
-// Notifications already queued on the bus are served first (the bus comes before an idle
-// source): a burst of them runs the start sequence once, after the last.
-void AppDelegate::scheduleStart() {
-    if (startSource) {
-        return;  // one is due already
-    }
-    const auto start = [](sd_event_source*, void* userdata) {
-        auto* self = static_cast<AppDelegate*>(userdata);
-        self->startSource.reset();
-        self->startCoreHostServices();
-        return 0;
-    };
-    sd_event_source* source = nullptr;
-    sd_event* const loop = Application::shared().eventLoop();
-    if (sd_event_add_defer(loop, &source, start, this) < 0 ||
-        sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IDLE) < 0) {
-        sd_event_source_disable_unref(source);
-        startCoreHostServices();  // no source: serve it now
-        return;
-    }
-    startSource.reset(source);
 }
 
 void AppDelegate::applicationWillTerminate() {

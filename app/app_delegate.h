@@ -7,9 +7,6 @@
 // channel (started), service (wired as the endpoint's reader delegate, set up), device-twin
 // request.
 //
-// Start notifications that arrive together (already queued when the first is read) are served
-// by one run of the start sequence.
-//
 // A repeated start. The start notification is a broadcast, so every host of the session receives
 // it whenever any host announces itself: a repeated start is routine. It replaces the endpoint,
 // channel and service, and first retires the previous ones so that exactly one of each works:
@@ -60,11 +57,6 @@ class AppDelegate final : public ApplicationDelegate {
     void startCoreHostServices();
 
   private:
-    struct EventSourceUnref {
-        void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-    };
-
-    void scheduleStart();
     void retirePreviousServices();
     void startBrowserConnection();
     void setUpHostToCoreService();
@@ -77,8 +69,6 @@ class AppDelegate final : public ApplicationDelegate {
     std::weak_ptr<HostToCoreSocketService> retiringService;  // the one before, while it lives
     DistributedNotificationCenter& distributedNotificationCenter;
     bool notificationsStarted = false;
-    // A start due once the notifications queued now have been read; null while none is due.
-    std::unique_ptr<sd_event_source, EventSourceUnref> startSource;
 };
 
 }  // namespace kerrow

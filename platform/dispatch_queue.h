@@ -21,8 +21,13 @@ class DispatchQueue {
     DispatchQueue(const DispatchQueue&) = delete;
     DispatchQueue& operator=(const DispatchQueue&) = delete;
 
-    /// Queues `work` to run after every item queued before it, and returns at once.
+    /// Queues `work` to run after every item queued before it, and returns at once. Does nothing
+    /// once the queue is finished.
     void async(std::function<void()> work);
+
+    /// Takes no more items: the thread ends once those queued have run, without waiting for the
+    /// owner's end. Any thread, also one of the queue's own work items.
+    void finish();
 
     [[nodiscard]] const std::string& label() const { return label_; }
 
