@@ -89,14 +89,13 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
             }
         }
     });
-    // Two starts while both directions are busy, the second posted once the first is served (two
-    // waiting together are served by one start); each connection is read from its accept on.
+    // Two starts while both directions are busy; each connection is read from its accept on.
+    session.postStart();
     session.postStart();
     // Threads are std::jthread, so that a failed assertion joins them before the host goes.
     auto second = session.core().accept();
     ASSERT_TRUE(second) << session.log();
     FrameCollector onSecond(second->fd(), "", 2'000ms);
-    session.postStart();
     auto third = session.core().accept();
     ASSERT_TRUE(third) << session.log();
     FrameCollector onThird(third->fd(), relayedTabData(frames - 1), 10'000ms);
