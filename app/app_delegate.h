@@ -12,8 +12,8 @@
 // free, until that service and its channel are gone: at once, unless the service is still
 // delivering to a browser that does not read or the channel is in a send to a core service that
 // does not read (which gives up within the grace). So however fast notifications come, the
-// objects and threads of at most two starts live beside the one being made. A pending stop
-// signal skips every start still due.
+// objects and threads of at most two starts live at once: the current and the retiring one. A
+// pending stop signal skips every start still due.
 //
 // A repeated start. The start notification is a broadcast, so every host of the session receives
 // it whenever any host announces itself: a repeated start is routine. It replaces the endpoint,

@@ -3,7 +3,8 @@
 // Work items run one at a time, in the order submitted, on the queue's thread. The owner of the
 // queue destroys it from any thread, including from one of its own work items (the usual end of a
 // service whose loop held the last reference to it): pending items still run, then the thread
-// ends; the destructor waits for that unless it runs on the worker itself.
+// ends; the destructor waits for that unless it runs on the worker itself. finish() ends the
+// thread the same way while the queue lives on (a channel whose loop is over).
 // async() may be called from any thread.
 #pragma once
 
