@@ -64,13 +64,13 @@ TEST(DispatchQueue, MayBeDestroyedByItsOwnWorkItem) {
 // A retired channel's queue ends its thread as soon as its loop is over, long before the channel.
 TEST(DispatchQueue, AFinishedQueueRunsWhatWasQueuedThenEndsItsThread) {
     const auto threads = [] { return test::procFigure(::getpid(), "status", "Threads"); };
-    const auto before = threads();
     DispatchQueue queue("finished");
+    const auto withWorker = threads();
     std::atomic<int> ran{0};
     queue.async([&] { ++ran; });
     queue.async([&] { ++ran; });
     queue.finish();
-    EXPECT_TRUE(test::waitUntil([&] { return threads() <= before; }));
+    EXPECT_TRUE(test::waitUntil([&] { return threads() < withWorker; }));
     queue.async([&] { ++ran; });  // taken no more
     EXPECT_EQ(ran, 2);
 }
