@@ -47,6 +47,7 @@
 #include "kit/socket_helper.h"
 #include "platform/application.h"
 #include "platform/distributed_notification_center.h"
+#include "platform/sd_bus_handles.h"
 
 namespace kerrow {
 
@@ -66,10 +67,6 @@ class AppDelegate final : public ApplicationDelegate {
     void startCoreHostServices();
 
   private:
-    struct EventSourceUnref {
-        void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-    };
-
     /// Watches startEnded on the main loop; without it, starts are served at once.
     void watchStartEnds();
     /// Runs the start sequence for each start due, once the retiring start's objects are gone.
@@ -91,7 +88,7 @@ class AppDelegate final : public ApplicationDelegate {
     // expired then (never set without startEnded, nor without an endpoint).
     std::weak_ptr<const void> retiringStart;
     std::shared_ptr<const Descriptor> startEnded;  // eventfd, written as a start's objects go
-    std::unique_ptr<sd_event_source, EventSourceUnref> startEndedSource;
+    SdEventSource startEndedSource;
 };
 
 }  // namespace kerrow
