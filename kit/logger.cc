@@ -10,8 +10,10 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <initializer_list>
 #include <map>
@@ -44,21 +46,64 @@ constexpr std::size_t noteRoom = 48;
 
 // Messages carry text from the peers (a tab id, a disable-internet text). One call must stay one
 // line and every escape must read one way, so control characters other than tab and the
-// backslash are written as escapes: no peer can forge lines or escapes.
-bool isLineBreaking(unsigned char byte) {
-    return (byte < 0x20 && byte != '\t') || byte == 0x7F;
-}
-
-bool needsEscape(char character) {
-    const auto byte = static_cast<unsigned char>(character);
-    return isLineBreaking(byte) || byte == '\\';
-}
-
-std::size_t escapedLength(unsigned char byte) {
-    if (byte == '\\' || byte == '\n' || byte == '\r') {
-        return 2;
+// backslash are written as escapes: no peer can forge lines or escapes. The table holds each
+// byte's length once written: 1 as it is, 2 for \\, \n and \r, 4 for \xNN.
+constexpr std::array<std::uint8_t, 256> escapedLengths = [] {
+    std::array<std::uint8_t, 256> lengths{};
+    for (std::size_t byte = 0; byte < lengths.size(); ++byte) {
+        lengths[byte] = (byte < 0x20 && byte != '\t') || byte == 0x7F ? 4 : 1;
     }
-    return isLineBreaking(byte) ? 4 : 1;
+    lengths['\\'] = lengths['\n'] = lengths['\r'] = 2;
+    return lengths;
+}();
+
+std::size_t escapedLength(char character) {
+    return escapedLengths[static_cast<unsigned char>(character)];
+}
+
+// True when one of the eight bytes of `word` may need an escape: it is below 0x20 (a tab too,
+// which the caller then passes), 0x7F or the backslash. Exact bit tricks: no byte is missed.
+bool mayNeedEscape(std::uint64_t word) {
+    constexpr std::uint64_t ones = 0x0101010101010101;
+    constexpr std::uint64_t highs = 0x8080808080808080;
+    const auto hasZero = [](std::uint64_t value) { return (value - ones) & ~value & highs; };
+    return (((word - ones * 0x20) & ~word & highs) | hasZero(word ^ (ones * 0x7F)) |
+            hasZero(word ^ (ones * '\\'))) != 0;
+}
+
+// How many bytes at the start of `text` are written as they are: eight at a time, as most log
+// text needs no escape at all.
+std::size_t plainLength(std::string_view text) {
+    std::size_t index = 0;
+    for (;;) {
+        for (std::uint64_t word = 0; index + sizeof word <= text.size(); index += sizeof word) {
+            std::memcpy(&word, text.data() + index, sizeof word);
+            if (mayNeedEscape(word)) {
+                break;
+            }
+        }
+        const std::size_t end = std::min(index + sizeof(std::uint64_t), text.size());
+        while (index < end && escapedLength(text[index]) == 1) {
+            ++index;
+        }
+        if (index < end || index == text.size()) {
+            return index;
+        }
+    }
+}
+
+// The length of `text` once escaped, counted until it passes `limit`.
+std::size_t escapedSize(std::string_view text, std::size_t limit) {
+    std::size_t size = 0;
+    for (std::size_t index = 0; index < text.size() && size <= limit; ++index) {
+        const std::size_t plain = plainLength(text.substr(index, limit + 1 - size));
+        size += plain;
+        index += plain;
+        if (index < text.size()) {
+            size += escapedLength(text[index]);
+        }
+    }
+    return size;
 }
 
 void appendEscapedByte(std::string& line, unsigned char byte) {
@@ -68,29 +113,26 @@ void appendEscapedByte(std::string& line, unsigned char byte) {
         line += "\\n";
     } else if (byte == '\r') {
         line += "\\r";
-    } else if (isLineBreaking(byte)) {
+    } else {
         constexpr std::string_view hex = "0123456789abcdef";
         line.append("\\x").append(1, hex[byte >> 4]).append(1, hex[byte & 0xF]);
-    } else {
-        line += static_cast<char>(byte);
     }
 }
 
 // Appends as much of `text`, escaped, as fits in `room` bytes, never part of an escape nor of a
-// UTF-8 sequence. Returns how many bytes of `text` it took.
+// UTF-8 sequence: runs of plain bytes in one copy. Returns how many bytes of `text` it took.
 std::size_t appendEscaped(std::string& line, std::string_view text, std::size_t room) {
-    if (text.size() <= room && std::none_of(text.begin(), text.end(), needsEscape)) {
-        line.append(text);
-        return text.size();
-    }
     std::size_t index = 0;
     for (std::size_t used = 0; index < text.size(); ++index) {
-        const auto byte = static_cast<unsigned char>(text[index]);
-        used += escapedLength(byte);
-        if (used > room) {
+        const std::size_t plain = std::min(plainLength(text.substr(index)), room - used);
+        line.append(text.substr(index, plain));
+        index += plain;
+        used += plain;
+        if (index == text.size() || used + escapedLength(text[index]) > room) {
             break;
         }
-        appendEscapedByte(line, byte);
+        used += escapedLength(text[index]);
+        appendEscapedByte(line, static_cast<unsigned char>(text[index]));
     }
     // Drop the start of a sequence cut short (at most three raw bytes of one character).
     for (int dropped = 0; dropped < 3 && index > 0 && index < text.size() &&
@@ -110,9 +152,13 @@ void appendCapped(std::string& line, std::initializer_list<std::string_view> par
     std::size_t escaped = 0;
     for (const auto part : parts) {
         whole += part.size();
-        for (std::size_t index = 0; index < part.size() && escaped <= maximumLineData; ++index) {
-            escaped += escapedLength(static_cast<unsigned char>(part[index]));
+        escaped += escapedSize(part, maximumLineData);
+    }
+    if (escaped == whole && whole <= maximumLineData) {  // the common case: nothing to escape
+        for (const auto part : parts) {
+            line.append(part);
         }
+        return;
     }
     const std::size_t room = escaped <= maximumLineData ? escaped : maximumLineData - noteRoom;
     std::size_t taken = 0;
