@@ -109,28 +109,29 @@ TEST_F(LoggerTest, LoggersOnManyThreadsShareOneFileWithoutTornOrLostLines) {
 }
 
 // Two hosts sharing one log (two directory spellings give two channels, each with a descriptor
-// of its own, as two processes have): each rotates it safely, so the log stays bounded and no
-// line lands in an unlinked file.
+// of its own, as two processes have): they rotate it once each time it is full, so it stays
+// bounded, and no line lands in an unlinked file or a file rotated twice.
 TEST_F(LoggerTest, HostsSharingALogRotateItWithoutLosingLines) {
     const std::array loggers{Logger(now(), logsDir), Logger(now(), logsDir / ".")};
     const std::string filler(1000, 'r');
-    constexpr int lines = 24000;  // about 24 MB in all
+    constexpr int lines = 20000;  // about 20 MB: two rotations, and the three files hold it all
     for (int index = 0; index < lines; ++index) {
         loggers[index % 2].logInformation(std::to_string(index) + filler, now());
+        if (index % 1000 == 999) {
+            Logger::flushAll();  // as the hosts' writers keep up: no line is lost to a full queue
+        }
     }
     Logger::flushAll();
-    std::vector<std::string> kept;
+    std::set<std::string> kept;
     for (const auto* suffix : {"", ".1", ".2"}) {
         const std::filesystem::path file = logFile.string() + suffix;
         EXPECT_LE(std::filesystem::file_size(file), 9u * 1024 * 1024);
-        const auto messages = test::logMessages(file);
-        kept.insert(kept.end(), messages.begin(), messages.end());
+        for (const auto& message : test::logMessages(file)) {
+            EXPECT_TRUE(kept.insert(message).second) << "twice: " << message.substr(0, 20);
+        }
     }
     EXPECT_FALSE(std::filesystem::exists(logFile.string() + ".3"));
-    EXPECT_GE(kept.size(), 2u * 7 * 1024);  // the files hold what fits; older lines rotated away
-    for (const int index : {lines - 2, lines - 1}) {  // the newest line of each host
-        EXPECT_EQ(std::ranges::count(kept, "info " + std::to_string(index) + filler), 1);
-    }
+    EXPECT_EQ(kept.size(), static_cast<std::size_t>(lines));
 }
 
 // The relay never waits on the log: a rotation whose lock is held elsewhere is skipped and done
