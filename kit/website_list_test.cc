@@ -60,7 +60,7 @@ TEST(WebsiteListDecoding, ReadsALargeListWithoutHoldingIt) {
     EXPECT_LT(sink.peak - before, 1024u * 1024) << "bytes in use while decoding";
 }
 
-// Also hostile nesting and invalid UTF-8, without crashing.
+// Also invalid UTF-8, and nesting deeper than the decoder follows, without crashing.
 TEST(WebsiteListDecoding, RefusesAnythingElse) {
     for (const auto& json : std::vector<std::string>{
              R"({"websites":[],"listType":0})",  // no name
@@ -78,7 +78,8 @@ TEST(WebsiteListDecoding, RefusesAnythingElse) {
              R"([])",
              R"({"name":"n","websites":[],"listType":0)",
              "{\"name\":\"\xff\",\"websites\":[],\"listType\":0}",
-             std::string(100000, '[') + std::string(100000, ']'),
+             R"({"name":"n","websites":[],"listType":0,"x":)" + std::string(100000, '[') +
+                 std::string(100000, ']') + "}",
          }) {
         EXPECT_FALSE(decode(json)) << json.substr(0, 80);
     }
