@@ -117,6 +117,7 @@ std::size_t escapedSize(std::string_view text, std::size_t limit) {
     return size;
 }
 
+// Appends the escape of a byte that needs one (its escapedLength() is 2 or 4).
 void appendEscapedByte(std::string& line, unsigned char byte) {
     if (byte == '\\') {
         line += "\\\\";
