@@ -52,15 +52,17 @@ class HostProcess {
     void sendRaw(std::string_view bytes) { writeAll(process_.input.get(), bytes); }
     /// The next frame it wrote to standard output, or no value at end or time-out.
     [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms) {
-        return readFrameFrom(process_.output.get(), timeout);
+        return process_.output ? readFrameFrom(process_.output.get(), timeout) : std::nullopt;
     }
     /// Everything else on standard output until end of file or `timeout`.
     [[nodiscard]] std::string receiveRest(Duration timeout = 5000ms) {
-        return readExactly(process_.output.get(), std::string::npos, timeout);
+        return process_.output ? readExactly(process_.output.get(), std::string::npos, timeout)
+                               : "";
     }
     /// Ends its standard input (the browser closing the connection).
     void closeInput() { process_.input.reset(); }
     void closeOutput() { process_.output.reset(); }
+    /// As waitForExit(pid), but the status stays known once reaped.
     [[nodiscard]] std::optional<int> waitForExit(Duration timeout = 5000ms) {
         return status_ ? status_ : (status_ = test::waitForExit(process_.pid, timeout));
     }
