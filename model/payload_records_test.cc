@@ -18,9 +18,9 @@ namespace {
 using std::chrono::seconds;
 using std::chrono::sys_seconds;
 
-::utmpx makeRecord(short type, std::string_view user, std::string_view line) {
+::utmpx makeRecord(int type, std::string_view user, std::string_view line) {
     ::utmpx record{};
-    record.ut_type = type;
+    record.ut_type = static_cast<short>(type);
     record.ut_tv.tv_sec = 1714550400;
     record.ut_tv.tv_usec = 999999;
     std::memcpy(record.ut_user, user.data(), std::min(user.size(), sizeof record.ut_user));
@@ -36,7 +36,7 @@ TEST(LoginEntryFromUtmpx, TakesLoginsAndProcessEndsOnlyToTheSecond) {
         EXPECT_EQ(entry->action, action);
         EXPECT_EQ(entry->date, sys_seconds{seconds{1714550400}});
     }
-    for (const short type : {EMPTY, RUN_LVL, BOOT_TIME, INIT_PROCESS, LOGIN_PROCESS}) {
+    for (const int type : {EMPTY, RUN_LVL, BOOT_TIME, INIT_PROCESS, LOGIN_PROCESS}) {
         EXPECT_FALSE(LoginEntry::fromUtmpx(makeRecord(type, "alice", "console"))) << type;
     }
 }
