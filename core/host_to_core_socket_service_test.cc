@@ -19,19 +19,29 @@ using namespace std::string_literals;
 class ServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        channel = std::make_shared<BrowserExtensionIO>(
+        channel = newChannel();
+        auto [wired, accepted] = wire(channel);
+        service = wired;
+        connection.emplace(std::move(accepted));
+    }
+
+    std::shared_ptr<BrowserExtensionIO> newChannel() {
+        return std::make_shared<BrowserExtensionIO>(
             std::make_shared<FileHandle>(::dup(input.readEnd.get())),
             std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
-        endpoint = std::make_shared<SocketHelper>(SocketType::browser,
-                                                  SocketHelper::browserSocketLocation());
-        endpoint->setupSocket();
+    }
+
+    // A service wired to `to` and to a new connection, and the core service's side of that.
+    std::pair<std::shared_ptr<HostToCoreSocketService>, test::CoreConnection> wire(
+        std::shared_ptr<BrowserExtensionIO> to) {
+        auto wired = std::make_shared<HostToCoreSocketService>();
+        wired->browserConnection = std::move(to);
+        wired->socketHelper = std::make_shared<SocketHelper>(SocketType::browser,
+                                                             SocketHelper::browserSocketLocation());
+        wired->socketHelper->setupSocket();
         auto accepted = core->accept();
-        ASSERT_TRUE(accepted);
-        connection.emplace(std::move(*accepted));
-        service = std::make_shared<HostToCoreSocketService>();
-        service->browserConnection = channel;
-        service->socketHelper = endpoint;
-        endpoint->setReaderDelegate(service);
+        wired->socketHelper->setReaderDelegate(wired);
+        return {wired, std::move(accepted.value())};
     }
 
     void TearDown() override { service->retire(); }
@@ -59,7 +69,6 @@ class ServiceTest : public ::testing::Test {
     test::Pipe input;
     test::Pipe output;
     std::shared_ptr<BrowserExtensionIO> channel;
-    std::shared_ptr<SocketHelper> endpoint;
     std::optional<test::CoreConnection> connection;
     std::shared_ptr<HostToCoreSocketService> service;
 };
@@ -131,7 +140,8 @@ TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
     service->retire();
     connection->send("kerrow.enableInternet");
     EXPECT_EQ(nextFrame(), R"({"action":"enableWeb","payload":{}})");
-    endpoint->sendData(dataFromText("still sends"));  // the channel's last frame can go out
+    service->socketHelper->sendData(
+        dataFromText("still sends"));  // the channel's last frame can go out
     EXPECT_EQ(connection->receive(), "still sends");
     connection->close();
     EXPECT_FALSE(core->accept(300ms));
@@ -164,21 +174,12 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     }));
     connection->send("kerrow.closeTab-1");  // not read yet when the retirement comes
 
-    auto successor = std::make_shared<BrowserExtensionIO>(
-        std::make_shared<FileHandle>(::dup(input.readEnd.get())),
-        std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
+    auto successor = newChannel();
     successor->follow(*channel);
-    auto next = std::make_shared<HostToCoreSocketService>();
-    next->browserConnection = successor;
-    next->socketHelper =
-        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
-    next->socketHelper->setupSocket();
-    auto newConnection = core->accept();
-    ASSERT_TRUE(newConnection);
-    next->socketHelper->setReaderDelegate(next);
+    auto [next, newConnection] = wire(successor);
     service->retire();
     next->setup();
-    newConnection->send("kerrow.closeTab-2");
+    newConnection.send("kerrow.closeTab-2");
     ASSERT_TRUE(logShows("info Received Close Tab ID: -2"));
     std::this_thread::sleep_for(HostToCoreSocketService::retirementGrace + 500ms);
 
