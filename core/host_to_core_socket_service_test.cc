@@ -73,6 +73,10 @@ class ServiceTest : public ::testing::Test {
     std::shared_ptr<HostToCoreSocketService> service;
 };
 
+std::string closeTab(int id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
+
 // What the core service sends, the frame the extension gets ("": none) and the lines logged (the
 // channel's lines of the frames it writes aside: its own tests prove them).
 struct Routing {
@@ -84,9 +88,7 @@ struct Routing {
 TEST_F(ServiceTest, RoutesByTheFirstKeywordInRoutingOrderAndDropsTheRest) {
     const std::string enableWeb = R"({"action":"enableWeb","payload":{}})";
     const std::vector<Routing> cases{
-        {"kerrow.closeTab-42",
-         R"({"action":"closeTab","payload":{"id":42}})",
-         {"Received Close Tab ID: -42"}},
+        {"kerrow.closeTab-42", closeTab(42), {"Received Close Tab ID: -42"}},
         {"kerrow.disableInternetTime for bed",
          R"({"action":"disableWeb","payload":"Time for bed"})",
          {"Received Disable Internet: Time for bed"}},
@@ -96,14 +98,10 @@ TEST_F(ServiceTest, RoutesByTheFirstKeywordInRoutingOrderAndDropsTheRest) {
          {"Received Website list"}},
         // closeTab goes before disableInternet wherever they stand, and every occurrence goes.
         {"kerrow.disableInternetkerrow.closeTab-7",
-         R"({"action":"closeTab","payload":{"id":7}})",
+         closeTab(7),
          {"Received Close Tab ID: kerrow.disableInternet-7"}},
-        {"kerrow.closeTab-1kerrow.closeTab-9",
-         R"({"action":"closeTab","payload":{"id":9}})",
-         {"Received Close Tab ID: -1-9"}},
-        {"tab-kerrow.closeTab-12-",
-         R"({"action":"closeTab","payload":{"id":12}})",
-         {"Received Close Tab ID: tab--12-"}},
+        {"kerrow.closeTab-1kerrow.closeTab-9", closeTab(9), {"Received Close Tab ID: -1-9"}},
+        {"tab-kerrow.closeTab-12-", closeTab(12), {"Received Close Tab ID: tab--12-"}},
         {"kerrow.CLOSETAB-1", "", {}},
         {"\xff\xfekerrow.enableInternet"s, "", {}},
         {"kerrow.closeTab-", "", {"Received Close Tab ID: -"}},
@@ -184,8 +182,8 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     std::this_thread::sleep_for(HostToCoreSocketService::retirementGrace + 500ms);
 
     EXPECT_EQ(nextFrame(), R"({"action":"disableWeb","payload":")" + large + "\"}");
-    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":1}})");
-    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":2}})");
+    EXPECT_EQ(nextFrame(), closeTab(1));
+    EXPECT_EQ(nextFrame(), closeTab(2));
     next->retire();
 }
 
