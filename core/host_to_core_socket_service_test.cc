@@ -138,8 +138,8 @@ TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
     service->retire();
     connection->send("kerrow.enableInternet");
     EXPECT_EQ(nextFrame(), R"({"action":"enableWeb","payload":{}})");
-    service->socketHelper->sendData(
-        dataFromText("still sends"));  // the channel's last frame can go out
+    // The channel's last frame can go out.
+    service->socketHelper->sendData(dataFromText("still sends"));
     EXPECT_EQ(connection->receive(), "still sends");
     connection->close();
     EXPECT_FALSE(core->accept(300ms));
