@@ -43,7 +43,10 @@ class CommandTest : public ::testing::Test {
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
+// An undecodable list and an invalid text write and log nothing; the channel goes on.
 TEST_F(CommandTest, TakesAPlusSignedIdAndWritesEachKindOfWebsiteList) {
+    channel->setWebsiteList(dataFromText("not json"));
+    channel->disableInternet("\xc3");
     channel->closeTab("+5");
     channel->setWebsiteList(
         dataFromText(R"({"name":"S","websites":["c.example","a.example"],"listType":0})"));
@@ -62,17 +65,10 @@ TEST_F(CommandTest, TakesAPlusSignedIdAndWritesEachKindOfWebsiteList) {
 }
 
 TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
-    const std::vector<std::string> refused = {"",
-                                              " 42",
-                                              "42 ",
-                                              "42a",
-                                              "+",
-                                              "+-5",
-                                              "0x2A",
-                                              "9223372036854775808",
-                                              "-9223372036854775809",
-                                              "\xd9\xa4",
-                                              "4.2"};
+    // clang-format off
+    const std::vector<std::string> refused{"", " 42", "42 ", "42a", "+", "+-5", "0x2A", "4.2",
+        "\xd9\xa4", "9223372036854775808", "-9223372036854775809"};
+    // clang-format on
     for (const auto& id : refused) {
         channel->closeTab(id);
     }
@@ -88,74 +84,58 @@ TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
     }
 }
 
-TEST_F(CommandTest, UndecodableListsAndInvalidTextsWriteAndLogNothing) {
-    channel->setWebsiteList(dataFromText("not json"));
-    channel->disableInternet("\xc3");
-    channel->enableInternet();  // the channel goes on as before
-    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"enableWeb","payload":{}})"}));
-    EXPECT_EQ(logLines().size(), 1u);
-}
-
-// Also among messages held to go out together: the others go, in order.
-TEST_F(CommandTest, AMessageOverTheBrowsersLimitIsDroppedAndLoggedAndLaterOnesGoThrough) {
-    // The last guard before standard output, whatever built the message.
-    const std::string list = R"({"action":"setBlacklist","payload":{"blacklist":[")" +
-                             std::string(maximumMessageLength, 'a') + "\"]}}";
-    channel->holdMessages();
-    channel->closeTab("6");
-    channel->writeMessage(list);
-    channel->closeTab("7");
-    channel->writeHeldMessages();
-    EXPECT_EQ(frames(), (std::vector<std::string>{R"({"action":"closeTab","payload":{"id":6}})",
-                                                  R"({"action":"closeTab","payload":{"id":7}})"}));
-    const auto lines = logLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1], "error Dropped a message for the extension: setBlacklist of " +
-                            std::to_string(list.size()) + " bytes exceeds the 1048576-byte limit");
-}
-
-// A message of exactly the browser's 1 MiB goes out; a command whose message would be longer is
-// dropped with one error line before it is expanded, and the channel goes on.
-TEST_F(CommandTest, RefusesCommandsWhoseMessageWouldPassTheBrowsersLimit) {
-    const std::string prefix = R"({"action":"setWhitelist","payload":{"whitelist":[")";
-    const std::size_t fitting = 1024 * 1024 - prefix.size() - std::string(R"("]}})").size();
+// A message of exactly the browser's 1 MiB goes out. A list or text whose message would be longer
+// is refused with one error line before it is expanded; any other message over the limit is
+// dropped by the last guard before standard output, also among held ones. The channel goes on.
+TEST_F(CommandTest, NothingOverTheBrowsersLimitIsWrittenAndLaterMessagesGoThrough) {
     const auto list = [](std::size_t length) {
         return dataFromText(R"({"name":"n","websites":[")" + std::string(length, 'w') +
                             R"("],"listType":0})");
     };
+    const std::size_t listFitting =
+        maximumMessageLength -
+        std::string(R"({"action":"setWhitelist","payload":{"whitelist":[""]}})").size();
     const std::size_t disableFitting =
-        1024 * 1024 - std::string(R"({"action":"disableWeb","payload":""})").size();
+        maximumMessageLength - std::string(R"({"action":"disableWeb","payload":""})").size();
+    const std::string blockList = R"({"action":"setBlacklist","payload":{"blacklist":[")" +
+                                  std::string(maximumMessageLength, 'a') + "\"]}}";
+    const std::string enable = R"({"action":"enableWeb","payload":{}})";
     std::vector<std::string> written;
     {
         std::jthread commands([&] {
-            channel->setWebsiteList(list(fitting));
-            channel->setWebsiteList(list(fitting + 1));
+            channel->setWebsiteList(list(listFitting));
+            channel->setWebsiteList(list(listFitting + 1));
             channel->disableInternet(std::string(disableFitting, 'd'));
             channel->disableInternet(std::string(disableFitting + 1, 'd'));
+            channel->holdMessages();
+            channel->closeTab("6");
+            channel->writeMessage(blockList);
             channel->enableInternet();
+            channel->writeHeldMessages();
         });
         // Read until the last, however slowly the large ones come: the writer blocks meanwhile.
         while (auto body = test::readFrameFrom(output.readEnd.get(), 30s)) {
             written.push_back(std::move(*body));
-            if (written.back() == R"({"action":"enableWeb","payload":{}})") {
+            if (written.back() == enable) {
                 break;
             }
         }
     }
-    ASSERT_EQ(written.size(), 3u);
-    EXPECT_EQ(written[0].size(), 1024u * 1024);
-    EXPECT_EQ(written[1].size(), 1024u * 1024);
-    EXPECT_EQ(written[2], R"({"action":"enableWeb","payload":{}})");
+    ASSERT_EQ(written.size(), 4u);
+    EXPECT_EQ(written[0].size(), maximumMessageLength);
+    EXPECT_EQ(written[1].size(), maximumMessageLength);
+    EXPECT_EQ(written[2], R"({"action":"closeTab","payload":{"id":6}})");
     const auto lines = logLines();
-    ASSERT_EQ(lines.size(), 5u);
+    ASSERT_EQ(lines.size(), 7u);
+    const std::string over =
+        " bytes would give a message over the browser's limit of 1048576 bytes";
     EXPECT_EQ(lines[1], "error Not Setting Website List: a list of " +
-                            std::to_string(list(fitting + 1).size()) +
-                            " bytes would give a message over the browser's limit of 1048576 "
-                            "bytes");
+                            std::to_string(list(listFitting + 1).size()) + over);
     EXPECT_EQ(lines[3], "error Not Disabling Internet: a payload of " +
-                            std::to_string(disableFitting + 1) +
-                            " bytes would give a message over the browser's limit of 1048576 "
-                            "bytes");
+                            std::to_string(disableFitting + 1) + over);
+    EXPECT_EQ(lines[5], "error Dropped a message for the extension: setBlacklist of " +
+                            std::to_string(blockList.size()) +
+                            " bytes exceeds the 1048576-byte limit");
 }
 
 TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {

@@ -19,19 +19,29 @@ using namespace std::string_literals;
 class ServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        channel = std::make_shared<BrowserExtensionIO>(
+        channel = newChannel();
+        auto [wired, accepted] = wire(channel);
+        service = wired;
+        connection.emplace(std::move(accepted));
+    }
+
+    std::shared_ptr<BrowserExtensionIO> newChannel() {
+        return std::make_shared<BrowserExtensionIO>(
             std::make_shared<FileHandle>(::dup(input.readEnd.get())),
             std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
-        endpoint = std::make_shared<SocketHelper>(SocketType::browser,
-                                                  SocketHelper::browserSocketLocation());
-        endpoint->setupSocket();
+    }
+
+    // A service wired to `to` and to a new connection, and the core service's side of that.
+    std::pair<std::shared_ptr<HostToCoreSocketService>, test::CoreConnection> wire(
+        std::shared_ptr<BrowserExtensionIO> to) {
+        auto wired = std::make_shared<HostToCoreSocketService>();
+        wired->browserConnection = std::move(to);
+        wired->socketHelper = std::make_shared<SocketHelper>(SocketType::browser,
+                                                             SocketHelper::browserSocketLocation());
+        wired->socketHelper->setupSocket();
         auto accepted = core->accept();
-        ASSERT_TRUE(accepted);
-        connection.emplace(std::move(*accepted));
-        service = std::make_shared<HostToCoreSocketService>();
-        service->browserConnection = channel;
-        service->socketHelper = endpoint;
-        endpoint->setReaderDelegate(service);
+        wired->socketHelper->setReaderDelegate(wired);
+        return {wired, std::move(accepted.value())};
     }
 
     void TearDown() override { service->retire(); }
@@ -59,10 +69,13 @@ class ServiceTest : public ::testing::Test {
     test::Pipe input;
     test::Pipe output;
     std::shared_ptr<BrowserExtensionIO> channel;
-    std::shared_ptr<SocketHelper> endpoint;
     std::optional<test::CoreConnection> connection;
     std::shared_ptr<HostToCoreSocketService> service;
 };
+
+std::string closeTab(int id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
 
 // What the core service sends, the frame the extension gets ("": none) and the lines logged (the
 // channel's lines of the frames it writes aside: its own tests prove them).
@@ -75,9 +88,7 @@ struct Routing {
 TEST_F(ServiceTest, RoutesByTheFirstKeywordInRoutingOrderAndDropsTheRest) {
     const std::string enableWeb = R"({"action":"enableWeb","payload":{}})";
     const std::vector<Routing> cases{
-        {"kerrow.closeTab-42",
-         R"({"action":"closeTab","payload":{"id":42}})",
-         {"Received Close Tab ID: -42"}},
+        {"kerrow.closeTab-42", closeTab(42), {"Received Close Tab ID: -42"}},
         {"kerrow.disableInternetTime for bed",
          R"({"action":"disableWeb","payload":"Time for bed"})",
          {"Received Disable Internet: Time for bed"}},
@@ -87,14 +98,10 @@ TEST_F(ServiceTest, RoutesByTheFirstKeywordInRoutingOrderAndDropsTheRest) {
          {"Received Website list"}},
         // closeTab goes before disableInternet wherever they stand, and every occurrence goes.
         {"kerrow.disableInternetkerrow.closeTab-7",
-         R"({"action":"closeTab","payload":{"id":7}})",
+         closeTab(7),
          {"Received Close Tab ID: kerrow.disableInternet-7"}},
-        {"kerrow.closeTab-1kerrow.closeTab-9",
-         R"({"action":"closeTab","payload":{"id":9}})",
-         {"Received Close Tab ID: -1-9"}},
-        {"tab-kerrow.closeTab-12-",
-         R"({"action":"closeTab","payload":{"id":12}})",
-         {"Received Close Tab ID: tab--12-"}},
+        {"kerrow.closeTab-1kerrow.closeTab-9", closeTab(9), {"Received Close Tab ID: -1-9"}},
+        {"tab-kerrow.closeTab-12-", closeTab(12), {"Received Close Tab ID: tab--12-"}},
         {"kerrow.CLOSETAB-1", "", {}},
         {"\xff\xfekerrow.enableInternet"s, "", {}},
         {"kerrow.closeTab-", "", {"Received Close Tab ID: -"}},
@@ -131,7 +138,8 @@ TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
     service->retire();
     connection->send("kerrow.enableInternet");
     EXPECT_EQ(nextFrame(), R"({"action":"enableWeb","payload":{}})");
-    endpoint->sendData(dataFromText("still sends"));  // the channel's last frame can go out
+    // The channel's last frame can go out.
+    service->socketHelper->sendData(dataFromText("still sends"));
     EXPECT_EQ(connection->receive(), "still sends");
     connection->close();
     EXPECT_FALSE(core->accept(300ms));
@@ -164,27 +172,18 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     }));
     connection->send("kerrow.closeTab-1");  // not read yet when the retirement comes
 
-    auto successor = std::make_shared<BrowserExtensionIO>(
-        std::make_shared<FileHandle>(::dup(input.readEnd.get())),
-        std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
+    auto successor = newChannel();
     successor->follow(*channel);
-    auto next = std::make_shared<HostToCoreSocketService>();
-    next->browserConnection = successor;
-    next->socketHelper =
-        std::make_shared<SocketHelper>(SocketType::browser, SocketHelper::browserSocketLocation());
-    next->socketHelper->setupSocket();
-    auto newConnection = core->accept();
-    ASSERT_TRUE(newConnection);
-    next->socketHelper->setReaderDelegate(next);
+    auto [next, newConnection] = wire(successor);
     service->retire();
     next->setup();
-    newConnection->send("kerrow.closeTab-2");
+    newConnection.send("kerrow.closeTab-2");
     ASSERT_TRUE(logShows("info Received Close Tab ID: -2"));
     std::this_thread::sleep_for(HostToCoreSocketService::retirementGrace + 500ms);
 
     EXPECT_EQ(nextFrame(), R"({"action":"disableWeb","payload":")" + large + "\"}");
-    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":1}})");
-    EXPECT_EQ(nextFrame(), R"({"action":"closeTab","payload":{"id":2}})");
+    EXPECT_EQ(nextFrame(), closeTab(1));
+    EXPECT_EQ(nextFrame(), closeTab(2));
     next->retire();
 }
 
