@@ -98,17 +98,18 @@ void BrowserExtensionIO::readLoop() {
     }
     // A reader before this one may have left frames that it could not forward whole: they are
     // the first in the read-ahead.
-    while (!retired_.load(std::memory_order_acquire)) {
+    // The handle reads input that is already there before it looks at the retire event, so the
+    // flag is looked at again once a frame is whole: a retired loop consumes none of it.
+    for (;;) {
         std::size_t length = 0;
-        switch (peekFrame(*inputHandle, length, retireEvent_.get())) {
-            case FrameRead::body:
-                sendTabData(length);
-                break;
-            case FrameRead::endOfInput:
-                stop();
-            case FrameRead::cancelled:
-                return;
+        const FrameRead read = peekFrame(*inputHandle, length, retireEvent_.get());
+        if (read == FrameRead::cancelled || retired_.load(std::memory_order_acquire)) {
+            break;
         }
+        if (read == FrameRead::endOfInput) {
+            stop();
+        }
+        sendTabData(length);
     }
     // Retired: the channel that replaced this one reads on from this frame boundary, starting
     // with the bytes the handle has read ahead.

@@ -69,7 +69,8 @@ TEST(FileHandleRead, GivesBackTheBufferOfALongRecord) {
     EXPECT_LT(test::heapInUse(), before + 1024 * 1024);
 }
 
-TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {
+// A cancellation ends a wait; input that is already there is read first, and nothing is consumed.
+TEST(FileHandlePeek, CancellationEndsOnlyAWaitAndConsumesNothing) {
     Pipe pipe;
     FileHandle input(pipe.readEnd.release());
     const Descriptor cancel(::eventfd(0, EFD_CLOEXEC));
@@ -77,8 +78,10 @@ TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {
     EXPECT_EQ(input.peek(1, cancel.get())->size(), 2u);
     ASSERT_EQ(::eventfd_write(cancel.get(), 1), 0);
     EXPECT_EQ(input.peek(2, cancel.get())->size(), 2u);  // held bytes need no wait
-    writeAll(pipe.writeEnd.get(), "c");
     EXPECT_FALSE(input.peek(3, cancel.get()));
+    writeAll(pipe.writeEnd.get(), "c");
+    EXPECT_EQ(input.peek(3, cancel.get())->size(), 3u);
+    EXPECT_FALSE(input.peek(4, cancel.get()));
     EXPECT_EQ(textView(input.readDataOfLength(3)), "abc");
 }
 
