@@ -1,9 +1,36 @@
 #include "app/app_delegate.h"
 
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+
 #include "kit/const.h"
 #include "kit/notification_names.h"
 
 namespace kerrow {
+namespace {
+
+// What a start leaves behind, as far as it outlives the start: its channel and service hold it
+// through their endpoint (aliasing pointers) until both are destroyed, after their threads'
+// last work. Its end is written to `ended`, which wakes the main loop.
+struct StartHold {
+    StartHold(std::shared_ptr<SocketHelper> endpoint, std::shared_ptr<const Descriptor> ended)
+        : endpoint(std::move(endpoint)), ended(std::move(ended)) {}
+    ~StartHold() {
+        endpoint.reset();  // its descriptors first
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const auto wrote = ::write(ended->get(), &one, sizeof one);
+    }
+    StartHold(const StartHold&) = delete;
+    StartHold& operator=(const StartHold&) = delete;
+
+    std::shared_ptr<SocketHelper> endpoint;
+    const std::shared_ptr<const Descriptor> ended;
+};
+
+}  // namespace
 
 AppDelegate::AppDelegate()
     : logger(now(), std::nullopt),
@@ -16,8 +43,12 @@ void AppDelegate::applicationDidFinishLaunching() {
     try {
         if (!notificationsStarted) {
             notificationsStarted = true;
+            watchStartEnds();
             distributedNotificationCenter.addObserver(NotificationName::startCoreHostServices,
-                                                      [this] { scheduleStart(); });
+                                                      [this] {
+                                                          ++startsDue;
+                                                          serveStarts();
+                                                      });
         }
         distributedNotificationCenter.postNotificationName(
             NotificationName::nativeMessagingHostDidFinishLaunching, true);
@@ -26,31 +57,45 @@ void AppDelegate::applicationDidFinishLaunching() {
     }
 }
 
-// Notifications already queued on the bus are served first (the bus comes before an idle
-// source): a burst of them runs the start sequence once, after the last.
-void AppDelegate::scheduleStart() {
-    if (startSource) {
-        return;  // one is due already
+void AppDelegate::applicationWillTerminate() {
+    Logger::flushAll();
+}
+
+void AppDelegate::watchStartEnds() {
+    auto event = std::make_shared<const Descriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!*event) {
+        return;
     }
-    const auto start = [](sd_event_source*, void* userdata) {
-        auto* self = static_cast<AppDelegate*>(userdata);
-        self->startSource.reset();
-        self->startCoreHostServices();
+    const auto ended = [](sd_event_source*, int descriptor, std::uint32_t, void* userdata) {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const auto got = ::read(descriptor, &count, sizeof count);
+        static_cast<AppDelegate*>(userdata)->serveStarts();
         return 0;
     };
     sd_event_source* source = nullptr;
-    sd_event* const loop = Application::shared().eventLoop();
-    if (sd_event_add_defer(loop, &source, start, this) < 0 ||
-        sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IDLE) < 0) {
-        sd_event_source_disable_unref(source);
-        startCoreHostServices();  // no source: serve it now
+    if (sd_event_add_io(Application::shared().eventLoop(), &source, event->get(), EPOLLIN, ended,
+                        this) < 0) {
         return;
     }
-    startSource.reset(source);
+    startEndedSource.reset(source);
+    startEnded = std::move(event);
 }
 
-void AppDelegate::applicationWillTerminate() {
-    Logger::flushAll();
+// Nothing here waits: a start that must wait is served when the end of the retiring start's
+// objects wakes the loop, and the stop signals come before that.
+void AppDelegate::serveStarts() {
+    while (startsDue > 0) {
+        // The start ends the reading of the retiring service at once (it still delivers what it
+        // read), and goes on once that service and its channel are gone.
+        if (const auto retiring = retiringService.lock()) {
+            retiring->endReading();
+        }
+        if (!retiringStart.expired()) {
+            return;
+        }
+        --startsDue;
+        startCoreHostServices();
+    }
 }
 
 void AppDelegate::startCoreHostServices() {
@@ -64,6 +109,10 @@ void AppDelegate::startCoreHostServices() {
         // sequence goes on without one, as the channel and the service allow.
         socketHelper = std::make_shared<SocketHelper>(SocketType::browser,
                                                       SocketHelper::browserSocketLocation());
+        if (startEnded) {
+            const auto hold = std::make_shared<StartHold>(std::move(socketHelper), startEnded);
+            socketHelper = {hold, hold->endpoint.get()};
+        }
         socketHelper->setupSocket();
     } catch (const std::exception& error) {
         logger.logError(error, "Error setting up socket", now());
@@ -76,12 +125,10 @@ void AppDelegate::retirePreviousServices() {
     if (browserConnection) {
         browserConnection->retire();
     }
-    // At most one retiring connection beside the current one: an older one stops reading now
-    // and only delivers what it has read.
-    if (const auto older = retiringService.lock()) {
-        older->endReading();
-    }
     retiringService = hostToCoreSocketService;
+    if (startEnded) {
+        retiringStart = socketHelper;  // otherwise nothing would wake a start waiting for it
+    }
     if (hostToCoreSocketService) {
         hostToCoreSocketService->retire();
     }

@@ -7,8 +7,13 @@
 // channel (started), service (wired as the endpoint's reader delegate, set up), device-twin
 // request.
 //
-// Start notifications that arrive together (already queued when the first is read) are served
-// by one run of the start sequence.
+// Every notification delivered runs the start sequence in full, in the order delivered. A start
+// first ends the reading of the retiring service (below) and then waits, with the event loop
+// free, until that service and its channel are gone: at once, unless the service is still
+// delivering to a browser that does not read or the channel is in a send to a core service that
+// does not read (which gives up within the grace). So however fast notifications come, the
+// objects and threads of at most two starts live at once: the current and the retiring one. A
+// pending stop signal skips every start still due.
 //
 // A repeated start. The start notification is a broadcast, so every host of the session receives
 // it whenever any host announces itself: a repeated start is routine. It replaces the endpoint,
@@ -25,14 +30,15 @@
 //    however long the browser takes; the new channel writes only after that (follow()). A send
 //    on it gives up when the grace ends; an extension message cut off so is sent again, whole,
 //    first by the next reader of standard input, and the old connection closes.
-//  - at most one retiring service lives beside the current one: the start that retires the
-//    current one ends the reading of an older one at once (it still delivers what it read).
+//  - at most one retiring service lives beside the current one: the next start ends its reading
+//    at once (it still delivers what it read) before it retires the current one.
 //  - frames on standard output never interleave: every writer takes the output handle's lock.
 //
 // Ownership: one instance per process, kept by the entry point for the process's life.
 // Threads: main thread only (the launch callback and the notification arrive there).
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 #include "browser/browser_extension_io.h"
@@ -41,6 +47,7 @@
 #include "kit/socket_helper.h"
 #include "platform/application.h"
 #include "platform/distributed_notification_center.h"
+#include "platform/sd_bus_handles.h"
 
 namespace kerrow {
 
@@ -60,11 +67,10 @@ class AppDelegate final : public ApplicationDelegate {
     void startCoreHostServices();
 
   private:
-    struct EventSourceUnref {
-        void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
-    };
-
-    void scheduleStart();
+    /// Watches startEnded on the main loop; without it, starts are served at once.
+    void watchStartEnds();
+    /// Runs the start sequence for each start due, once the retiring start's objects are gone.
+    void serveStarts();
     void retirePreviousServices();
     void startBrowserConnection();
     void setUpHostToCoreService();
@@ -77,8 +83,12 @@ class AppDelegate final : public ApplicationDelegate {
     std::weak_ptr<HostToCoreSocketService> retiringService;  // the one before, while it lives
     DistributedNotificationCenter& distributedNotificationCenter;
     bool notificationsStarted = false;
-    // A start due once the notifications queued now have been read; null while none is due.
-    std::unique_ptr<sd_event_source, EventSourceUnref> startSource;
+    std::size_t startsDue = 0;  // notifications delivered and not yet served
+    // The retiring start's endpoint, held by its channel and service until both are gone:
+    // expired then (never set without startEnded, nor without an endpoint).
+    std::weak_ptr<const void> retiringStart;
+    std::shared_ptr<const Descriptor> startEnded;  // eventfd, written as a start's objects go
+    SdEventSource startEndedSource;
 };
 
 }  // namespace kerrow

@@ -16,7 +16,6 @@ using namespace std::chrono_literals;
 class CommandTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ::setenv("XDG_STATE_HOME", directory.path().c_str(), 1);
         outputHandle = std::make_shared<FileHandle>(output.writeEnd.release());
         channel = std::make_shared<BrowserExtensionIO>(
             std::make_shared<FileHandle>(::dup(input.readEnd.get())), outputHandle);
@@ -37,6 +36,7 @@ class CommandTest : public ::testing::Test {
     }
 
     test::TemporaryDirectory directory;
+    test::ScopedEnvironmentVariable state{"XDG_STATE_HOME", directory.path().string()};
     test::Pipe input;
     test::Pipe output;
     std::shared_ptr<FileHandle> outputHandle;

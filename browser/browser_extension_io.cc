@@ -71,6 +71,7 @@ void BrowserExtensionIO::start() {
     queue.async([weakSelf = weak_from_this()] {
         if (const auto self = weakSelf.lock()) {
             self->readLoop();
+            self->queue.finish();  // the loop was the queue's only work: its thread ends now
         }
     });
 }

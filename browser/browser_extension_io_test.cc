@@ -19,7 +19,6 @@ using test::frame;
 class RelayTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ::setenv("XDG_STATE_HOME", (directory.path() / "state").c_str(), 1);
         socket = std::make_shared<SocketHelper>(SocketType::browser, core.socketPath().string());
         socket->setupSocket();
         auto accepted = core.accept();
@@ -43,6 +42,7 @@ class RelayTest : public ::testing::Test {
     }
 
     test::TemporaryDirectory directory;
+    test::ScopedEnvironmentVariable state{"XDG_STATE_HOME", (directory.path() / "state").string()};
     test::TestCoreService core{directory.path() / "run" / "kerrow" / "browser.sock"};
     std::shared_ptr<SocketHelper> socket;
     std::optional<test::CoreConnection> connection;

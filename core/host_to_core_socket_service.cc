@@ -141,8 +141,10 @@ void HostToCoreSocketService::retire() {
 }
 
 void HostToCoreSocketService::endReading() {
-    retire();  // bounds the endpoint's sends too
+    retire();
     if (socketHelper) {
+        // A send still blocked gives up too: what it cut off goes first on the next connection.
+        socketHelper->retire(std::chrono::milliseconds{0});
         socketHelper->stopReading();
     }
 }

@@ -19,8 +19,6 @@ using namespace std::string_literals;
 class ServiceTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ::setenv("XDG_RUNTIME_DIR", (directory.path() / "run").c_str(), 1);
-        ::setenv("XDG_STATE_HOME", (directory.path() / "state").c_str(), 1);
         channel = std::make_shared<BrowserExtensionIO>(
             std::make_shared<FileHandle>(::dup(input.readEnd.get())),
             std::make_shared<FileHandle>(::dup(output.writeEnd.get())));
@@ -54,6 +52,8 @@ class ServiceTest : public ::testing::Test {
     std::optional<std::string> nextFrame() { return test::readFrameFrom(output.readEnd.get()); }
 
     test::TemporaryDirectory directory;
+    test::ScopedEnvironmentVariable runtime{"XDG_RUNTIME_DIR", (directory.path() / "run").string()};
+    test::ScopedEnvironmentVariable state{"XDG_STATE_HOME", (directory.path() / "state").string()};
     std::optional<test::TestCoreService> core{std::in_place,
                                               directory.path() / "run" / "kerrow" / "browser.sock"};
     test::Pipe input;

@@ -1,5 +1,6 @@
 #include "kit/frame_codec.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -50,12 +51,9 @@ TEST(FrameCodec, DecoderRefusesAHeaderOverItsLimitBeforeAnyBodyArrives) {
     FrameDecoder decoder(16);
     decoder.append(encodeFrame(std::string(16, 'x')) + "\x11\0\0\0"s);
     EXPECT_EQ(decoder.next(), std::string(16, 'x'));
-    try {
-        static_cast<void>(decoder.next());
-        FAIL() << "a header of 17 bytes was accepted";
-    } catch (const FrameTooLarge& error) {
-        EXPECT_EQ(error.announced(), 17U);
-    }
+    EXPECT_THAT(
+        [&] { static_cast<void>(decoder.next()); },
+        ::testing::Throws<FrameTooLarge>(::testing::Property(&FrameTooLarge::announced, 17U)));
 }
 
 }  // namespace

@@ -10,8 +10,10 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <initializer_list>
 #include <map>
@@ -44,23 +46,78 @@ constexpr std::size_t noteRoom = 48;
 
 // Messages carry text from the peers (a tab id, a disable-internet text). One call must stay one
 // line and every escape must read one way, so control characters other than tab and the
-// backslash are written as escapes: no peer can forge lines or escapes.
-bool isLineBreaking(unsigned char byte) {
-    return (byte < 0x20 && byte != '\t') || byte == 0x7F;
-}
-
-bool needsEscape(char character) {
-    const auto byte = static_cast<unsigned char>(character);
-    return isLineBreaking(byte) || byte == '\\';
-}
-
-std::size_t escapedLength(unsigned char byte) {
-    if (byte == '\\' || byte == '\n' || byte == '\r') {
-        return 2;
+// backslash are written as escapes: no peer can forge lines or escapes. The table holds each
+// byte's length once written: 1 as it is, 2 for \\, \n and \r, 4 for \xNN.
+constexpr std::array<std::uint8_t, 256> escapedLengths = [] {
+    std::array<std::uint8_t, 256> lengths{};
+    for (std::size_t byte = 0; byte < lengths.size(); ++byte) {
+        lengths[byte] = (byte < 0x20 && byte != '\t') || byte == 0x7F ? 4 : 1;
     }
-    return isLineBreaking(byte) ? 4 : 1;
+    lengths['\\'] = lengths['\n'] = lengths['\r'] = 2;
+    return lengths;
+}();
+
+std::size_t escapedLength(char character) {
+    return escapedLengths[static_cast<unsigned char>(character)];
 }
 
+// True when one of the eight bytes of `word` may need an escape: it is below 0x20 (a tab too,
+// which the caller then passes), 0x7F or the backslash. A byte is found where a subtraction
+// borrows into its high bit while the byte's own high bit is clear; a false find can only sit
+// above a true one, so no byte is missed and none is found in a word without one.
+bool mayNeedEscape(std::uint64_t word) {
+    constexpr std::uint64_t ones = 0x0101010101010101;
+    constexpr std::uint64_t highs = 0x8080808080808080;
+    const std::uint64_t borrows =
+        (word - ones * 0x20) | ((word ^ (ones * 0x7F)) - ones) | ((word ^ (ones * '\\')) - ones);
+    return (borrows & ~word & highs) != 0;
+}
+
+std::uint64_t wordAt(std::string_view text, std::size_t index) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + index, sizeof word);
+    return word;
+}
+
+// How many bytes at the start of `text` are written as they are: eight at a time, as most log
+// text needs no escape at all.
+std::size_t plainLength(std::string_view text) {
+    constexpr std::size_t wordSize = sizeof(std::uint64_t);
+    std::size_t index = 0;
+    for (;;) {
+        while (index + wordSize <= text.size() && !mayNeedEscape(wordAt(text, index))) {
+            index += wordSize;
+        }
+        // Fewer than eight bytes left: the last word of the text covers them.
+        if (index + wordSize > text.size() && text.size() >= wordSize &&
+            !mayNeedEscape(wordAt(text, text.size() - wordSize))) {
+            return text.size();
+        }
+        const std::size_t end = std::min(index + wordSize, text.size());
+        while (index < end && escapedLength(text[index]) == 1) {
+            ++index;
+        }
+        if (index < end || index == text.size()) {
+            return index;
+        }
+    }
+}
+
+// The length of `text` once escaped, counted until it passes `limit`.
+std::size_t escapedSize(std::string_view text, std::size_t limit) {
+    std::size_t size = 0;
+    for (std::size_t index = 0; index < text.size() && size <= limit; ++index) {
+        const std::size_t plain = plainLength(text.substr(index, limit + 1 - size));
+        size += plain;
+        index += plain;
+        if (index < text.size()) {
+            size += escapedLength(text[index]);
+        }
+    }
+    return size;
+}
+
+// Appends the escape of a byte that needs one (its escapedLength() is 2 or 4).
 void appendEscapedByte(std::string& line, unsigned char byte) {
     if (byte == '\\') {
         line += "\\\\";
@@ -68,29 +125,26 @@ void appendEscapedByte(std::string& line, unsigned char byte) {
         line += "\\n";
     } else if (byte == '\r') {
         line += "\\r";
-    } else if (isLineBreaking(byte)) {
+    } else {
         constexpr std::string_view hex = "0123456789abcdef";
         line.append("\\x").append(1, hex[byte >> 4]).append(1, hex[byte & 0xF]);
-    } else {
-        line += static_cast<char>(byte);
     }
 }
 
 // Appends as much of `text`, escaped, as fits in `room` bytes, never part of an escape nor of a
-// UTF-8 sequence. Returns how many bytes of `text` it took.
+// UTF-8 sequence: runs of plain bytes in one copy. Returns how many bytes of `text` it took.
 std::size_t appendEscaped(std::string& line, std::string_view text, std::size_t room) {
-    if (text.size() <= room && std::none_of(text.begin(), text.end(), needsEscape)) {
-        line.append(text);
-        return text.size();
-    }
     std::size_t index = 0;
     for (std::size_t used = 0; index < text.size(); ++index) {
-        const auto byte = static_cast<unsigned char>(text[index]);
-        used += escapedLength(byte);
-        if (used > room) {
+        const std::size_t plain = std::min(plainLength(text.substr(index)), room - used);
+        line.append(text.substr(index, plain));
+        index += plain;
+        used += plain;
+        if (index == text.size() || used + escapedLength(text[index]) > room) {
             break;
         }
-        appendEscapedByte(line, byte);
+        used += escapedLength(text[index]);
+        appendEscapedByte(line, static_cast<unsigned char>(text[index]));
     }
     // Drop the start of a sequence cut short (at most three raw bytes of one character).
     for (int dropped = 0; dropped < 3 && index > 0 && index < text.size() &&
@@ -110,9 +164,13 @@ void appendCapped(std::string& line, std::initializer_list<std::string_view> par
     std::size_t escaped = 0;
     for (const auto part : parts) {
         whole += part.size();
-        for (std::size_t index = 0; index < part.size() && escaped <= maximumLineData; ++index) {
-            escaped += escapedLength(static_cast<unsigned char>(part[index]));
+        escaped += escapedSize(part, maximumLineData);
+    }
+    if (escaped == whole && whole <= maximumLineData) {  // the common case: nothing to escape
+        for (const auto part : parts) {
+            line.append(part);
         }
+        return;
     }
     const std::size_t room = escaped <= maximumLineData ? escaped : maximumLineData - noteRoom;
     std::size_t taken = 0;
@@ -129,33 +187,34 @@ void appendCapped(std::string& line, std::initializer_list<std::string_view> par
     }
 }
 
-void appendDigits(std::string& line, long value, int width) {
-    std::array<char, 8> digits{};
-    for (int index = width - 1; index >= 0; --index, value /= 10) {
-        digits[static_cast<std::size_t>(index)] = static_cast<char>('0' + value % 10);
+// Writes time stamps, "2026-11-22T09:14:03.042Z ", each in one append: the calendar part is
+// made once a second.
+class TimeStamps {
+  public:
+    void append(std::string& line, Date timeStamp) {
+        const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(timeStamp);
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(milliseconds);
+        if (seconds != second_ || length_ == 0) {
+            const std::time_t time = std::chrono::system_clock::to_time_t(seconds);
+            std::tm fields{};
+            ::gmtime_r(&time, &fields);
+            length_ = std::strftime(text_.data(), text_.size() - 5, "%Y-%m-%dT%H:%M:%S.", &fields);
+            text_[length_ + 3] = 'Z';
+            text_[length_ + 4] = ' ';
+            second_ = seconds;
+        }
+        const auto millisecond = static_cast<int>((milliseconds - seconds).count());
+        text_[length_] = static_cast<char>('0' + millisecond / 100);
+        text_[length_ + 1] = static_cast<char>('0' + millisecond / 10 % 10);
+        text_[length_ + 2] = static_cast<char>('0' + millisecond % 10);
+        line.append(text_.data(), length_ + 5);
     }
-    line.append(digits.data(), static_cast<std::size_t>(width));
-}
 
-// "2026-11-22T09:14:03.042Z " for `timeStamp`.
-void appendTimeStamp(std::string& line, Date timeStamp, std::chrono::sys_seconds& cachedSecond,
-                     std::string& cachedPrefix) {
-    const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(timeStamp);
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(milliseconds);
-    if (seconds != cachedSecond || cachedPrefix.empty()) {  // the calendar part, once a second
-        const std::time_t time = std::chrono::system_clock::to_time_t(seconds);
-        std::tm fields{};
-        ::gmtime_r(&time, &fields);
-        std::array<char, 32> text{};
-        const std::size_t length =
-            std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S.", &fields);
-        cachedPrefix.assign(text.data(), length);
-        cachedSecond = seconds;
-    }
-    line.append(cachedPrefix);
-    appendDigits(line, static_cast<long>((milliseconds - seconds).count()), 3);
-    line.append("Z ");
-}
+  private:
+    std::chrono::sys_seconds second_{};
+    std::array<char, 40> text_{};
+    std::size_t length_ = 0;  // of the calendar part at the start of text_
+};
 
 // Opens `directory` (creating what is missing, 0700) with one lookup per component, so the cost
 // is linear in the path's length. The last component must not be a symbolic link.
@@ -252,7 +311,8 @@ class LogChannel {
     LogChannel(const LogChannel&) = delete;
     LogChannel& operator=(const LogChannel&) = delete;
 
-    // One line, "<message>" or, with a detail, "<message>: <detail>". Never waits on the disk.
+    // One line, "<level> <message>" or, with a detail, "<level> <message>: <detail>"; `level`
+    // comes with its space ("info "). Never waits on the disk.
     void write(Date timeStamp, std::string_view level, std::string_view message,
                std::optional<std::string_view> detail = std::nullopt) {
         std::unique_lock lock(mutex_);
@@ -261,8 +321,8 @@ class LogChannel {
             return;
         }
         const bool wasEmpty = queue_.empty();
-        appendTimeStamp(queue_, timeStamp, cachedSecond_, cachedPrefix_);
-        queue_.append(level).append(1, ' ');
+        stamps_.append(queue_, timeStamp);
+        queue_.append(level);
         if (detail) {
             appendCapped(queue_, {message, ": ", *detail});
         } else {
@@ -315,7 +375,7 @@ class LogChannel {
         std::string head = cutShort_ ? "\n" : "";
         head += notes_;
         if (unreported_ > 0) {
-            appendTimeStamp(head, now(), headSecond_, headPrefix_);
+            headStamps_.append(head, now());
             head.append("error ").append(std::to_string(unreported_));
             head.append(" log lines were lost: writing the log failed or fell behind\n");
         }
@@ -393,7 +453,7 @@ class LogChannel {
             retryRotationAt_ = std::chrono::steady_clock::now() + rotationRetryDelay;
             if (!rotationFailureReported_) {
                 rotationFailureReported_ = true;
-                appendTimeStamp(notes_, now(), headSecond_, headPrefix_);
+                headStamps_.append(notes_, now());
                 notes_.append("error Could not rotate the log: ")
                     .append(std::generic_category().message(failure));
                 notes_ += '\n';
@@ -417,8 +477,7 @@ class LogChannel {
     // Guarded by mutex_.
     std::string queue_;     // formatted lines not yet taken by a writer
     std::size_t lost_ = 0;  // lines dropped because the queue was full
-    std::chrono::sys_seconds cachedSecond_{};
-    std::string cachedPrefix_;
+    TimeStamps stamps_;
     bool stopping_ = false;
     std::condition_variable wake_;
     std::thread writer_;  // started by the first line
@@ -434,8 +493,7 @@ class LogChannel {
     bool cutShort_ = false;       // the last write ended inside a line
     bool rotationFailureReported_ = false;
     std::chrono::steady_clock::time_point retryRotationAt_{};
-    std::chrono::sys_seconds headSecond_{};
-    std::string headPrefix_;
+    TimeStamps headStamps_;
 };
 
 namespace {
@@ -465,16 +523,16 @@ Logger::Logger(Date /*date*/, const std::optional<std::filesystem::path>& logsDi
 }
 
 void Logger::logInformation(std::string_view message, Date timeStamp) const {
-    channel_->write(timeStamp, "info", message);
+    channel_->write(timeStamp, "info ", message);
 }
 
 void Logger::logInformation(std::string_view message, std::string_view detail,
                             Date timeStamp) const {
-    channel_->write(timeStamp, "info", message, detail);
+    channel_->write(timeStamp, "info ", message, detail);
 }
 
 void Logger::logError(const std::exception& error, std::string_view message, Date timeStamp) const {
-    channel_->write(timeStamp, "error", message, std::string_view(error.what()));
+    channel_->write(timeStamp, "error ", message, std::string_view(error.what()));
 }
 
 std::optional<std::filesystem::path> Logger::defaultLogsDirectory() {

@@ -33,6 +33,8 @@ constexpr std::chrono::milliseconds longestRetryDelay = 1s;
 constexpr std::chrono::milliseconds connectPatience = 10s;
 // A connection that ends sooner than this after it opened counts as a failed attempt.
 constexpr std::chrono::milliseconds stableConnection = 1s;
+// How often a send blocked on a retired connection looks at its deadline again.
+constexpr int deadlineRecheckMilliseconds = 20;
 
 // Bytes asked of the kernel by one read; the inbound buffer grows by at most this much per read.
 constexpr std::size_t readChunk = std::size_t{64} * 1024;
@@ -342,7 +344,10 @@ void SocketHelper::waitUntilWritable(int socket) const {
             throw std::system_error(ETIMEDOUT, std::generic_category(),
                                     "send to a retired core service connection");
         }
-        const int ready = ::poll(entries.data(), retired ? 1 : 2, timeout);
+        // Retired, the wait looks at the deadline again every so often: a later retirement may
+        // have shortened it.
+        const int ready = ::poll(entries.data(), retired ? 1 : 2,
+                                 retired ? std::min(timeout, deadlineRecheckMilliseconds) : -1);
         if (ready < 0 && errno != EINTR) {
             throwErrno("wait to send to core service");
         }
@@ -473,9 +478,17 @@ void SocketHelper::stopReading() {
 }
 
 void SocketHelper::retire(std::chrono::milliseconds grace) {
-    retiredUntil_ = std::chrono::steady_clock::now() + grace;
-    if (!retired_.exchange(true)) {
-        wake();
+    const auto until = std::chrono::steady_clock::now() + grace;
+    if (!retired_) {
+        retiredUntil_ = until;  // before retired_, which makes it valid
+        if (!retired_.exchange(true)) {
+            wake();
+            return;
+        }
+    }
+    // Retired already: a later retirement can shorten the grace, never extend it.
+    auto current = retiredUntil_.load();
+    while (until < current && !retiredUntil_.compare_exchange_weak(current, until)) {
     }
 }
 

@@ -150,7 +150,7 @@ class SocketHelper {
     /// Retires the endpoint: reads go on for `grace` (not counting the reader delegate's time) and
     /// then stop as stopReading() does; a setupSocket() under way gives up at once; a send that
     /// cannot finish within `grace` of now, one blocked at this moment included, fails with
-    /// ETIMEDOUT. Any thread.
+    /// ETIMEDOUT. A later call can shorten the grace, never extend it. Any thread.
     void retire(std::chrono::milliseconds grace);
 
     /// A descriptor that turns readable when the process is asked to stop (the main thread's

@@ -303,10 +303,11 @@ TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
     std::size_t whole = 0;
     auto blocked = errorCodeOf([&] { endpoint->sendFrames(frames, whole); });
     EXPECT_EQ(blocked.wait_for(100ms), std::future_status::timeout);
-    endpoint->retire(300ms);
+    endpoint->retire(10s);
     connection->send("on its way");
     endpoint->readSocket();
     EXPECT_EQ(delegate->messages, std::vector<std::string>{"on its way"});
+    endpoint->retire(0ms);  // a later retirement shortens the grace, a blocked send's included
     ASSERT_EQ(blocked.wait_for(2s), std::future_status::ready);
     EXPECT_EQ(blocked.get(), std::errc::timed_out);
     EXPECT_EQ(whole, 1u);

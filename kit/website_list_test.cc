@@ -28,12 +28,10 @@ TEST(WebsiteListDecoding, ReadsTheThreeMembersIgnoresOthersAndKeepsAnyByteAsList
         R"({"name":1,"websites":[2],"listType":-1,"name":"b","websites":["c"],"listType":0})");
     ASSERT_TRUE(repeated);
     EXPECT_EQ(repeated->websites, std::vector<std::string>{"c"});
-    EXPECT_FALSE(decode(R"({"name":"n","websites":["a"],"listType":0,"websites":"a"})"));
 }
 
 // Keeps nothing, and notes how much heap was in use while the websites came.
-class MeasuringSink : public WebsiteList::WebsiteSink {
-  public:
+struct MeasuringSink : WebsiteList::WebsiteSink {
     void restart() override {}
     void add(std::string_view /*website*/) override {
         if (++count % 4096 == 0) {
@@ -62,29 +60,29 @@ TEST(WebsiteListDecoding, ReadsALargeListWithoutHoldingIt) {
     EXPECT_LT(sink.peak - before, 1024u * 1024) << "bytes in use while decoding";
 }
 
+// Also invalid UTF-8, and nesting deeper than the decoder follows, without crashing.
 TEST(WebsiteListDecoding, RefusesAnythingElse) {
-    for (const char* json : {
-             R"({"websites":[],"listType":0})",                  // no name
-             R"({"name":"n","listType":0})",                     // no websites
-             R"({"name":"n","websites":[]})",                    // no listType
-             R"({"name":null,"websites":[],"listType":0})",      // null name
-             R"({"name":"n","websites":["a",2],"listType":0})",  // non-string site
-             R"({"name":"n","websites":"a","listType":0})",      // websites not an array
-             R"({"name":"n","websites":[],"listType":256})",     // more than a byte
-             R"({"name":"n","websites":[],"listType":-1})",      // negative
-             R"({"name":"n","websites":[],"listType":0.5})",     // not an integer
-             R"({"name":"n","websites":[],"listType":"0"})",     // a string
-             R"({"name":"n","websites":[],"listType":true})",    // a boolean
+    for (const auto& json : std::vector<std::string>{
+             R"({"websites":[],"listType":0})",  // no name
+             R"({"name":"n","listType":0})",     // no websites
+             R"({"name":"n","websites":[]})",    // no listType
+             R"({"name":null,"websites":[],"listType":0})",
+             R"({"name":"n","websites":["a",2],"listType":0})",
+             R"({"name":"n","websites":"a","listType":0})",
+             R"({"name":"n","websites":["a"],"listType":0,"websites":"a"})",
+             R"({"name":"n","websites":[],"listType":256})",
+             R"({"name":"n","websites":[],"listType":-1})",
+             R"({"name":"n","websites":[],"listType":0.5})",
+             R"({"name":"n","websites":[],"listType":"0"})",
+             R"({"name":"n","websites":[],"listType":true})",
              R"([])",
              R"({"name":"n","websites":[],"listType":0)",
+             "{\"name\":\"\xff\",\"websites\":[],\"listType\":0}",
+             R"({"name":"n","websites":[],"listType":0,"x":)" + std::string(100000, '[') +
+                 std::string(100000, ']') + "}",
          }) {
-        EXPECT_FALSE(decode(json)) << json;
+        EXPECT_FALSE(decode(json)) << json.substr(0, 80);
     }
-}
-
-TEST(WebsiteListDecoding, RefusesDeepNestingAndInvalidUTF8WithoutCrashing) {
-    EXPECT_FALSE(decode(std::string(100000, '[') + std::string(100000, ']')));
-    EXPECT_FALSE(decode("{\"name\":\"\xff\",\"websites\":[],\"listType\":0}"));
 }
 
 }  // namespace

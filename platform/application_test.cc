@@ -45,14 +45,10 @@ class Child {
     [[nodiscard]] pid_t pid() const { return pid_; }
     [[nodiscard]] int output() const { return output_.readEnd.get(); }
 
-    /// The exit status; 128 + the signal when a signal ended it; -1 while it still runs after 5 s.
-    int waitForExit() {
-        int status = 0;
-        if (!waitUntil([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) {
-            return -1;
-        }
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    std::optional<int> waitForExit() {
+        const auto status = test::waitForExit(pid_);
+        pid_ = status ? -1 : pid_;
+        return status;
     }
 
   private:

@@ -22,8 +22,7 @@ void expect(std::string& problems, bool holds, const std::string& what) {
 }
 
 bool opens(const std::filesystem::path& path, int flags) {
-    const int fd = ::open(path.c_str(), flags | O_CLOEXEC, 0600);
-    return fd >= 0 && ::close(fd) == 0;
+    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC, 0600)).valid();
 }
 
 bool connects(const std::filesystem::path& path) {

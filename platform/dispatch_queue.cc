@@ -24,11 +24,7 @@ DispatchQueue::DispatchQueue(std::string label)
 }
 
 DispatchQueue::~DispatchQueue() {
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->closed = true;
-    }
-    state_->wake.notify_one();
+    finish();
     if (worker_.get_id() == std::this_thread::get_id()) {
         worker_.detach();  // the worker finishes the item that destroyed us, then ends
     } else {
@@ -40,7 +36,17 @@ void DispatchQueue::async(std::function<void()> work) {
     // Notified under the lock: once it is released, the item may already have run and destroyed
     // this queue, so nothing of `this` may be touched after it.
     const std::lock_guard lock(state_->mutex);
-    state_->items.push_back(std::move(work));
+    if (!state_->closed) {
+        state_->items.push_back(std::move(work));
+        state_->wake.notify_one();
+    }
+}
+
+void DispatchQueue::finish() {
+    {
+        const std::lock_guard lock(state_->mutex);
+        state_->closed = true;
+    }
     state_->wake.notify_one();
 }
 

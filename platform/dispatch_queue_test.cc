@@ -1,12 +1,14 @@
 #include "platform/dispatch_queue.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <latch>
 #include <thread>
 #include <vector>
 
+#include "tests/support/host_process.h"
 #include "tests/support/test_support.h"
 
 namespace kerrow {
@@ -54,6 +56,20 @@ TEST(DispatchQueue, MayBeDestroyedByItsOwnWorkItem) {
         finished = true;
     });
     EXPECT_TRUE(test::waitUntil([&] { return finished.load(); }));
+}
+
+// A retired channel's queue ends its thread as soon as its loop is over, long before the channel.
+TEST(DispatchQueue, AFinishedQueueRunsWhatWasQueuedThenEndsItsThread) {
+    const auto threads = [] { return test::procFigure(::getpid(), "status", "Threads"); };
+    DispatchQueue queue("finished");
+    const auto withWorker = threads();
+    std::atomic<int> ran{0};
+    queue.async([&] { ++ran; });
+    queue.async([&] { ++ran; });
+    queue.finish();
+    EXPECT_TRUE(test::waitUntil([&] { return threads() < withWorker; }));
+    queue.async([&] { ++ran; });  // taken no more
+    EXPECT_EQ(ran, 2);
 }
 
 }  // namespace

@@ -45,11 +45,15 @@ class PeersTest : public ::testing::Test {
         return Peer{session_.startProcess(KERROW_BROWSER_PEER, arguments)};
     }
 
-    std::filesystem::path write(const std::string& name, const std::string& text,
-                                std::filesystem::perms permissions = std::filesystem::perms(0600)) {
+    std::filesystem::path write(const std::string& name, const std::string& text) {
         const auto path = session_.directory() / name;
         std::ofstream(path, std::ios::binary) << text;
-        std::filesystem::permissions(path, permissions);
+        return path;
+    }
+    /// A shell script standing in for a host.
+    std::filesystem::path writeHost(const std::string& name, const std::string& script) {
+        const auto path = write(name, "#!/bin/sh\n" + script);
+        std::filesystem::permissions(path, std::filesystem::perms(0700));
         return path;
     }
 
@@ -182,10 +186,8 @@ TEST_F(PeersTest, CorePeerRefusesBadOptionsScriptsAndSocketsAndEndsFailedWaits) 
 
 TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults) {
     const auto arguments = session_.directory() / "arguments";
-    const auto fakeHost = write(
-        "fake-host",
-        "#!/bin/sh\nprintf '%s\\n' \"$@\" > " + arguments.string() + "\ncat > /dev/null\nexit 3\n",
-        std::filesystem::perms(0700));
+    const auto fakeHost = writeHost("fake-host", "printf '%s\\n' \"$@\" > " + arguments.string() +
+                                                     "\ncat > /dev/null\nexit 3\n");
     auto chrome = startBrowser({"--host", fakeHost.string(), "--extension-id", "abc"});
     chrome.process->closeInput();
     EXPECT_EQ(chrome.process->waitForExit(), 1);
@@ -206,8 +208,7 @@ TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults)
 
     // A host that records its input: nothing after a failed expect may reach it.
     const auto input = session_.directory() / "input";
-    const auto recordingHost = write("recording-host", "#!/bin/sh\ncat > " + input.string() + "\n",
-                                     std::filesystem::perms(0700));
+    const auto recordingHost = writeHost("recording-host", "cat > " + input.string() + "\n");
     const auto script = write("browser.script", "expect never\n{\"late\":1}\n");
     auto scripted = startBrowser(
         {"--host", recordingHost.string(), "--timeout", "0.2", "--script", script.string()});
@@ -220,10 +221,8 @@ TEST_F(PeersTest, BrowserPeerStartsHostsAsBrowsersDoAndReportsTheirEndAndFaults)
                       HasSubstr("the host exited with status 0")));
 
     // One good frame, then a header announcing 1 MiB + 1 byte; then it waits for end of input.
-    const auto bigHost = write("big-host",
-                               "#!/bin/sh\nprintf '\\002\\000\\000\\000{}\\001\\000\\020\\000'\n"
-                               "cat > /dev/null\n",
-                               std::filesystem::perms(0700));
+    const auto bigHost = writeHost(
+        "big-host", "printf '\\002\\000\\000\\000{}\\001\\000\\020\\000'\ncat > /dev/null\n");
     auto dropping = startBrowser({"--host", bigHost.string()});
     EXPECT_EQ(dropping.line(), "{}");
     EXPECT_EQ(dropping.process->waitForExit(), 1);  // the host ended (0) once its input closed

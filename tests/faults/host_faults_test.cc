@@ -1,8 +1,7 @@
-// The real host under faults: bad core input, split frames, no log, a closed output, leaks.
+// The real host under faults: bad core input, no log, a closed output, leaks.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <fstream>
@@ -80,23 +79,6 @@ TEST_F(HostFaultTest, DropsGarbageFromTheCoreServiceAndTakesAHeaderAtTheLimitUnr
     second->send("kerrow.enableInternet");
     EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})")
         << "the cut frame's bytes were joined to the next connection's";
-}
-
-TEST_F(HostFaultTest, ReassemblesFramesThatArriveOneByteAtATime) {
-    auto connection = session.start();
-    const std::string bytes =
-        frame(R"({"tabs":[1]})") + frame("") + frame("\xF0\x9F\x98\x80 split across reads");
-    for (const char byte : bytes) {
-        session.host().sendRaw(std::string(1, byte));
-        // Each byte is a read of its own: the next one goes only after the host took this one.
-        ASSERT_TRUE(waitUntil([&] {
-            int unread = -1;
-            return ::ioctl(session.host().inputFd(), FIONREAD, &unread) == 0 && unread == 0;
-        }));
-    }
-    EXPECT_EQ(connection.receive(), R"({"tabs":[1]}kerrow.tabList)");
-    EXPECT_EQ(connection.receive(), "kerrow.tabList");
-    EXPECT_EQ(connection.receive(), "\xF0\x9F\x98\x80 split across readskerrow.tabList");
 }
 
 TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput) {

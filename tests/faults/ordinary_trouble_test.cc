@@ -97,12 +97,12 @@ TEST(OrdinaryTroubleTest, KeepsItsStandardStreamsForTheBrowserAndSurvivesABroken
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(host) + "/fd/1"),
               "/dev/null");
     ::kill(host, SIGTERM);
-    int status = -1;
-    if (!waitUntil([&] { return ::waitpid(host, &status, WNOHANG) == host; })) {
+    const auto status = waitForExit(host);
+    if (!status) {
         ::kill(host, SIGKILL);
         ::waitpid(host, nullptr, 0);
     }
-    EXPECT_EQ(status, 0);  // exited with status 0
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -83,27 +83,19 @@ HostProcess::~HostProcess() {
     }
 }
 
-std::optional<std::string> HostProcess::receive(Duration timeout) {
-    return process_.output ? readFrameFrom(process_.output.get(), timeout) : std::nullopt;
-}
-
-std::string HostProcess::receiveRest(Duration timeout) {
-    return process_.output ? readExactly(process_.output.get(), std::string::npos, timeout)
-                           : std::string();
-}
-
-std::optional<int> HostProcess::waitForExit(Duration timeout) {
+std::optional<int> waitForExit(pid_t pid, Duration timeout) {
+    std::optional<int> status;
     waitUntil(
         [&] {
             int waitStatus = 0;
-            if (!status_ && ::waitpid(process_.pid, &waitStatus, WNOHANG) == process_.pid) {
-                status_ =
+            if (::waitpid(pid, &waitStatus, WNOHANG) == pid) {
+                status =
                     WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : 128 + WTERMSIG(waitStatus);
             }
-            return status_.has_value();
+            return status.has_value();
         },
         timeout);
-    return status_;
+    return status;
 }
 
 std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name) {

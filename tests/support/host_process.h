@@ -34,6 +34,10 @@ struct LaunchedProcess {
                                             const std::optional<Environment>& environment,
                                             const std::filesystem::path& standardError);
 
+/// Reaps the child `pid` within `timeout`: its exit status (128 + signal number after a signal),
+/// or no value while it runs.
+[[nodiscard]] std::optional<int> waitForExit(pid_t pid, Duration timeout = 5000ms);
+
 class HostProcess {
   public:
     HostProcess(const std::filesystem::path& binary, const std::vector<std::string>& arguments,
@@ -47,14 +51,21 @@ class HostProcess {
     void send(std::string_view body) { sendRaw(frame(body)); }
     void sendRaw(std::string_view bytes) { writeAll(process_.input.get(), bytes); }
     /// The next frame it wrote to standard output, or no value at end or time-out.
-    [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms);
+    [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms) {
+        return process_.output ? readFrameFrom(process_.output.get(), timeout) : std::nullopt;
+    }
     /// Everything else on standard output until end of file or `timeout`.
-    [[nodiscard]] std::string receiveRest(Duration timeout = 5000ms);
+    [[nodiscard]] std::string receiveRest(Duration timeout = 5000ms) {
+        return process_.output ? readExactly(process_.output.get(), std::string::npos, timeout)
+                               : "";
+    }
     /// Ends its standard input (the browser closing the connection).
     void closeInput() { process_.input.reset(); }
     void closeOutput() { process_.output.reset(); }
-    /// The exit status (128 + signal number after a signal), or no value while it runs.
-    [[nodiscard]] std::optional<int> waitForExit(Duration timeout = 5000ms);
+    /// As waitForExit(pid), but the status stays known once reaped.
+    [[nodiscard]] std::optional<int> waitForExit(Duration timeout = 5000ms) {
+        return status_ ? status_ : (status_ = test::waitForExit(process_.pid, timeout));
+    }
 
     /// What it wrote on standard error so far ("" when that is not a file of ours).
     [[nodiscard]] std::string standardError() const { return readFile(standardError_); }

@@ -44,10 +44,6 @@ BusClient::BusClient(const std::string& address) {
     check(sd_bus_start(bus), "connect to " + address);
 }
 
-BusClient::~BusClient() {
-    matches_.clear();  // before the connection they refer to
-}
-
 void BusClient::observe(std::string_view name) {
     const std::string rule = notificationMatchRule(name);
     sd_bus_slot* slot = nullptr;

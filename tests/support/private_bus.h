@@ -41,7 +41,6 @@ class BusClient {
   public:
     /// Connects to the bus at `address` (PrivateBus::address()); throws std::runtime_error.
     explicit BusClient(const std::string& address);
-    ~BusClient();
     BusClient(const BusClient&) = delete;
     BusClient& operator=(const BusClient&) = delete;
 
@@ -62,7 +61,7 @@ class BusClient {
     [[nodiscard]] int received(std::string_view name) const;
 
     SdBus bus_;
-    std::vector<SdBusSlot> matches_;
+    std::vector<SdBusSlot> matches_;  // destroyed before the connection they refer to
     std::map<std::string, int, std::less<>> received_;  // per observed name
 };
 

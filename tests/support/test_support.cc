@@ -15,8 +15,6 @@
 #include <system_error>
 #include <thread>
 
-#include "kit/frame_codec.h"
-
 namespace kerrow::test {
 namespace {
 
@@ -105,10 +103,6 @@ std::string readExactly(int fd, std::size_t n, Duration timeout) {
         bytes.append(buffer, static_cast<std::size_t>(got));
     }
     return bytes;
-}
-
-std::string frame(std::string_view body) {
-    return encodeFrame(body);
 }
 
 std::optional<std::string> readFrameFrom(int fd, Duration timeout) {

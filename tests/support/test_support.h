@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kit/frame_codec.h"
 #include "platform/descriptor.h"
 
 namespace kerrow::test {
@@ -43,7 +44,9 @@ void writeAll(int fd, std::string_view bytes);
 /// Reads exactly `n` bytes (npos: all) within `timeout`; fewer at end of file or time-out.
 [[nodiscard]] std::string readExactly(int fd, std::size_t n, Duration timeout = 5000ms);
 
-[[nodiscard]] std::string frame(std::string_view body);
+[[nodiscard]] inline std::string frame(std::string_view body) {
+    return encodeFrame(body);
+}
 /// Reads one frame, waiting at most `timeout` for its header and for its body; no value at end
 /// of file or time-out.
 [[nodiscard]] std::optional<std::string> readFrameFrom(int fd, Duration timeout = 5000ms);

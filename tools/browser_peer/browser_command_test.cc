@@ -28,14 +28,11 @@ TEST(BrowserCommandTest, JsonLinesAreSentByteForByteAndDirectivesTakeTheRest) {
 
 // Frames that are JSON are shown compact, and spread ones noted, by the --decode path in
 // peers_test.
-TEST(JsonLineTest, NotesOnlyFramesThatAreNotCompactJson) {
+TEST(JsonLineTest, NotesOnlyFramesThatAreNotCompactJsonAndChecksDeepNestingWithoutRecursion) {
     EXPECT_EQ(jsonLine(R"({"a":"\/"})").note, std::nullopt);
     const auto text = jsonLine("not \"json\"\n\xff");
     EXPECT_EQ(text.line, R"("not \"json\"\n�")");
     EXPECT_TRUE(text.note);
-}
-
-TEST(JsonLineTest, DeepNestingIsCheckedWithoutRecursion) {
     const std::string deep = std::string(100000, '[') + std::string(100000, ']');
     EXPECT_EQ(jsonError(deep), std::nullopt);
     EXPECT_TRUE(jsonError(std::string(100000, '[')));
