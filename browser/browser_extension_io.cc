@@ -98,9 +98,9 @@ void BrowserExtensionIO::readLoop() {
         (void)reading.try_lock();
     }
     // A reader before this one may have left frames that it could not forward whole: they are
-    // the first in the read-ahead.
-    // The handle reads input that is already there before it looks at the retire event, so the
-    // flag is looked at again once a frame is whole: a retired loop consumes none of it.
+    // the first in the read-ahead. The handle reads input that is already there before it looks
+    // at the retire event, so the flag is looked at once a frame is whole: a retired loop
+    // forwards and consumes none of it.
     for (;;) {
         std::size_t length = 0;
         const FrameRead read = peekFrame(*inputHandle, length, retireEvent_.get());
