@@ -39,13 +39,13 @@ int main(int argc, char** argv) {
         return EXIT_FAILURE;
     }
 
-    // Frame bodies up to a few MiB come from the heap and stay there for the next frame. By
-    // default glibc maps each large body afresh and returns the reader thread's memory to the
-    // kernel after every frame, so a 1 MiB frame cost hundreds of page faults. The heap keeps at
-    // most the trim threshold of free memory. Blocks over 4 MiB are mapped, so the buffers of a
-    // large message, which the readers give up after it, go back to the kernel at once.
-    mallopt(M_MMAP_THRESHOLD, 4 * 1024 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 8 * 1024 * 1024);
+    // The buffers that live on (the read-ahead of each stream, up to a 1 MiB frame and its
+    // read-ahead) are kept by their owners, so the allocator need not keep freed memory for
+    // them: blocks over 256 KiB are mapped and go back to the kernel when freed, and the heap
+    // gives back what is free at its top beyond 256 KiB. So a burst (a log queue that grew while
+    // its writer fell behind, a large message) leaves no resident memory behind.
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 256 * 1024);
 
     // The application does not own its delegate; this one lives as long as the process.
     static kerrow::AppDelegate appDelegate;

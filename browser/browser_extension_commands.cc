@@ -107,10 +107,7 @@ void BrowserExtensionIO::writeAnnounced(std::string_view line,
     if (!json) {
         return;
     }
-    std::string message;
-    message.reserve(line.size() + json->size());
-    message.append(line).append(*json);
-    logger.logInformation(message, now());
+    logger.logInformation(line, *json, now());
     writeMessage(*json);
 }
 
@@ -122,7 +119,7 @@ void BrowserExtensionIO::closeTab(const std::string& id) {
     }
     const NativeHostMessage message{NativeHostMessageType::closeTab,
                                     NativeHostMessagePayload::closeTab(*tabId)};
-    writeAnnounced("Closing Tab: ", message.toJSONString());
+    writeAnnounced("Closing Tab", message.toJSONString());
 }
 
 void BrowserExtensionIO::disableInternet(const std::string& payload) {
@@ -133,13 +130,13 @@ void BrowserExtensionIO::disableInternet(const std::string& payload) {
         return;
     }
     const DisableInternet message{"disableWeb", payload};
-    writeAnnounced("Disabling Internet: ", message.toJSONString());
+    writeAnnounced("Disabling Internet", message.toJSONString());
 }
 
 void BrowserExtensionIO::enableInternet() {
     const NativeHostMessage message{NativeHostMessageType::enableWeb,
                                     NativeHostMessagePayload::empty()};
-    writeAnnounced("Enabling Internet: ", message.toJSONString());
+    writeAnnounced("Enabling Internet", message.toJSONString());
 }
 
 void BrowserExtensionIO::setWebsiteList(const Data& websiteListJSON) {
@@ -168,7 +165,7 @@ void BrowserExtensionIO::setWebsiteList(std::span<const std::uint8_t> websiteLis
     std::string json;
     json.reserve(head.size() + websites.elements().size() + tail.size());
     json.append(head).append(websites.elements()).append(tail);
-    writeAnnounced("Setting Website List: ", std::optional<std::string>(std::move(json)));
+    writeAnnounced("Setting Website List", std::optional<std::string>(std::move(json)));
 }
 
 void BrowserExtensionIO::clearWebsiteLists() {

@@ -98,18 +98,19 @@ void BrowserExtensionIO::readLoop() {
         (void)reading.try_lock();
     }
     // A reader before this one may have left frames that it could not forward whole: they are
-    // the first in the read-ahead.
-    while (!retired_.load(std::memory_order_acquire)) {
+    // the first in the read-ahead. The handle reads input that is already there before it looks
+    // at the retire event, so the flag is looked at once a frame is whole: a retired loop
+    // forwards and consumes none of it.
+    for (;;) {
         std::size_t length = 0;
-        switch (peekFrame(*inputHandle, length, retireEvent_.get())) {
-            case FrameRead::body:
-                sendTabData(length);
-                break;
-            case FrameRead::endOfInput:
-                stop();
-            case FrameRead::cancelled:
-                return;
+        const FrameRead read = peekFrame(*inputHandle, length, retireEvent_.get());
+        if (read == FrameRead::cancelled || retired_.load(std::memory_order_acquire)) {
+            break;
         }
+        if (read == FrameRead::endOfInput) {
+            stop();
+        }
+        sendTabData(length);
     }
     // Retired: the channel that replaced this one reads on from this frame boundary, starting
     // with the bytes the handle has read ahead.

@@ -127,7 +127,7 @@ class BrowserExtensionIO : public std::enable_shared_from_this<BrowserExtensionI
     /// Writes the held frames, then `message` as one frame (none without a value), in one write.
     void writeFrames(std::optional<std::string_view> message);
     [[noreturn]] void stop();
-    /// Logs `line` followed by the JSON text, then writes the text; nothing without a text.
+    /// Logs "<line>: <JSON text>", then writes the text; nothing without a text.
     void writeAnnounced(std::string_view line, const std::optional<std::string>& json);
 
     const std::shared_ptr<FileHandle> inputHandle;

@@ -180,7 +180,7 @@ void HostToCoreSocketService::handleMessage(std::string_view message) {
 }
 
 void HostToCoreSocketService::receivedCloseTab(const std::string& tabId) {
-    logger.logInformation("Received Close Tab ID: " + tabId, now());
+    logger.logInformation("Received Close Tab ID", tabId, now());
     // The id is the last non-empty piece between hyphens: "42", "-42" and "tab-42" all give 42.
     const std::size_t end = tabId.find_last_not_of('-');
     if (end == std::string::npos || !browserConnection) {

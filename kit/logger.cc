@@ -1,6 +1,7 @@
 #include "kit/logger.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -391,8 +392,14 @@ class LogChannel {
             cutShort_ = batch_[wrote - 1] != '\n';
         }
         batch_.clear();
-        if (batch_.capacity() > 4 * batchSize) {
+        // The writer takes the queue at batchSize or soon after; a larger buffer is what a burst
+        // left (lines queued while the writer waited for a CPU). It goes, and the heap gives the
+        // pages the burst freed back to the kernel (the allocator keeps free pages inside its
+        // heaps otherwise), so a burst leaves no resident memory behind. The queue takes the
+        // emptied buffer with the next batch.
+        if (batch_.capacity() > 2 * batchSize) {
             std::string().swap(batch_);
+            ::malloc_trim(0);
         }
     }
 

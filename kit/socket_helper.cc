@@ -212,8 +212,10 @@ bool SocketHelper::waitForInput() {
 // deliver what was read (standard output may block): delivering stops the clock.
 void SocketHelper::deliverPausingTheGrace() {
     const auto began = std::chrono::steady_clock::now();
-    deliverCompleteFrames();
-    if (const auto delegate = readerDelegate()) {
+    // Taken once for everything one read brought: a delegate set meanwhile gets the next read.
+    const auto delegate = readerDelegate();
+    deliverCompleteFrames(delegate.get());
+    if (delegate) {
         delegate->didDeliverFrames();
     }
     if (retired_) {
@@ -221,7 +223,7 @@ void SocketHelper::deliverPausingTheGrace() {
     }
 }
 
-void SocketHelper::deliverCompleteFrames() {
+void SocketHelper::deliverCompleteFrames(SocketReaderDelegate* delegate) {
     std::size_t consumed = 0;
     while (inbound_.size() - consumed >= frameHeaderLength) {
         const std::uint32_t length = decodeFrameLength(inbound_.data() + consumed);
@@ -235,7 +237,7 @@ void SocketHelper::deliverCompleteFrames() {
         const std::span<const std::uint8_t> body(inbound_.data() + consumed + frameHeaderLength,
                                                  length);
         consumed += frameHeaderLength + length;
-        if (const auto delegate = readerDelegate()) {
+        if (delegate != nullptr) {
             delegate->didReadFrame(body);
         }
     }

@@ -171,7 +171,8 @@ class SocketHelper {
     [[nodiscard]] bool givingUp() const { return readingStopped_ || retired_; }
     void replaceDescriptor(Descriptor descriptor);
     void deliverPausingTheGrace();
-    void deliverCompleteFrames();
+    /// Hands every complete frame of the inbound buffer to `delegate` (none: drops them).
+    void deliverCompleteFrames(SocketReaderDelegate* delegate);
 
     const SocketType type_;
     std::string path_;  // reading side only

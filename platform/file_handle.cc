@@ -13,14 +13,13 @@
 namespace kerrow {
 namespace {
 
-// The read-ahead: what one read asks for at least (a pipe holds 64 KiB by default), so that a
-// burst of small frames costs one system call per pipeful rather than two per frame.
+// The read-ahead: the room every read gets at least (a pipe holds 64 KiB by default), so that a
+// burst of small frames costs one system call per pipeful rather than two per frame, and a frame
+// of 64 KiB or more takes one read per pipeful too, not a last read for its final bytes alone.
 constexpr std::size_t readAhead = 64 * 1024;
-// How far the buffer may grow beyond what has arrived while a long record comes in, so a hostile
-// length costs nothing up front.
-constexpr std::size_t readChunk = 64 * 1024;
 // A buffer that grew beyond this for a long record is given back once the record is consumed.
-constexpr std::size_t retainedSize = 1024 * 1024;
+// A 1 MiB record and its read-ahead fit, so a stream of them reads without reallocating.
+constexpr std::size_t retainedSize = 1024 * 1024 + 2 * readAhead;
 
 }  // namespace
 
@@ -59,46 +58,71 @@ std::optional<std::span<const std::uint8_t>> FileHandle::peek(std::size_t count,
             break;
         }
     }
-    return std::span<const std::uint8_t>(buffer_.data() + begin_, end_ - begin_);
+    return std::span<const std::uint8_t>(buffer_.get() + begin_, end_ - begin_);
 }
 
 void FileHandle::consume(std::size_t count) {
     begin_ += std::min(count, end_ - begin_);
     if (begin_ == end_) {
         begin_ = end_ = 0;
-        if (buffer_.capacity() > retainedSize) {
-            Data().swap(buffer_);
+        if (capacity_ > retainedSize) {
+            buffer_.reset();
+            capacity_ = 0;
         }
     }
 }
 
 void FileHandle::makeRoom(std::size_t count) {
     const std::size_t held = end_ - begin_;
-    const std::size_t wanted = std::max(readAhead, std::min(count, held + readChunk));
-    if (buffer_.capacity() > retainedSize && wanted <= retainedSize) {
+    const std::size_t needed = held + readAhead;
+    if (capacity_ > retainedSize && needed <= retainedSize) {
         // The long record is gone: the few held bytes move to a buffer of ordinary size.
-        Data smaller(wanted);
-        std::memcpy(smaller.data(), buffer_.data() + begin_, held);
-        buffer_.swap(smaller);
+        reallocate(needed);
+    } else if (needed > capacity_) {
+        // Half as large again each time, so a long record costs a few copies, but never larger
+        // than the record and its read-ahead: the buffer grows with what arrives.
+        reallocate(std::max(needed, std::min(capacity_ + capacity_ / 2, count + readAhead)));
+    } else if (capacity_ - end_ < readAhead) {
+        // The held bytes (a partial record, or nothing) move to the front. Small frames move a few
+        // bytes before every read; a long record moves once a read-ahead no longer fits after it.
+        std::memmove(buffer_.get(), buffer_.get() + begin_, held);
         begin_ = 0;
         end_ = held;
-        return;
     }
-    if (begin_ > 0) {  // at most one partial record moves, once per read
-        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
-        end_ -= begin_;
-        begin_ = 0;
+}
+
+void FileHandle::reallocate(std::size_t capacity) {
+    const std::size_t held = end_ - begin_;
+    // Not zeroed: a page of the buffer costs memory only once a read has written to it.
+    auto buffer = std::make_unique_for_overwrite<std::uint8_t[]>(capacity);
+    if (held > 0) {
+        std::memcpy(buffer.get(), buffer_.get() + begin_, held);
     }
-    if (buffer_.size() < wanted) {
-        buffer_.resize(wanted);
-    }
+    buffer_ = std::move(buffer);
+    capacity_ = capacity;
+    begin_ = 0;
+    end_ = held;
 }
 
 FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
     if (!descriptor_) {
         return Fill::ended;
     }
+    iovec room{buffer_.get() + end_, capacity_ - end_};
     if (cancelDescriptor >= 0) {
+        // Input that is already there is read without a poll(): the wait, and with it the look at
+        // the cancel descriptor, comes only when a read would block.
+        if (readsWithoutWaiting_) {
+            const ssize_t got = ::preadv2(descriptor_.get(), &room, 1, -1, RWF_NOWAIT);
+            if (got >= 0) {
+                return took(got);
+            }
+            if (errno == EOPNOTSUPP || errno == EINVAL || errno == ENOSYS) {
+                readsWithoutWaiting_ = false;  // a terminal, say: poll() before every read
+            } else if (errno != EAGAIN && errno != EINTR) {
+                return Fill::ended;
+            }
+        }
         pollfd fds[2] = {{cancelDescriptor, POLLIN, 0}, {descriptor_.get(), POLLIN, 0}};
         while (::poll(fds, 2, -1) < 0) {
             if (errno != EINTR) {
@@ -110,16 +134,20 @@ FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
         }
     }
     for (;;) {
-        const ssize_t got = ::read(descriptor_.get(), buffer_.data() + end_, buffer_.size() - end_);
+        const ssize_t got = ::readv(descriptor_.get(), &room, 1);
         if (got < 0 && errno == EINTR) {
             continue;
         }
-        if (got <= 0) {
-            return Fill::ended;
-        }
-        end_ += static_cast<std::size_t>(got);
-        return Fill::more;
+        return took(got);
     }
+}
+
+FileHandle::Fill FileHandle::took(ssize_t got) {
+    if (got <= 0) {
+        return Fill::ended;
+    }
+    end_ += static_cast<std::size_t>(got);
+    return Fill::more;
 }
 
 bool FileHandle::writeParts(std::span<const std::span<const std::uint8_t>> parts) {
@@ -172,7 +200,8 @@ bool FileHandle::writeData(std::span<const std::uint8_t> bytes) {
 void FileHandle::closeFile() {
     descriptor_.reset();
     begin_ = end_ = 0;
-    Data().swap(buffer_);
+    buffer_.reset();
+    capacity_ = 0;
 }
 
 }  // namespace kerrow

@@ -17,7 +17,10 @@
 // writes. closeFile() on the reading thread or while nobody reads.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -47,8 +50,9 @@ class FileHandle {
 
     /// The unconsumed bytes, at least `count` of them: reads (blocking) while fewer are held.
     /// Fewer only at end of file or on a read failure. No value when `cancelDescriptor` (-1 for
-    /// none) became readable before enough bytes arrived; a cancellation that coincides with
-    /// input wins. Consumes nothing; the view is valid until the next peek, consume or read.
+    /// none) became readable while it waited for more; input that is already there is read
+    /// before a cancellation is looked at. Consumes nothing; the view is valid until the next
+    /// peek, consume or read.
     [[nodiscard]] std::optional<std::span<const std::uint8_t>> peek(std::size_t count,
                                                                     int cancelDescriptor = -1);
     /// Drops the first `count` unconsumed bytes. REQUIRES: count <= the bytes peek() showed.
@@ -71,16 +75,23 @@ class FileHandle {
     [[nodiscard]] std::mutex& writingLock() { return writingLock_; }
 
   private:
-    /// Makes room after the held bytes for a read that brings them towards `count`.
+    /// Makes room for a read-ahead after the held bytes, which a read brings towards `count`.
     void makeRoom(std::size_t count);
+    /// Moves the held bytes to the front of a new buffer of `capacity` bytes.
+    void reallocate(std::size_t capacity);
     /// One read into the room, waiting on `cancelDescriptor` too (-1: a plain blocking read).
     enum class Fill { more, ended, cancelled };
     Fill fill(int cancelDescriptor);
+    /// Counts the bytes of a read that returned `got`.
+    Fill took(ssize_t got);
 
     Descriptor descriptor_;  // invalid once closed
-    Data buffer_;            // read-ahead; bytes [begin_, end_) are read and not yet consumed
+    // The read-ahead: capacity_ bytes, of which [begin_, end_) are read and not yet consumed.
+    std::unique_ptr<std::uint8_t[]> buffer_;
+    std::size_t capacity_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
+    bool readsWithoutWaiting_ = true;  // preadv2(RWF_NOWAIT) works on the descriptor
     std::mutex readingLock_;
     std::mutex writingLock_;
 };

@@ -45,14 +45,17 @@ TEST(FileHandleRead, CostsOnlyWhatArrivesAndGivesBackTheBufferOfALongRecord) {
         writeAll(pipe.writeEnd.get(), record + "next");
         pipe.writeEnd.reset();
     });
-    ASSERT_GE(input.peek(record.size())->size(), record.size());
+    // A hostile length: everything up to the end of input is read, and only that is held.
+    ASSERT_EQ(input.peek(0x8000'0003)->size(), record.size() + 4);
     EXPECT_GT(test::heapInUse(), before + record.size() / 2);  // the buffer grew for it
+    EXPECT_LT(test::heapInUse(), before + 2 * record.size());  // but not for the length
     input.consume(record.size());
-    EXPECT_EQ(input.peek(0x8000'0003)->size(), 4u);  // "next", for a hostile length
+    EXPECT_EQ(input.peek(0x8000'0003)->size(), 4u);  // "next"
     EXPECT_LT(test::heapInUse(), before + 1024 * 1024);
 }
 
-TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {
+// A cancellation ends a wait; input that is already there is read first, and nothing is consumed.
+TEST(FileHandlePeek, CancellationEndsOnlyAWaitAndConsumesNothing) {
     Pipe pipe;
     FileHandle input(pipe.readEnd.release());
     const Descriptor cancel(::eventfd(0, EFD_CLOEXEC));
@@ -60,8 +63,10 @@ TEST(FileHandlePeek, CancellationWinsOverPendingInputAndConsumesNothing) {
     EXPECT_EQ(input.peek(1, cancel.get())->size(), 2u);
     ASSERT_EQ(::eventfd_write(cancel.get(), 1), 0);
     EXPECT_EQ(input.peek(2, cancel.get())->size(), 2u);  // held bytes need no wait
-    writeAll(pipe.writeEnd.get(), "c");
     EXPECT_FALSE(input.peek(3, cancel.get()));
+    writeAll(pipe.writeEnd.get(), "c");
+    EXPECT_EQ(input.peek(3, cancel.get())->size(), 3u);
+    EXPECT_FALSE(input.peek(4, cancel.get()));
     EXPECT_EQ(textView(input.readDataOfLength(3)), "abc");
 }
 
