@@ -18,8 +18,13 @@ using test::Pipe;
 std::vector<std::string> framesOf(const std::string& bytes, bool inPlace) {
     Pipe pipe;
     FileHandle input(pipe.readEnd.release());
-    std::thread writer([&] {  // more than a pipe holds must be written while we read
-        test::writeAll(pipe.writeEnd.get(), bytes);
+    // Short inputs arrive a byte per write, prefixes included; a long one is more than a pipe
+    // holds, written while we read.
+    std::thread writer([&] {
+        const std::size_t piece = bytes.size() < 64 ? 1 : bytes.size();
+        for (std::size_t at = 0; at < bytes.size(); at += piece) {
+            test::writeAll(pipe.writeEnd.get(), std::string_view(bytes).substr(at, piece));
+        }
         pipe.writeEnd.reset();
     });
     std::vector<std::string> bodies;
