@@ -99,9 +99,9 @@ void BrowserExtensionIO::readLoop() {
     }
     // A reader before this one may have left frames that it could not forward whole: they are
     // the first in the read-ahead. The handle reads input that is already there before it looks
-    // at the retire event, so the flag is looked at once a frame is whole: a retired loop
+    // at the retire event, so the flag is looked at again once a frame is whole: a retired loop
     // forwards and consumes none of it.
-    for (;;) {
+    while (!retired_.load(std::memory_order_acquire)) {
         std::size_t length = 0;
         const FrameRead read = peekFrame(*inputHandle, length, retireEvent_.get());
         if (read == FrameRead::cancelled || retired_.load(std::memory_order_acquire)) {
