@@ -249,12 +249,7 @@ void SocketHelper::deliverCompleteFrames(SocketReaderDelegate* delegate) {
 }
 
 void SocketHelper::sendData(const Data& data) {
-    sendData(data, {});
-}
-
-void SocketHelper::sendData(std::span<const std::uint8_t> body,
-                            std::span<const std::uint8_t> suffix) {
-    const OutgoingFrame frame{body, suffix};
+    const OutgoingFrame frame{data, {}};
     std::size_t whole = 0;
     sendFrames({&frame, 1}, whole);
 }

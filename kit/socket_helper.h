@@ -126,8 +126,6 @@ class SocketHelper {
     /// (never raises SIGPIPE); a send that fails with part of the frame sent ends the connection,
     /// so the core service never takes a partial frame for a whole one.
     void sendData(const Data& data);
-    /// The same, for a frame whose body is `body` followed by `suffix`, sent from where they are.
-    void sendData(std::span<const std::uint8_t> body, std::span<const std::uint8_t> suffix);
     /// Sends `frames` in order, many in one sendmsg(). `whole` counts the frames that went out
     /// whole, also when it throws: a frame cut off and every later one never reach the core
     /// service (a frame cut off part-way ends the connection, as in sendData()).

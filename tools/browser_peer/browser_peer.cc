@@ -65,10 +65,7 @@ BrowserPeer::~BrowserPeer() {
 }
 
 void BrowserPeer::watchHost() {
-    sigset_t mask;
-    sigemptyset(&mask);
-    sigaddset(&mask, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &mask, nullptr);
+    blockSignal(SIGCHLD);
     sd_event_source* child = nullptr;
     check(sd_event_add_child(
               loop_.get(), &child, host_.pid, WEXITED,

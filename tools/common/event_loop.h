@@ -87,6 +87,14 @@ template <typename Object, void (Object::*run)()>
     return EventSource(source);
 }
 
+/// Blocks `number` for the calling thread, so that the loop's signalfd or child source gets it.
+inline void blockSignal(int number) {
+    sigset_t mask;
+    sigemptyset(&mask);
+    sigaddset(&mask, number);
+    sigprocmask(SIG_BLOCK, &mask, nullptr);
+}
+
 /// Ignores SIGPIPE, blocks SIGINT and SIGTERM, and has `loop` call `object->*arrived(signal)` for
 /// each of them. `object` must outlive the sources.
 template <typename Object, void (Object::*arrived)(int signal)>
@@ -94,10 +102,7 @@ template <typename Object, void (Object::*arrived)(int signal)>
     ::signal(SIGPIPE, SIG_IGN);
     std::vector<EventSource> sources;
     for (const int number : {SIGINT, SIGTERM}) {
-        sigset_t mask;
-        sigemptyset(&mask);
-        sigaddset(&mask, number);
-        sigprocmask(SIG_BLOCK, &mask, nullptr);
+        blockSignal(number);
         sd_event_source* source = nullptr;
         check(sd_event_add_signal(
                   loop, &source, number,
