@@ -65,11 +65,9 @@ void HostToCoreSocketService::setup() {
 }
 
 void HostToCoreSocketService::queueConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint) {
-    queue.async([weakSelf = weak_from_this(), endpoint] {
-        if (const auto self = weakSelf.lock()) {
-            self->runConnectionLoop(endpoint);
-        }
-    });
+    // Held strongly until the loop has run: a service replaced before its loop starts still
+    // sends its first message and reads its connection for the grace, as every start's does.
+    queue.async([self = shared_from_this(), endpoint] { self->runConnectionLoop(endpoint); });
 }
 
 void HostToCoreSocketService::runConnectionLoop(const std::shared_ptr<SocketHelper>& endpoint) {
@@ -141,10 +139,8 @@ void HostToCoreSocketService::retire() {
 }
 
 void HostToCoreSocketService::endReading() {
-    retire();
+    retire();  // bounds the endpoint's sends too
     if (socketHelper) {
-        // A send still blocked gives up too: what it cut off goes first on the next connection.
-        socketHelper->retire(std::chrono::milliseconds{0});
         socketHelper->stopReading();
     }
 }

@@ -11,7 +11,8 @@
 // ends that at once) and delivers everything it read, however long standard output takes; then
 // it ends its channel's output, so that the channel of the next start may write.
 //
-// Ownership: held by the application delegate (std::shared_ptr); a running loop holds it too.
+// Ownership: held by the application delegate (std::shared_ptr); a queued or running loop holds
+// it too.
 // It holds the channel and the endpoint; the endpoint holds it weakly as its reader delegate.
 // Both references are set before setup() and not changed afterwards.
 // Threads: the loop, didReadData() and the handlers run on `queue` (the endpoint delivers inside
