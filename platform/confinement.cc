@@ -2,12 +2,15 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <seccomp.h>
+#include <linux/audit.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -15,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <span>
 #include <string_view>
 
 #include "platform/descriptor.h"
@@ -161,53 +165,119 @@ void restrictWithLandlock(const ConfinementRules& rules, std::vector<std::string
     }
 }
 
-struct FilterRelease {
-    void operator()(void* filter) const { seccomp_release(filter); }
-};
-
-// In the groups of the header, which says why each is there.
+// In the groups of the header, which says why each is there. iopl and ioperm exist on x86 only.
 // clang-format off
 constexpr std::array deniedSystemCalls = {
-    "execve", "execveat",
-    "ptrace", "process_vm_readv", "process_vm_writev", "pidfd_getfd",
-    "mount", "umount2", "pivot_root", "chroot", "move_mount", "open_tree", "fsopen", "fsmount",
-    "fsconfig", "fspick", "mount_setattr", "unshare", "setns",
-    "name_to_handle_at", "open_by_handle_at",
-    "bpf", "perf_event_open", "userfaultfd",
-    "io_uring_setup", "io_uring_enter", "io_uring_register",
-    "keyctl", "add_key", "request_key",
-    "kexec_load", "kexec_file_load", "init_module", "finit_module", "delete_module", "reboot",
-    "swapon", "swapoff", "iopl", "ioperm",
+    __NR_execve, __NR_execveat,
+    __NR_ptrace, __NR_process_vm_readv, __NR_process_vm_writev, __NR_pidfd_getfd,
+    __NR_mount, __NR_umount2, __NR_pivot_root, __NR_chroot, __NR_move_mount, __NR_open_tree,
+    __NR_fsopen, __NR_fsmount, __NR_fsconfig, __NR_fspick, __NR_mount_setattr, __NR_unshare,
+    __NR_setns,
+    __NR_name_to_handle_at, __NR_open_by_handle_at,
+    __NR_bpf, __NR_perf_event_open, __NR_userfaultfd,
+    __NR_io_uring_setup, __NR_io_uring_enter, __NR_io_uring_register,
+    __NR_keyctl, __NR_add_key, __NR_request_key,
+    __NR_kexec_load, __NR_kexec_file_load, __NR_init_module, __NR_finit_module,
+    __NR_delete_module, __NR_reboot, __NR_swapon, __NR_swapoff,
+#if defined(__NR_iopl) && defined(__NR_ioperm)
+    __NR_iopl, __NR_ioperm,
+#endif
+    // Denied for every family but AF_UNIX:
+    __NR_socket, __NR_socketpair,
 };
 // clang-format on
 
+#if defined(__x86_64__)
+constexpr std::uint32_t filterArchitecture = AUDIT_ARCH_X86_64;
+#elif defined(__aarch64__)
+constexpr std::uint32_t filterArchitecture = AUDIT_ARCH_AARCH64;
+#elif defined(__riscv) && __riscv_xlen == 64
+constexpr std::uint32_t filterArchitecture = AUDIT_ARCH_RISCV64;
+#elif defined(__powerpc64__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+constexpr std::uint32_t filterArchitecture = AUDIT_ARCH_PPC64LE;
+#elif defined(__s390x__)
+constexpr std::uint32_t filterArchitecture = AUDIT_ARCH_S390X;
+#else
+constexpr std::uint32_t filterArchitecture = 0;  // no filter: the notes say so
+#endif
+
+using Program = std::vector<sock_filter>;
+
+sock_filter statement(std::uint16_t code, std::uint32_t k) {
+    return BPF_STMT(code, k);
+}
+
+sock_filter jump(std::uint16_t code, std::uint32_t k, std::size_t whenTrue, std::size_t whenFalse) {
+    return BPF_JUMP(code, k, static_cast<std::uint8_t>(whenTrue),
+                    static_cast<std::uint8_t>(whenFalse));
+}
+
+// What a denied number leads to, the system call number being in the accumulator: EPERM, or, for
+// socket() and socketpair(), EPERM unless the first argument (the int family: the low half of the
+// 64-bit argument) is AF_UNIX.
+Program denial(int number) {
+    const sock_filter refuse = statement(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM);
+    if (number != __NR_socket && number != __NR_socketpair) {
+        return {refuse};
+    }
+    constexpr std::size_t lowHalf =
+        offsetof(seccomp_data, args) + (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? 0 : 4);
+    return {statement(BPF_LD | BPF_W | BPF_ABS, lowHalf),
+            jump(BPF_JMP | BPF_JEQ | BPF_K, AF_UNIX, 0, 1),
+            statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW), refuse};
+}
+
+// A binary search of the sorted numbers [first, last): every system call the host makes passes
+// the filter, so each costs a few comparisons rather than one per denied number.
+Program search(std::span<const int> sorted) {
+    if (sorted.size() <= 3) {
+        Program leaf;
+        for (const int number : sorted) {
+            const Program action = denial(number);
+            leaf.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(number), 0,
+                                action.size()));
+            leaf.insert(leaf.end(), action.begin(), action.end());
+        }
+        leaf.push_back(statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
+        return leaf;
+    }
+    const std::size_t middle = sorted.size() / 2;
+    const Program below = search(sorted.first(middle));
+    const Program above = search(sorted.subspan(middle));
+    Program node{jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<std::uint32_t>(sorted[middle]),
+                      below.size(), 0)};
+    node.insert(node.end(), below.begin(), below.end());
+    node.insert(node.end(), above.begin(), above.end());
+    return node;
+}
+
+// The whole program: a system call of another ABI (another architecture, or x32 on x86-64) ends
+// the process, as the host never makes one; then the search.
+Program filterProgram() {
+    const sock_filter kill = statement(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS);
+    Program program{statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
+                    jump(BPF_JMP | BPF_JEQ | BPF_K, filterArchitecture, 1, 0), kill,
+                    statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+#if defined(__x86_64__)
+    program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, __X32_SYSCALL_BIT, 0, 1));
+    program.push_back(kill);
+#endif
+    std::array sorted = deniedSystemCalls;
+    std::sort(sorted.begin(), sorted.end());
+    const Program lookup = search(sorted);
+    program.insert(program.end(), lookup.begin(), lookup.end());
+    return program;
+}
+
 void filterSystemCalls(std::vector<std::string>& notes) {
-    const std::unique_ptr<void, FilterRelease> filter(seccomp_init(SCMP_ACT_ALLOW));
-    if (!filter) {
-        notes.emplace_back("seccomp: could not build the filter");
+    if (filterArchitecture == 0) {
+        notes.emplace_back("seccomp: no filter is known for this architecture");
         return;
     }
-    int r = seccomp_attr_set(filter.get(), SCMP_FLTATR_CTL_TSYNC, 1);
-    // Every system call of the host passes the filter: a binary tree of the numbers keeps that
-    // to a few comparisons instead of one per rule. Best effort: older kernels take a list.
-    seccomp_attr_set(filter.get(), SCMP_FLTATR_CTL_OPTIMIZE, 2);
-    for (const char* name : deniedSystemCalls) {
-        const int number = seccomp_syscall_resolve_name(name);
-        if (r == 0 && number != __NR_SCMP_ERROR) {
-            r = seccomp_rule_add(filter.get(), SCMP_ACT_ERRNO(EPERM), number, 0);
-        }
-    }
-    for (const int call : {SCMP_SYS(socket), SCMP_SYS(socketpair)}) {
-        if (r == 0) {
-            r = seccomp_rule_add(filter.get(), SCMP_ACT_ERRNO(EPERM), call, 1,
-                                 SCMP_A0(SCMP_CMP_NE, AF_UNIX));
-        }
-    }
-    if (r == 0) {
-        r = seccomp_load(filter.get());
-    }
-    if (r != 0) {
-        notes.push_back(errorText("seccomp: could not filter the system calls", -r));
+    Program program = filterProgram();
+    const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
+    if (::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &filter) != 0) {
+        notes.push_back(errorText("seccomp: could not filter the system calls", errno));
     }
 }
 

@@ -12,9 +12,10 @@
 //    unless the session bus itself is one (DBUS_SESSION_BUS_ADDRESS names "abstract="). Landlock
 //    confines only the calling thread and the threads it starts afterwards: call this before any
 //    other thread exists. A thread found running is reported (it still gets the filter).
-//  - seccomp, through libseccomp: every system call is allowed except a deny list that fails with
-//    EPERM (never a kill, so a library that probes one goes on). The filter is synchronised to
-//    every thread of the process (TSYNC). What is denied, and why:
+//  - seccomp: a filter program built here (a binary search over the denied numbers, so every
+//    allowed call costs a few comparisons): every system call is allowed except a deny list that
+//    fails with EPERM (never a kill, so a library that probes one goes on). The filter is
+//    synchronised to every thread of the process (TSYNC). What is denied, and why:
 //      execve, execveat               the host never starts a program; code that took it over would
 //      ptrace, process_vm_readv/writev, pidfd_getfd
 //                                     reading or steering other processes of the user
@@ -33,9 +34,10 @@
 //      kexec_load, kexec_file_load, init_module, finit_module, delete_module, reboot, swapon,
 //      swapoff, iopl, ioperm          the system itself, for a host run by root
 //      socket, socketpair             for every family but AF_UNIX: no IPv4, IPv6, netlink, ...
-//    A name that this libseccomp does not know for the machine is left out, not an error. clone
-//    and clone3 stay allowed (threads need them). A system call of another architecture (i386,
-//    x32) ends the process: libseccomp's default, and the host never makes one.
+//    iopl and ioperm exist on x86 only. clone and clone3 stay allowed (threads need them). A system
+//    call of another ABI (i386 or x32 on x86-64) ends the process: the host never makes one. On an
+//    architecture the filter does not know (x86-64, AArch64, RISC-V 64, ppc64le, s390x) it is not
+//    applied, and a note says so.
 // Under Valgrind, which knows neither Landlock's nor seccomp's system calls, nothing is applied
 // (and that is the one note). Stateless; call from the main thread, once, before any other thread
 // starts.
