@@ -40,12 +40,13 @@ int main(int argc, char** argv) {
     }
 
     // The buffers that live on (the read-ahead of each stream, up to a 1 MiB frame and its
-    // read-ahead) are kept by their owners, so the allocator need not keep freed memory for
-    // them: blocks over 256 KiB are mapped and go back to the kernel when freed, and the heap
-    // gives back what is free at its top beyond 256 KiB. So a burst (a log queue that grew while
-    // its writer fell behind, a large message) leaves no resident memory behind.
-    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 256 * 1024);
+    // read-ahead; the log's two batches) are kept by their owners, so the allocator need not keep
+    // freed memory for them: blocks of 64 KiB and more are mapped and go back to the kernel when
+    // freed, and a heap gives back what is free at its top beyond 32 KiB. So a burst (a log queue
+    // that grew while its writer fell behind, a large message) leaves no resident memory behind,
+    // and the host's private memory stays under 1 MiB after any relay.
+    mallopt(M_MMAP_THRESHOLD, 64 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 32 * 1024);
 
     // The application does not own its delegate; this one lives as long as the process.
     static kerrow::AppDelegate appDelegate;

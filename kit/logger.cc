@@ -39,7 +39,7 @@ constexpr std::size_t largestFileSize = 2 * maximumFileSize;
 constexpr int rotatedFiles = 2;  // native-messaging-host.log.1 and .2
 constexpr auto flushDelay = 500ms;
 constexpr auto rotationRetryDelay = 60s;             // after a rename that failed
-constexpr std::size_t batchSize = 64 * 1024;         // the writer starts at once with this much
+constexpr std::size_t batchSize = 32 * 1024;         // the writer starts at once with this much
 constexpr std::size_t queueLimit = 8 * 1024 * 1024;  // lines beyond it wait nowhere: lost, counted
 constexpr std::size_t maximumLineData = 64 * 1024;
 // The note of a cut line, " [<count> bytes left out]", fits in this.

@@ -1,6 +1,8 @@
 #include "platform/file_handle.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -21,18 +23,36 @@ constexpr std::size_t readAhead = 64 * 1024;
 // A 1 MiB record and its read-ahead fit, so a stream of them reads without reallocating.
 constexpr std::size_t retainedSize = 1024 * 1024 + 2 * readAhead;
 
+// The browser's pipes hold 64 KiB: a large message then crosses in sixteen turns of the writer
+// filling the pipe and the reader draining it, each a pair of context switches. Widened to the
+// 1 MiB an unprivileged process may ask for (fs.pipe-max-size), a whole message crosses in one or
+// two. Best effort: a pipe that cannot grow (the user's pipe quota spent) stays as it is, and a
+// terminal or a file is left alone.
+constexpr int pipeCapacity = 1024 * 1024;
+
+void widenPipe(int descriptor) {
+    struct stat status {};
+    if (::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        ::fcntl(descriptor, F_SETPIPE_SZ, pipeCapacity);
+    }
+}
+
 }  // namespace
 
 FileHandle::FileHandle(int fileDescriptor) : descriptor_(fileDescriptor) {}
 
 std::shared_ptr<FileHandle> FileHandle::standardInput() {
-    static const auto handle = std::make_shared<FileHandle>(STDIN_FILENO);
+    static const auto handle = [] {
+        widenPipe(STDIN_FILENO);
+        return std::make_shared<FileHandle>(STDIN_FILENO);
+    }();
     return handle;
 }
 
 std::shared_ptr<FileHandle> FileHandle::standardOutput() {
     static const auto handle = [] {
         std::signal(SIGPIPE, SIG_IGN);
+        widenPipe(STDOUT_FILENO);
         return std::make_shared<FileHandle>(STDOUT_FILENO);
     }();
     return handle;

@@ -38,10 +38,12 @@ class FileHandle {
     FileHandle(const FileHandle&) = delete;
     FileHandle& operator=(const FileHandle&) = delete;
 
-    /// The process's standard input (descriptor 0), one handle for the whole process.
+    /// The process's standard input (descriptor 0), one handle for the whole process. A pipe
+    /// there is widened to 1 MiB where the system allows it.
     static std::shared_ptr<FileHandle> standardInput();
     /// The process's standard output (descriptor 1), one handle for the whole process. The first
-    /// call makes writes to a vanished reader fail with EPIPE instead of raising SIGPIPE.
+    /// call makes writes to a vanished reader fail with EPIPE instead of raising SIGPIPE, and
+    /// widens a pipe there to 1 MiB where the system allows it.
     static std::shared_ptr<FileHandle> standardOutput();
 
     /// Blocks until `length` bytes have arrived or the input reaches end of file (or fails), and
