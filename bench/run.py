@@ -11,7 +11,9 @@ extension sends faster than the program reads) and paced (one frame per write); 
 commands also in a burst, written in large writes while the browser side drains standard output
 as fast as it can.
 
-Usage: bench/run.py --build BUILD_DIR [--quick] [--profile]
+Usage: bench/run.py --build BUILD_DIR [--before HOST] [--quick] [--profile]
+  --before   the host built from an earlier commit (scripts/bench builds it): the paced figures
+             (command latency, start-up) measure it beside the host, round by round
   --quick    fewer rounds and shorter windows (a smoke test, not for the record)
   --profile  also run the host under callgrind (relay and commands) into BUILD_DIR/profile/
 Standard library only.
@@ -45,7 +47,7 @@ class Plan:
         # The close-tab burst (C++ programs, plain Python host): long enough to outlast start-up
         # noise at a million commands per second.
         self.burst_counts = (40000, 10000)
-        self.latency_rounds = 1 if quick else 3
+        self.latency_rounds = 1 if quick else 5
         self.latency_count = 600 if quick else 1600
         self.latency_warm_up = 100
         self.startup_rounds = 5 if quick else 15
@@ -55,9 +57,10 @@ class Plan:
         self.micro_repetitions = 1 if quick else 3
 
 
-def programs(build):
+def programs(build, before):
     bin_dir = build / 'bin'
     return {
+        'before': 'before=host:%s,chrome-extension://kerrow/' % before,
         'host': 'host=host:%s,chrome-extension://kerrow/' % (bin_dir / 'kerrow-native-messaging-host'),
         'floor': 'floor=floor:%s' % (bin_dir / 'kerrow-bench-floor'),
         'typical': 'typical=typical:%s,%s' % (PYTHON, REPOSITORY / 'bench' / 'baselines' / 'typical_host.py'),
@@ -79,9 +82,11 @@ def rotated(items, round_index):
 
 
 class Runner:
-    def __init__(self, build, raw_file):
+    def __init__(self, build, raw_file, before=None):
         self.driver = str(build / 'bin' / 'kerrow-bench-driver')
-        self.programs = programs(build)
+        self.programs = programs(build, before)
+        # The paced figures' programs: the host built from an earlier commit too, when given.
+        self.paced = ['before'] if before else []
         self.raw = raw_file
         self.results = []
 
@@ -121,14 +126,15 @@ class Runner:
                              count=plan.burst_counts[1 if name == 'plain' else 0])
         print('bench: command rate done', flush=True)
         for round_index in range(plan.latency_rounds):
-            for name in rotated(RELAYING, round_index):
+            for name in rotated(RELAYING + self.paced, round_index):
                 self.measure('latency', [name], round_index, rate=1000, count=plan.latency_count,
                              warm_up=plan.latency_warm_up)
         print('bench: command latency done', flush=True)
 
     def startup(self, plan):
         for round_index in range(plan.startup_rounds):
-            for name in rotated(['host', 'bare', 'floor', 'typical', 'plain'], round_index):
+            for name in rotated(['host', 'bare', 'floor', 'typical', 'plain'] + self.paced,
+                                round_index):
                 self.measure('startup', [name], round_index)
         print('bench: start-up done', flush=True)
 
@@ -238,6 +244,7 @@ def profile(build, runner):
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument('--build', required=True, type=Path)
+    parser.add_argument('--before', type=Path)
     parser.add_argument('--quick', action='store_true')
     parser.add_argument('--profile', action='store_true')
     arguments = parser.parse_args()
@@ -249,7 +256,7 @@ def main():
     load_before = os.getloadavg()
     started = time.time()
     with open(bench_out / 'raw.jsonl', 'w') as raw:
-        runner = Runner(build, raw)
+        runner = Runner(build, raw, arguments.before.resolve() if arguments.before else None)
         runner.relay(plan)
         runner.commands(plan)
         runner.startup(plan)
@@ -261,7 +268,8 @@ def main():
             profile(build, Runner(build, raw))
     context = report.Context(
         repository=REPOSITORY, build=build, python=PYTHON, quick=arguments.quick,
-        load_before=load_before, load_after=os.getloadavg(), seconds=time.time() - started)
+        load_before=load_before, load_after=os.getloadavg(), seconds=time.time() - started,
+        before=arguments.before)
     report.write(runner.results, micro, context, REPOSITORY / 'bench')
     print('bench: wrote bench/results.md and bench/relay.svg (%.0f s)' % context.seconds)
 
