@@ -22,6 +22,8 @@ constexpr std::size_t readAhead = 64 * 1024;
 // A buffer that grew beyond this for a long record is given back once the record is consumed.
 // A 1 MiB record and its read-ahead fit, so a stream of them reads without reallocating.
 constexpr std::size_t retainedSize = 1024 * 1024 + 2 * readAhead;
+// How long the input waits before a buffer grown for long records goes back to ordinary size.
+constexpr int idleRelease = 200;  // ms
 
 // The browser's pipes hold 64 KiB: a large message then crosses in sixteen turns of the writer
 // filling the pipe and the reader draining it, each a pair of context switches. Widened to the
@@ -105,6 +107,14 @@ void FileHandle::makeRoom(std::size_t count) {
     } else if (capacity_ - end_ < readAhead) {
         // The held bytes (a partial record, or nothing) move to the front. Small frames move a few
         // bytes before every read; a long record moves once a read-ahead no longer fits after it.
+        // Records of the read-ahead's size or more, back to back, would move most of one before
+        // every read: their buffer grows once to hold several (up to the retained size), so a
+        // move comes once every few records.
+        const std::size_t roomy = std::min(retainedSize, 4 * count + readAhead);
+        if (count >= readAhead && capacity_ < roomy) {
+            reallocate(roomy);
+            return;
+        }
         std::memmove(buffer_.get(), buffer_.get() + begin_, held);
         begin_ = 0;
         end_ = held;
@@ -128,11 +138,11 @@ FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
     if (!descriptor_) {
         return Fill::ended;
     }
-    iovec room{buffer_.get() + end_, capacity_ - end_};
     if (cancelDescriptor >= 0) {
         // Input that is already there is read without a poll(): the wait, and with it the look at
         // the cancel descriptor, comes only when a read would block.
         if (readsWithoutWaiting_) {
+            iovec room{buffer_.get() + end_, capacity_ - end_};
             const ssize_t got = ::preadv2(descriptor_.get(), &room, 1, -1, RWF_NOWAIT);
             if (got >= 0) {
                 return took(got);
@@ -144,8 +154,21 @@ FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
             }
         }
         pollfd fds[2] = {{cancelDescriptor, POLLIN, 0}, {descriptor_.get(), POLLIN, 0}};
-        while (::poll(fds, 2, -1) < 0) {
-            if (errno != EINTR) {
+        // A buffer grown for a run of long records goes back to ordinary size once the input has
+        // paused for a while (a run arrives in bursts: giving it back at every pause would cost
+        // a regrowth per record), unless a long record is half read.
+        int timeout = capacity_ > 2 * readAhead ? idleRelease : -1;
+        for (;;) {
+            const int ready = ::poll(fds, 2, timeout);
+            if (ready > 0) {
+                break;
+            }
+            if (ready == 0) {
+                if (const std::size_t held = end_ - begin_; held < readAhead) {
+                    reallocate(held + readAhead);
+                }
+                timeout = -1;
+            } else if (errno != EINTR) {
                 return Fill::ended;  // the descriptor cannot be waited on, so it cannot be read
             }
         }
@@ -153,6 +176,7 @@ FileHandle::Fill FileHandle::fill(int cancelDescriptor) {
             return Fill::cancelled;
         }
     }
+    iovec room{buffer_.get() + end_, capacity_ - end_};
     for (;;) {
         const ssize_t got = ::readv(descriptor_.get(), &room, 1);
         if (got < 0 && errno == EINTR) {
