@@ -201,71 +201,93 @@ constexpr std::uint32_t filterArchitecture = AUDIT_ARCH_S390X;
 constexpr std::uint32_t filterArchitecture = 0;  // no filter: the notes say so
 #endif
 
-using Program = std::vector<sock_filter>;
-
 sock_filter statement(std::uint16_t code, std::uint32_t k) {
     return BPF_STMT(code, k);
 }
 
-sock_filter jump(std::uint16_t code, std::uint32_t k, std::size_t whenTrue, std::size_t whenFalse) {
-    return BPF_JUMP(code, k, static_cast<std::uint8_t>(whenTrue),
-                    static_cast<std::uint8_t>(whenFalse));
+sock_filter jump(std::uint16_t code, std::uint32_t k) {
+    return BPF_JUMP(code, k, 0, 0);
 }
 
-// What a denied number leads to, the system call number being in the accumulator: EPERM, or, for
-// socket() and socketpair(), EPERM unless the first argument (the int family: the low half of the
-// 64-bit argument) is AF_UNIX.
-Program denial(int number) {
-    const sock_filter refuse = statement(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM);
-    if (number != __NR_socket && number != __NR_socketpair) {
-        return {refuse};
-    }
-    constexpr std::size_t lowHalf =
-        offsetof(seccomp_data, args) + (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? 0 : 4);
-    return {statement(BPF_LD | BPF_W | BPF_ABS, lowHalf),
-            jump(BPF_JMP | BPF_JEQ | BPF_K, AF_UNIX, 0, 1),
-            statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW), refuse};
-}
+// The program's ends, which every lookup jumps to; their offsets are set once it is laid out.
+enum class End : std::uint8_t { none, checkFamily, allow, refuse };
 
-// A binary search of the sorted numbers [first, last): every system call the host makes passes
-// the filter, so each costs a few comparisons rather than one per denied number.
-Program search(std::span<const int> sorted) {
-    if (sorted.size() <= 3) {
-        Program leaf;
+struct Step {
+    sock_filter instruction;
+    End jumpTo = End::none;  // a JEQ's branch when equal, or a JA's target
+};
+
+// A binary search of the sorted numbers, the system call number being in the accumulator. The
+// kernel runs the filter for every system call number once when it is loaded (to find those it
+// always allows), and every system call the host makes passes it: a search costs a few
+// comparisons where a list costs one per denied number, and a shared end for each outcome keeps
+// the program short.
+void search(std::span<const int> sorted, std::vector<Step>& steps) {
+    if (sorted.size() <= 4) {
         for (const int number : sorted) {
-            const Program action = denial(number);
-            leaf.push_back(jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(number), 0,
-                                action.size()));
-            leaf.insert(leaf.end(), action.begin(), action.end());
+            const bool family = number == __NR_socket || number == __NR_socketpair;
+            steps.push_back({jump(BPF_JMP | BPF_JEQ | BPF_K, static_cast<std::uint32_t>(number)),
+                             family ? End::checkFamily : End::refuse});
         }
-        leaf.push_back(statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-        return leaf;
+        steps.push_back({statement(BPF_JMP | BPF_JA, 0), End::allow});
+        return;
     }
     const std::size_t middle = sorted.size() / 2;
-    const Program below = search(sorted.first(middle));
-    const Program above = search(sorted.subspan(middle));
-    Program node{jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<std::uint32_t>(sorted[middle]),
-                      below.size(), 0)};
-    node.insert(node.end(), below.begin(), below.end());
-    node.insert(node.end(), above.begin(), above.end());
-    return node;
+    const std::size_t node = steps.size();
+    steps.push_back({jump(BPF_JMP | BPF_JGE | BPF_K, static_cast<std::uint32_t>(sorted[middle]))});
+    search(sorted.first(middle), steps);
+    steps[node].instruction.jt = static_cast<std::uint8_t>(steps.size() - node - 1);
+    search(sorted.subspan(middle), steps);
 }
 
 // The whole program: a system call of another ABI (another architecture, or x32 on x86-64) ends
-// the process, as the host never makes one; then the search.
-Program filterProgram() {
+// the process, as the host never makes one; then the search, then its ends: socket() and
+// socketpair() are allowed for AF_UNIX only (their first argument, an int: the low half of the
+// 64-bit argument), every other denied number fails with EPERM.
+std::vector<sock_filter> filterProgram() {
     const sock_filter kill = statement(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS);
-    Program program{statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-                    jump(BPF_JMP | BPF_JEQ | BPF_K, filterArchitecture, 1, 0), kill,
-                    statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
+    sock_filter sameArchitecture = jump(BPF_JMP | BPF_JEQ | BPF_K, filterArchitecture);
+    sameArchitecture.jt = 1;
+    std::vector<Step> steps{{statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch))},
+                            {sameArchitecture},
+                            {kill},
+                            {statement(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))}};
 #if defined(__x86_64__)
-    program.push_back(jump(BPF_JMP | BPF_JGE | BPF_K, __X32_SYSCALL_BIT, 0, 1));
-    program.push_back(kill);
+    sock_filter x32 = jump(BPF_JMP | BPF_JGE | BPF_K, __X32_SYSCALL_BIT);
+    x32.jf = 1;
+    steps.push_back({x32});
+    steps.push_back({kill});
 #endif
     std::array sorted = deniedSystemCalls;
     std::sort(sorted.begin(), sorted.end());
-    const Program lookup = search(sorted);
-    program.insert(program.end(), lookup.begin(), lookup.end());
+    search(sorted, steps);
+
+    constexpr std::size_t lowHalf =
+        offsetof(seccomp_data, args) + (__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__ ? 0 : 4);
+    const std::size_t checkFamily = steps.size();
+    sock_filter unixFamily = jump(BPF_JMP | BPF_JEQ | BPF_K, AF_UNIX);
+    unixFamily.jf = 1;
+    steps.push_back({statement(BPF_LD | BPF_W | BPF_ABS, lowHalf)});
+    steps.push_back({unixFamily});
+    steps.push_back({statement(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)});
+    steps.push_back({statement(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM)});
+
+    std::vector<sock_filter> program;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        sock_filter instruction = steps[i].instruction;
+        if (steps[i].jumpTo != End::none) {
+            const std::size_t target = steps[i].jumpTo == End::checkFamily ? checkFamily
+                                       : steps[i].jumpTo == End::allow     ? checkFamily + 2
+                                                                           : checkFamily + 3;
+            const std::size_t offset = target - (i + 1);
+            if (BPF_OP(instruction.code) == BPF_JA) {
+                instruction.k = static_cast<std::uint32_t>(offset);
+            } else {
+                instruction.jt = static_cast<std::uint8_t>(offset);  // under 100 steps: it fits
+            }
+        }
+        program.push_back(instruction);
+    }
     return program;
 }
 
@@ -274,7 +296,7 @@ void filterSystemCalls(std::vector<std::string>& notes) {
         notes.emplace_back("seccomp: no filter is known for this architecture");
         return;
     }
-    Program program = filterProgram();
+    std::vector<sock_filter> program = filterProgram();
     const sock_fprog filter{static_cast<unsigned short>(program.size()), program.data()};
     if (::syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_TSYNC, &filter) != 0) {
         notes.push_back(errorText("seccomp: could not filter the system calls", errno));
