@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <thread>
@@ -136,6 +137,25 @@ TEST_F(CommandTest, NothingOverTheBrowsersLimitIsWrittenAndLaterMessagesGoThroug
     EXPECT_EQ(lines[5], "error Dropped a message for the extension: setBlacklist of " +
                             std::to_string(blockList.size()) +
                             " bytes exceeds the 1048576-byte limit");
+}
+
+// The frames of the commands of one delivered read go out together, in one write: a datagram
+// socket shows the writes as they were made.
+TEST_F(CommandTest, HeldFramesGoOutInOneWriteWhenReleased) {
+    std::array<int, 2> pair{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair.data()), 0);
+    const Descriptor reader(pair[0]);
+    BrowserExtensionIO held(std::make_shared<FileHandle>(::dup(input.readEnd.get())),
+                            std::make_shared<FileHandle>(pair[1]));
+    held.holdMessages();
+    held.closeTab("1");
+    held.enableInternet();
+    std::string packet(4096, '\0');
+    EXPECT_EQ(::recv(reader.get(), packet.data(), packet.size(), MSG_DONTWAIT), -1);
+    held.writeHeldMessages();
+    packet.resize(std::max<ssize_t>(::recv(reader.get(), packet.data(), packet.size(), 0), 0));
+    EXPECT_EQ(packet, test::frame(R"({"action":"closeTab","payload":{"id":1}})") +
+                          test::frame(R"({"action":"enableWeb","payload":{}})"));
 }
 
 TEST_F(CommandTest, FramesFromSeveralThreadsNeverInterleave) {

@@ -4,6 +4,9 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <mutex>
 #include <thread>
 
 #include "tests/support/test_support.h"
@@ -123,18 +126,26 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
     channel = next;  // retired by TearDown
 }
 
-TEST_F(RelayTest, ReleasedBeforeItsLoopRunsReadsNothing) {
-    // The loop's work item holds the channel weakly: a channel gone by then reads nothing.
-    channel.reset();
-    {
-        auto doomed = newChannel();
-        doomed->browserSocket = socket;
-        doomed->retire();
-        doomed->start();
-    }
-    test::writeAll(input.writeEnd.get(), frame("unread"));
+// Standard input has one reader: a channel reads nothing while another holds the reading lock.
+// Its loop retired, the channel's queue ends its thread at once, while the channel lives on.
+TEST_F(RelayTest, ReadsOnlyUnderTheReadingLockAndEndsItsThreadWithItsLoop) {
+    const auto queueThreads = [] {
+        return std::ranges::count_if(std::filesystem::directory_iterator("/proc/self/task"),
+                                     [](const auto& task) {
+                                         return test::readFile(task.path() / "comm") ==
+                                                "host.filehandle\n";  // the label's tail
+                                     });
+    };
+    std::unique_lock otherReader(inputHandle->readingLock());
+    channel->browserSocket = socket;
+    channel->start();
+    test::writeAll(input.writeEnd.get(), frame("waited"));
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
-    EXPECT_EQ(textView(inputHandle->readDataOfLength(4)), "\x06\0\0\0"s);
+    otherReader.unlock();
+    EXPECT_EQ(connection->receive(), "waitedkerrow.tabList");
+    const auto running = queueThreads();
+    channel->retire();
+    EXPECT_TRUE(test::waitUntil([&] { return queueThreads() == running - 1; }));
 }
 
 }  // namespace
