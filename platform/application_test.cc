@@ -84,17 +84,20 @@ void runApplication(int output, const std::function<void()>& afterLaunch) {
 
 constexpr std::string_view launchedLine = "launched inside the loop on the main thread\n";
 
-struct StopSignal {
-    int number;
-    bool toEarlyThread;       // sent to a thread that started before the loop, not to the process
-    bool busyOutsideTheLoop;  // the main thread waits in a call of its own, as setupSocket() does
-};
+class ApplicationTest : public ::testing::TestWithParam<int> {};
 
-class ApplicationStopTest : public ::testing::TestWithParam<StopSignal> {};
-
-TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
-    Child child([busy = GetParam().busyOutsideTheLoop](int output) {
-        // Like a logger's flusher: started before the loop, so it does not block stop signals.
+// The host's handshake: observe the answer, announce, and get the answer on the main thread.
+// A stop signal that comes while the main thread serves the answer (busy outside the loop, as
+// setupSocket() is), with another answer queued behind it, ends the loop before the queued one is
+// served. It is sent to a thread that started before the loop, like a logger's writer, which
+// therefore does not block it.
+TEST_P(ApplicationTest, DeliversNotificationsOnTheMainThreadAndAStopSignalComesBeforeQueuedOnes) {
+    constexpr std::string_view announcement = "com.kerrowsoftware.test.didFinishLaunching";
+    constexpr std::string_view answer = "com.kerrowsoftware.test.start";
+    PrivateBus bus;
+    BusClient client(bus.address());
+    client.observe(announcement);
+    Child child([&](int output) {
         std::promise<pid_t> started;
         std::thread([&started] {
             started.set_value(::gettid());
@@ -104,51 +107,18 @@ TEST_P(ApplicationStopTest, EndsTheLoopWithStatusZeroAfterTheDelegateWasTold) {
         }).detach();
         const std::string id = std::to_string(started.get_future().get());
         writeAll(output, id + std::string(11 - id.size(), ' '));  // 11 characters
-        runApplication(output, [busy] {
-            if (busy) {
-                pollfd stop{Application::shared().stopSignalDescriptor()->get(), POLLIN, 0};
-                ::poll(&stop, 1, 60'000);
-            }
-        });
-    });
-    const pid_t earlyThread = std::stoi(readExactly(child.output(), 11));
-    ASSERT_EQ(readExactly(child.output(), launchedLine.size()), launchedLine);
-    if (GetParam().toEarlyThread) {
-        ASSERT_EQ(::tgkill(child.pid(), earlyThread, GetParam().number), 0);
-    } else {
-        ASSERT_EQ(::kill(child.pid(), GetParam().number), 0);
-    }
-    EXPECT_EQ(child.waitForExit(), 0);
-    EXPECT_EQ(readExactly(child.output(), std::string::npos), "terminating\n");
-}
-
-INSTANTIATE_TEST_SUITE_P(Signals, ApplicationStopTest,
-                         ::testing::Values(StopSignal{SIGTERM, true, false},
-                                           StopSignal{SIGINT, true, true},
-                                           StopSignal{SIGHUP, false, false}));
-
-// The host's handshake: observe the answer, announce, and get the answer on the main thread.
-// A stop signal that comes while the main thread serves the answer, with another queued behind
-// it, ends the loop before the queued one is served.
-TEST(ApplicationTest, DeliversNotificationsOnTheMainThreadAndAStopSignalComesBeforeQueuedOnes) {
-    constexpr std::string_view announcement = "com.kerrowsoftware.test.didFinishLaunching";
-    constexpr std::string_view answer = "com.kerrowsoftware.test.start";
-    PrivateBus bus;
-    BusClient client(bus.address());
-    client.observe(announcement);
-    Child child([&](int output) {
         runApplication(output, [&] {
             auto& center = DistributedNotificationCenter::defaultCenter();
             center.addObserver(answer, [output] {
                 writeAll(output, ::gettid() == ::getpid() ? "answered on the main thread\n"
                                                           : "answered elsewhere\n");
-                // Busy as a connect waiting on a full backlog, until the stop signal comes.
                 pollfd stop{Application::shared().stopSignalDescriptor()->get(), POLLIN, 0};
                 ::poll(&stop, 1, 60'000);
             });
             center.postNotificationName(announcement, true);
         });
     });
+    const pid_t earlyThread = std::stoi(readExactly(child.output(), 11));
     ASSERT_TRUE(client.waitForSignal(announcement));
     client.post(answer);
     const std::string answered = "answered on the main thread\n";
@@ -156,10 +126,12 @@ TEST(ApplicationTest, DeliversNotificationsOnTheMainThreadAndAStopSignalComesBef
               std::string(launchedLine) + answered);
     client.post(answer);
     std::this_thread::sleep_for(100ms);  // the second one waits in the host's bus connection
-    ASSERT_EQ(::kill(child.pid(), SIGTERM), 0);
+    ASSERT_EQ(::tgkill(child.pid(), earlyThread, GetParam()), 0);
     EXPECT_EQ(child.waitForExit(), 0);
     EXPECT_EQ(readExactly(child.output(), std::string::npos), "terminating\n");
 }
+
+INSTANTIATE_TEST_SUITE_P(Signals, ApplicationTest, ::testing::Values(SIGTERM, SIGINT, SIGHUP));
 
 }  // namespace
 }  // namespace kerrow
