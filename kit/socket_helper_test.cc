@@ -306,39 +306,31 @@ TEST_F(ConnectedSocketTest, RetiredEndpointReadsAndSendsOnlyForItsGrace) {
     EXPECT_EQ(connection->receive(), std::nullopt);  // the cut-off frame ended the connection
 }
 
-// The trust rules, each broken once; the cases of another user need root.
+// The trust rules, each broken once (the reason follows the socket's directory or path); the cases
+// of another user need root.
 TEST_F(SocketTest, RefusesEverySocketThatBreaksTheTrustRules) {
-    struct TrustCase {
-        std::string name;
-        std::function<void(const std::filesystem::path& socket)> breakTrust;
-        std::string reason;  // after the socket's directory or path
-        bool needsRoot;
-    };
-    const auto setUid = [](uid_t uid) { return ::syscall(SYS_setresuid, -1, uid, -1) == 0; };
-    const auto directoryMode = [](mode_t mode) {
+    using Breach = std::function<void(const std::filesystem::path& socket)>;
+    const auto directoryMode = [](mode_t mode) -> Breach {
         return [mode](auto& s) { ::chmod(s.parent_path().c_str(), mode); };
     };
+    const auto setUid = [](uid_t uid) { return ::syscall(SYS_setresuid, -1, uid, -1) == 0; };
     const std::string writable = " is writable by group or others";
     Descriptor foreignListener;
-    const std::vector<TrustCase> cases{
-        {"group-writable directory", directoryMode(0770), writable, false},
-        {"world-writable directory", directoryMode(0707), writable, false},
-        {"sticky shared directory", directoryMode(01777), writable, false},
-        {"linked directory",
-         [](auto& s) {
+    const std::vector<std::tuple<Breach, std::string, bool>> cases{
+        {directoryMode(0770), writable, false},
+        {directoryMode(0707), writable, false},
+        {directoryMode(01777), writable, false},  // sticky and shared, as /tmp
+        {[](auto& s) {
              std::filesystem::rename(s.parent_path(), s.parent_path().string() + "-real");
              std::filesystem::create_directory_symlink("kerrow-real", s.parent_path());
          },
          " is a symbolic link", false},
-        {"directory of another user",
-         [](auto& s) { ::chown(s.parent_path().c_str(), nobody, nobody); },
+        {[](auto& s) { ::chown(s.parent_path().c_str(), nobody, nobody); },
          " is owned by uid 65534", true},
-        {"socket of another user", [](auto& s) { ::chown(s.c_str(), nobody, nobody); },
-         " is owned by uid 65534", true},
+        {[](auto& s) { ::chown(s.c_str(), nobody, nobody); }, " is owned by uid 65534", true},
         // The peer's credentials are those of the thread that called listen(): a helper thread
         // takes nobody's effective uid for that call only.
-        {"listener of another user",
-         [&](auto& s) {
+        {[&](auto& s) {
              std::filesystem::remove(s);
              foreignListener = boundSocket(s);
              std::thread([&] {
@@ -349,23 +341,20 @@ TEST_F(SocketTest, RefusesEverySocketThatBreaksTheTrustRules) {
          },
          " runs as uid 65534", true},
     };
-    for (const auto& trust : cases) {
-        SCOPED_TRACE(trust.name);
-        if (trust.needsRoot && ::geteuid() != 0) {
+    for (std::size_t index = 0; index < cases.size(); ++index) {
+        const auto& [breakTrust, reason, needsRoot] = cases[index];
+        SCOPED_TRACE(index);
+        if (needsRoot && ::geteuid() != 0) {
             continue;
         }
         test::TemporaryDirectory own;
         const auto socket = own.path() / "kerrow" / "browser.sock";
         ::mkdir(socket.parent_path().c_str(), 0700);
         const test::TestCoreService listening(socket);
-        trust.breakTrust(socket);
+        breakTrust(socket);
         SocketHelper helper(SocketType::browser, socket.string());
-        try {
-            helper.setupSocket();
-            ADD_FAILURE() << "connected";
-        } catch (const SocketTrustError& error) {
-            EXPECT_THAT(error.what(), HasSubstr(trust.reason));
-        }
+        EXPECT_THAT([&] { helper.setupSocket(); },
+                    ThrowsMessage<SocketTrustError>(HasSubstr(reason)));
     }
 }
 
