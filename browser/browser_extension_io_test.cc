@@ -4,11 +4,10 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <mutex>
 #include <thread>
 
+#include "tests/support/host_process.h"
 #include "tests/support/test_support.h"
 
 namespace kerrow {
@@ -107,13 +106,7 @@ TEST_F(RelayTest, RetiredChannelStopsAtAFrameBoundaryAndTheNextReadsOn) {
 // Standard input has one reader: a channel reads nothing while another holds the reading lock.
 // Its loop retired, the channel's queue ends its thread at once, while the channel lives on.
 TEST_F(RelayTest, ReadsOnlyUnderTheReadingLockAndEndsItsThreadWithItsLoop) {
-    const auto queueThreads = [] {
-        return std::ranges::count_if(std::filesystem::directory_iterator("/proc/self/task"),
-                                     [](const auto& task) {
-                                         return test::readFile(task.path() / "comm") ==
-                                                "host.filehandle\n";  // the label's tail
-                                     });
-    };
+    const auto threads = [] { return test::procFigure(::getpid(), "status", "Threads"); };
     std::unique_lock otherReader(inputHandle->readingLock());
     channel->browserSocket = socket;
     channel->start();
@@ -121,9 +114,9 @@ TEST_F(RelayTest, ReadsOnlyUnderTheReadingLockAndEndsItsThreadWithItsLoop) {
     EXPECT_EQ(connection->receive(200ms), std::nullopt);
     otherReader.unlock();
     EXPECT_EQ(connection->receive(), "waitedkerrow.tabList");
-    const auto running = queueThreads();
+    const auto running = threads();
     channel->retire();
-    EXPECT_TRUE(test::waitUntil([&] { return queueThreads() == running - 1; }));
+    EXPECT_TRUE(test::waitUntil([&] { return threads() < running; }));
 }
 
 }  // namespace
