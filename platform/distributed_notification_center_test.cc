@@ -57,11 +57,16 @@ class DistributedNotificationCenterTest : public ::testing::Test {
 // others, malformed ones among them, reach none. Posts reach other connections and the
 // center's own observers, also once the bus has gone and come back.
 TEST_F(DistributedNotificationCenterTest, DeliversTheObservedNamesAndPostsAlsoOnceTheBusComesBack) {
+    std::optional<BusClient> client{std::in_place, bus->address()};
+    client->observe("com.example.b");
+    // The first use: the connection is still being set up when the signal is queued.
+    center.postNotificationName("com.example.b", true);
+    EXPECT_TRUE(client->waitForSignal("com.example.b")) << "not written out before it returned";
+
     std::vector<std::string> seen;
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, first observer"); });
     center.addObserver("com.example.a", [&] { seen.emplace_back("a, second observer"); });
     center.addObserver("com.example.b", [&] { seen.emplace_back("b"); });
-    std::optional<BusClient> client{std::in_place, bus->address()};
     client->post("com.example.c");
     client->post("com.example.a");
     client->post("com.example.ab");
@@ -78,20 +83,16 @@ TEST_F(DistributedNotificationCenterTest, DeliversTheObservedNamesAndPostsAlsoOn
                                            "a, first observer", "a, second observer", "b"));
 
     seen.clear();
-    client->observe("com.example.b");
     center.postNotificationName("com.example.b", false);
     EXPECT_TRUE(runUntil(loop.get(), [&] { return seen.size() == 1; }));
-    EXPECT_TRUE(client->waitForSignal("com.example.b"));
+    EXPECT_TRUE(client->waitForSignal("com.example.b", 5000ms, 3));
     client.reset();
     bus.reset();
     EXPECT_TRUE(runUntilIdle(loop.get())) << "the loop keeps waking after the bus went away";
     bus.emplace();
-    client.emplace(bus->address());
-    client->observe("com.example.b");
-    // Immediate delivery: written out before the call returns, on a connection still being set up.
-    center.postNotificationName("com.example.b", true);
-    EXPECT_TRUE(client->waitForSignal("com.example.b"));
+    center.postNotificationName("com.example.b", false);
     ASSERT_TRUE(runUntil(loop.get(), [&] { return seen.size() == 2; }));
+    client.emplace(bus->address());
     client->post("com.example.b");
     EXPECT_TRUE(runUntil(loop.get(), [&] { return seen.size() == 3; }));
 }
