@@ -44,28 +44,10 @@ class CommandTest : public ::testing::Test {
     std::shared_ptr<BrowserExtensionIO> channel;
 };
 
-// An undecodable list and an invalid text write and log nothing; the channel goes on.
-TEST_F(CommandTest, TakesAPlusSignedIdAndWritesEachKindOfWebsiteList) {
-    channel->setWebsiteList(dataFromText("not json"));
-    channel->disableInternet("\xc3");
-    channel->closeTab("+5");
-    channel->setWebsiteList(
-        dataFromText(R"({"name":"S","websites":["c.example","a.example"],"listType":0})"));
-    // A list of neither kind clears allow, then block.
-    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":["x"],"listType":2})"));
-    const std::vector<std::string> written = {
-        R"({"action":"closeTab","payload":{"id":5}})",
-        R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example"]}})",
-        R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
-        R"({"action":"setBlacklist","payload":{"blacklist":[]}})"};
-    EXPECT_EQ(frames(), written);
-    EXPECT_EQ(logLines(),
-              (std::vector<std::string>{
-                  "info Closing Tab: " + written[0], "info Setting Website List: " + written[1],
-                  "info Clearing Allow Website Lists", "info Clearing Block Website Lists"}));
-}
-
-TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
+// A tab id is a strict decimal int64 (a plus sign allowed): anything else is logged, not written.
+// An undecodable list and an invalid text write and log nothing. A list of neither kind clears
+// allow, then block. The channel goes on after each.
+TEST_F(CommandTest, WritesEachCommandAndRefusesWhatItCannotWrite) {
     // clang-format off
     const std::vector<std::string> refused{"", " 42", "42 ", "42a", "+", "+-5", "0x2A", "4.2",
         "\xd9\xa4", "9223372036854775808", "-9223372036854775809"};
@@ -73,16 +55,33 @@ TEST_F(CommandTest, CloseTabRefusesAnythingButAStrictDecimalInt64) {
     for (const auto& id : refused) {
         channel->closeTab(id);
     }
-    channel->closeTab("9223372036854775807");
-    channel->closeTab("-9223372036854775808");
-    EXPECT_EQ(frames(), (std::vector<std::string>{
-                            R"({"action":"closeTab","payload":{"id":9223372036854775807}})",
-                            R"({"action":"closeTab","payload":{"id":-9223372036854775808}})"}));
-    const auto lines = logLines();
-    ASSERT_EQ(lines.size(), refused.size() + 2);
-    for (std::size_t index = 0; index < refused.size(); ++index) {
-        EXPECT_EQ(lines[index], "info Could not cast to Int: " + refused[index]);
+    channel->setWebsiteList(dataFromText("not json"));
+    channel->disableInternet("\xc3");
+    for (const auto* id : {"+5", "9223372036854775807", "-9223372036854775808"}) {
+        channel->closeTab(id);
     }
+    channel->setWebsiteList(
+        dataFromText(R"({"name":"S","websites":["c.example","a.example"],"listType":0})"));
+    channel->setWebsiteList(dataFromText(R"({"name":"N","websites":["x"],"listType":2})"));
+    const std::vector<std::string> written = {
+        R"({"action":"closeTab","payload":{"id":5}})",
+        R"({"action":"closeTab","payload":{"id":9223372036854775807}})",
+        R"({"action":"closeTab","payload":{"id":-9223372036854775808}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":["c.example","a.example"]}})",
+        R"({"action":"setWhitelist","payload":{"whitelist":[]}})",
+        R"({"action":"setBlacklist","payload":{"blacklist":[]}})"};
+    EXPECT_EQ(frames(), written);
+    std::vector<std::string> lines;
+    for (const auto& id : refused) {
+        lines.push_back("info Could not cast to Int: " + id);
+    }
+    for (const auto& closing : {written[0], written[1], written[2]}) {
+        lines.push_back("info Closing Tab: " + closing);
+    }
+    lines.insert(lines.end(),
+                 {"info Setting Website List: " + written[3], "info Clearing Allow Website Lists",
+                  "info Clearing Block Website Lists"});
+    EXPECT_EQ(logLines(), lines);
 }
 
 // A message of exactly the browser's 1 MiB goes out. A list or text whose message would be longer
