@@ -22,7 +22,6 @@ class CommandTest : public ::testing::Test {
             std::make_shared<FileHandle>(::dup(input.readEnd.get())), outputHandle);
     }
 
-    // Every frame written so far, as bodies.
     std::vector<std::string> frames() {
         std::vector<std::string> bodies;
         while (auto body = test::readFrameFrom(output.readEnd.get(), 100ms)) {

@@ -63,7 +63,6 @@ Descriptor boundSocket(const std::filesystem::path& path) {
 // An endpoint at the browser socket location of a private XDG_RUNTIME_DIR, and a core service.
 class SocketTest : public ::testing::Test {
   protected:
-    // Sets `helper` up and returns the core service's side of its connection.
     std::optional<test::CoreConnection> connect(SocketHelper& helper) {
         helper.setupSocket();
         return core->accept();
