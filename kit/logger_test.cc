@@ -202,7 +202,7 @@ TEST_F(LoggerTest, CountsTheLinesAFullQueueCouldNotTake) {
     }
     std::string written;
     std::thread reader(
-        [&] { written = test::readExactly(stalled.readEnd.get(), std::string::npos); });
+        [&] { written = test::readExactly(stalled.readEnd.get(), std::string::npos, 60s); });
     Logger::flushAll();
     ::dup2(savedStderr.get(), STDERR_FILENO);
     reader.join();
