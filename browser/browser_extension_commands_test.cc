@@ -93,10 +93,10 @@ TEST_F(CommandTest, NothingOverTheBrowsersLimitIsWrittenAndLaterMessagesGoThroug
     };
     // The room that the envelopes leave for the one website and for the text.
     const std::size_t listFits =
-        maximumMessageLength - sizeof(R"({"action":"setWhitelist","payload":{"whitelist":[""]}})") +
-        1;
+        maximumMessageLength -
+        std::string_view(R"({"action":"setWhitelist","payload":{"whitelist":[""]}})").size();
     const std::size_t textFits =
-        maximumMessageLength - sizeof(R"({"action":"disableWeb","payload":""})") + 1;
+        maximumMessageLength - std::string_view(R"({"action":"disableWeb","payload":""})").size();
     const std::string blockList = R"({"action":"setBlacklist","payload":{"blacklist":[")" +
                                   std::string(maximumMessageLength, 'a') + "\"]}}";
     const std::string enable = R"({"action":"enableWeb","payload":{}})";
