@@ -36,9 +36,7 @@ class RelayTest : public ::testing::Test {
 
     // Retires the channel (closing the pipes must not end the test) and waits for its loop.
     void TearDown() override {
-        if (channel) {
-            channel->retire();
-        }
+        channel->retire();
         EXPECT_TRUE(test::waitUntil([&] { return inputHandle->readingLock().try_lock(); }));
         inputHandle->readingLock().unlock();
     }
