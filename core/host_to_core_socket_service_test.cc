@@ -52,11 +52,15 @@ class ServiceTest : public ::testing::Test {
                                  "native-messaging-host.log");
     }
 
-    bool logShows(const std::string& line, int times = 1) {
-        return test::waitUntil([&] {
-            const auto lines = logLines();
-            return std::count(lines.begin(), lines.end(), line) >= times;
-        });
+    // True once `times` lines are `line`, or start with it when it ends in ": ".
+    bool logShows(const std::string& line, int times = 1, test::Duration timeout = 5000ms) {
+        return test::waitUntil(
+            [&] {
+                return std::ranges::count_if(logLines(), [&](const auto& logged) {
+                           return line.ends_with(": ") ? logged.starts_with(line) : logged == line;
+                       }) >= times;
+            },
+            timeout);
     }
 
     std::optional<std::string> nextFrame() { return test::readFrameFrom(output.readEnd.get()); }
@@ -130,47 +134,26 @@ TEST_F(ServiceTest, RoutesByTheFirstKeywordInRoutingOrderAndDropsTheRest) {
     EXPECT_EQ(lines, expected);
 }
 
-// A repeated start retires the service: commands already on their way still arrive, and neither
-// the end of the connection nor a reconnect under way is an error or leads to a reconnect.
-TEST_F(ServiceTest, RetiredServiceDeliversWhatIsOnItsWayThenStopsQuietly) {
-    service->setup();
-    ASSERT_TRUE(logShows("info Established a Connection in host-to-core service"));
-    service->retire();
-    connection->send("kerrow.enableInternet");
-    EXPECT_EQ(nextFrame(), R"({"action":"enableWeb","payload":{}})");
-    // The channel's last frame can go out.
-    service->socketHelper->sendData(dataFromText("still sends"));
-    EXPECT_EQ(connection->receive(), "still sends");
-    connection->close();
-    EXPECT_FALSE(core->accept(300ms));
-
-    core.reset();  // a second service retired while it waits for the socket to come back
+// A service retired while it waits for the socket to come back stops quietly: that is no error.
+TEST_F(ServiceTest, ARetirementDuringAReconnectIsNoError) {
+    core.reset();
     auto other = std::make_shared<HostToCoreSocketService>();
     other->socketHelper = std::make_shared<SocketHelper>(SocketType::browser, "");
     other->setup();
-    ASSERT_TRUE(logShows("info Established a Connection in host-to-core service", 2));
+    ASSERT_TRUE(logShows("info Established a Connection in host-to-core service"));
     other->retire();
-    EXPECT_FALSE(test::waitUntil(
-        [&] {
-            const auto lines = logLines();
-            return std::any_of(lines.begin(), lines.end(),
-                               [](const auto& line) { return line.rfind("error", 0) == 0; });
-        },
-        500ms));
+    EXPECT_FALSE(logShows("error Error with socket in host-to-core service: ", 1, 500ms));
 }
 
 // A repeated start while the browser reads nothing: everything the retired service read reaches
-// the extension, however long the browser takes, and before anything of its successor.
+// the extension, however long the browser takes, and before anything of its successor. The end
+// of the retired connection leads to no reconnect.
 TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnything) {
     service->setup();
     const std::string large(256 * 1024, 'd');  // fills the pipe: the writer blocks
     connection->send("kerrow.disableInternet" + large);
-    ASSERT_TRUE(test::waitUntil([&] {  // being written
-        const auto lines = logLines();
-        return std::ranges::any_of(
-            lines, [](const auto& line) { return line.starts_with("info Disabling Internet: "); });
-    }));
-    connection->send("kerrow.closeTab-1");  // not read yet when the retirement comes
+    ASSERT_TRUE(logShows("info Disabling Internet: "));  // being written
+    connection->send("kerrow.closeTab-1");               // not read yet when the retirement comes
 
     auto successor = newChannel();
     successor->follow(*channel);
@@ -184,6 +167,8 @@ TEST_F(ServiceTest, ARetiredServiceDeliversAllItReadBeforeItsSuccessorWritesAnyt
     EXPECT_EQ(nextFrame(), R"({"action":"disableWeb","payload":")" + large + "\"}");
     EXPECT_EQ(nextFrame(), closeTab(1));
     EXPECT_EQ(nextFrame(), closeTab(2));
+    connection->close();
+    EXPECT_FALSE(core->accept(300ms));
     next->retire();
 }
 

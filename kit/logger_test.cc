@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -182,6 +183,81 @@ TEST_F(LoggerTest, NeverWaitsOnALockAndSaysWhatAFullDiskLost) {
                                  "error Could not rotate the log: Is a directory"),
               1);
     EXPECT_LE(std::filesystem::file_size(logFile), 16u * 1024 * 1024);
+}
+
+// A writer that cannot write (standard error a pipe nobody reads yet) never holds a caller up:
+// the lines the full queue cannot take are counted and reported once writing works again.
+TEST_F(LoggerTest, CountsTheLinesAFullQueueCouldNotTake) {
+    const auto untrusted = directory.path() / "open";
+    std::filesystem::create_directory(untrusted);
+    ::chmod(untrusted.c_str(), 0777);  // the lines go to standard error
+    test::Pipe stalled;
+    const Descriptor savedStderr(::dup(STDERR_FILENO));
+    ::dup2(stalled.writeEnd.get(), STDERR_FILENO);
+    stalled.writeEnd.reset();
+    const Logger logger(now(), untrusted);
+    constexpr int logged = 20000;  // 20 MB: more than the 8 MiB queue and a batch taken before
+    for (int index = 0; index < logged; ++index) {
+        logger.logInformation(std::string(999, 'q'), exampleTime());
+    }
+    std::string written;
+    std::thread reader(
+        [&] { written = test::readExactly(stalled.readEnd.get(), std::string::npos, 60s); });
+    Logger::flushAll();
+    ::dup2(savedStderr.get(), STDERR_FILENO);
+    reader.join();
+    const auto kept = std::ranges::count(written, 'q') / 999;
+    EXPECT_NE(written.find(" error " + std::to_string(logged - kept) +
+                           " log lines were lost: writing the log failed or fell behind\n"),
+              std::string::npos)
+        << kept << " kept";
+}
+
+// Two hosts (processes) that find the log full at the same moment rotate it once between them:
+// a second rotation over the first would push the rotated log on to .2 and lose what .1 held.
+// Each round makes the log full by extending it (a hole, no disk) and lets both log at once.
+TEST_F(LoggerTest, TwoProcessesFindingTheLogFullRotateItOnce) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "ThreadSanitizer does not start threads in a child of a threaded fork";
+#endif
+    std::filesystem::create_directories(logsDir);  // not by both at once: one would lose the race
+    std::array<test::Pipe, 2> go;                  // each child's own, so that both wake at once
+    test::Pipe done;
+    std::array<pid_t, 2> children{};
+    for (std::size_t child = 0; child < children.size(); ++child) {
+        if ((children[child] = ::fork()) == 0) {
+            go[0].writeEnd.reset();  // so that the parent's close ends the loop
+            go[1].writeEnd.reset();
+            const Logger logger(now(), logsDir);
+            while (test::readExactly(go[child].readEnd.get(), 1, 60s) == "x") {
+                logger.logInformation("round", exampleTime());
+                Logger::flushAll();
+                test::writeAll(done.writeEnd.get(), "x");
+            }
+            ::_exit(0);
+        }
+    }
+    const auto inode = [](const std::filesystem::path& file) {
+        struct stat status {};
+        return ::stat(file.c_str(), &status) == 0 ? status.st_ino : 0;
+    };
+    for (int round = 0; round < 200; ++round) {
+        const auto full = inode(logFile);
+        if (round > 0) {  // the first round makes the log
+            std::filesystem::resize_file(logFile, 8 * 1024 * 1024 + 1);
+        }
+        test::writeAll(go[0].writeEnd.get(), "x");
+        test::writeAll(go[1].writeEnd.get(), "x");
+        if (test::readExactly(done.readEnd.get(), 2) != "xx" ||
+            (round > 0 && inode(logFile.string() + ".1") != full)) {
+            ADD_FAILURE() << "round " << round << ": not rotated exactly once";
+            break;
+        }
+    }
+    go = {};  // new pipes: the children find the end of theirs
+    for (const pid_t child : children) {
+        ::waitpid(child, nullptr, 0);
+    }
 }
 
 // A log place that breaks the trust rules, judged on the opened descriptors, is never written:

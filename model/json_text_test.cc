@@ -10,7 +10,7 @@ namespace {
 
 using namespace std::string_view_literals;
 
-TEST(JSONStringWriter, EscapesExactlyTheAgreedCharacters) {
+TEST(JSONStringWriter, EscapesExactlyTheAgreedCharactersAndRefusesIllFormedUTF8) {
     const struct {
         std::string_view text;
         std::string_view expected;
@@ -32,9 +32,7 @@ TEST(JSONStringWriter, EscapesExactlyTheAgreedCharacters) {
         ASSERT_TRUE(appendJSONString(out, text)) << testing::PrintToString(std::string(text));
         EXPECT_EQ(out, "prefix:" + std::string(expected));
     }
-}
-
-TEST(JSONStringWriter, RefusesIllFormedUTF8AndLeavesOutputUntouched) {
+    // Ill-formed UTF-8 is refused, the output left untouched.
     for (const std::string_view text : {"\xff"sv, "ok/\xc3"sv, "\xed\xa0\x80"sv, "\xc0\xaf"sv}) {
         std::string out = "{\"a\":";
         EXPECT_FALSE(appendJSONString(out, text)) << testing::PrintToString(std::string(text));

@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <thread>
 
@@ -51,6 +54,13 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
     const pid_t child = ::fork();
     if (child == 0) {
         std::string problems;
+        // As the user's host runs: without CAP_SYS_ADMIN, which lets Landlock in without
+        // no_new_privs (the seccomp filter sets that too, but only after Landlock).
+        __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+        std::array<__user_cap_data_struct, 2> capabilities{};
+        ::syscall(SYS_capget, &header, capabilities.data());
+        capabilities[0].effective &= ~(1U << CAP_SYS_ADMIN);
+        expect(problems, ::syscall(SYS_capset, &header, capabilities.data()) == 0, "capset");
         test::Pipe go;
         std::thread early([&] {  // filtered too, but not bound by Landlock: a note says so
             expect(problems, test::readExactly(go.readEnd.get(), 1) == "x", "waits");
