@@ -231,7 +231,9 @@ Descriptor openDirectories(const std::filesystem::path& directory) {
         const char* name = parts[index].c_str();
         const int flags = O_DIRECTORY | O_CLOEXEC | (index + 1 == parts.size() ? O_NOFOLLOW : 0);
         Descriptor next(::openat(current.get(), name, flags));
-        if (!next && errno == ENOENT && ::mkdirat(current.get(), name, 0700) == 0) {
+        // A missing folder is made; one that another host made meanwhile (EEXIST) is opened.
+        if (!next && errno == ENOENT &&
+            (::mkdirat(current.get(), name, 0700) == 0 || errno == EEXIST)) {
             next = Descriptor(::openat(current.get(), name, flags));
         }
         current = std::move(next);
