@@ -60,6 +60,33 @@ TEST(FileHandleRead, CostsOnlyWhatArrivesAndGivesBackTheBufferOfALongRecord) {
     EXPECT_LT(test::heapInUse(), before + 1024 * 1024);
 }
 
+// A run of records longer than the read-ahead gets room for several, so that a partial record is
+// seldom moved; the room goes back once the input has paused.
+TEST(FileHandleRead, GivesBackTheRoomOfARunOfLongRecordsOnceTheInputPauses) {
+    Pipe pipe;
+    FileHandle input(pipe.readEnd.release());
+    const Descriptor cancel(::eventfd(0, EFD_CLOEXEC));
+    const std::string record(64 * 1024 + 100, 'r');
+    const std::size_t before = test::heapInUse();
+    if (before == 0) {
+        GTEST_SKIP() << "no heap figures under a sanitizer";
+    }
+    std::jthread writer([&] {
+        for (int i = 0; i < 8; ++i) {
+            writeAll(pipe.writeEnd.get(), record);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        writeAll(pipe.writeEnd.get(), "next");
+    });
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_GE(input.peek(record.size(), cancel.get())->size(), record.size());
+        input.consume(record.size());
+    }
+    EXPECT_GT(test::heapInUse(), before + 3 * record.size());
+    EXPECT_EQ(input.peek(4, cancel.get())->size(), 4u);  // read after the pause
+    EXPECT_LT(test::heapInUse(), before + 2 * record.size());
+}
+
 TEST(FileHandleWrite, FailsQuietlyWhenTheReaderHasGone) {
     FileHandle::standardOutput();  // the host's standard output makes SIGPIPE harmless
     Pipe pipe;
