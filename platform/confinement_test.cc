@@ -54,8 +54,8 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
     const pid_t child = ::fork();
     if (child == 0) {
         std::string problems;
-        // As the user's host runs: without CAP_SYS_ADMIN, which lets Landlock in without
-        // no_new_privs (the seccomp filter sets that too, but only after Landlock).
+        // As the user's host runs: without CAP_SYS_ADMIN, which lets Landlock and the seccomp
+        // filter in without no_new_privs.
         __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
         std::array<__user_cap_data_struct, 2> capabilities{};
         ::syscall(SYS_capget, &header, capabilities.data());
@@ -85,6 +85,18 @@ TEST(ConfinementTest, ChildReachesItsLogAndUnixSocketsAndNothingElseOnEveryThrea
         std::thread([&] {
             expect(problems, !opens("/etc/passwd", O_RDONLY), "a later thread reads");
         }).join();
+#if defined(__x86_64__)
+        if (const pid_t x32 = ::fork(); x32 == 0) {
+            ::syscall(__X32_SYSCALL_BIT | __NR_getpid);  // another ABI's call ends the process
+            ::_exit(0);
+        } else {
+            int ended = 0;
+            expect(
+                problems,
+                ::waitpid(x32, &ended, 0) == x32 && WIFSIGNALED(ended) && WTERMSIG(ended) == SIGSYS,
+                "an x32 call goes on");
+        }
+#endif
         test::writeAll(report.writeEnd.get(), problems);
         ::_exit(0);
     }
