@@ -42,7 +42,7 @@ class HostFaultTest : public ::testing::Test {
     HostSession session{KERROW_HOST_BINARY};
 };
 
-TEST_F(HostFaultTest, DropsGarbageFromTheCoreServiceAndTakesAHeaderAtTheLimitUnreserved) {
+TEST_F(HostFaultTest, DropsGarbageFromTheCoreTakesAHeaderAtTheLimitUnreservedStopsAtOneOver) {
     auto connection = session.start();
     std::mt19937 random(20261122);
     std::vector<std::string> garbage;
@@ -79,6 +79,17 @@ TEST_F(HostFaultTest, DropsGarbageFromTheCoreServiceAndTakesAHeaderAtTheLimitUnr
     second->send("kerrow.enableInternet");
     EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})")
         << "the cut frame's bytes were joined to the next connection's";
+
+    // A header over the limit is a socket error: the service stops reading for good, and the
+    // browser is served until its input ends.
+    second->sendRaw(std::string("\xFF\xFF\xFF\xFF", 4));
+    EXPECT_TRUE(second->waitForClose()) << session.log();
+    EXPECT_FALSE(session.core().accept(500ms)) << "reconnected after a socket error";
+    session.host().send("dropped");
+    session.host().closeInput();
+    EXPECT_EQ(session.host().waitForExit(), 0);
+    EXPECT_EQ(session.logMessages().back(),
+              "info Stopping KerrowNativeMessagingHost:BrowserExtensionIO");
 }
 
 TEST_F(HostFaultTest, GoesOnWithoutItsLogAndWhenTheBrowserStopsReadingItsOutput) {
