@@ -20,23 +20,6 @@ std::string closeTabFrame(int id) {
     return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
 }
 
-// The open descriptors of a process, each with the flags it was opened with (from fdinfo).
-std::map<int, unsigned> openDescriptors(pid_t pid) {
-    std::map<int, unsigned> descriptors;
-    const std::filesystem::path proc = "/proc/" + std::to_string(pid);
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(proc / "fd", error)) {
-        std::ifstream info(proc / "fdinfo" / entry.path().filename());
-        for (std::string line; std::getline(info, line);) {
-            if (line.starts_with("flags:")) {
-                descriptors[std::stoi(entry.path().filename().string())] =
-                    static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
-            }
-        }
-    }
-    return descriptors;
-}
-
 class HostFaultTest : public ::testing::Test {
   protected:
     HostSession session{KERROW_HOST_BINARY};

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <iostream>
@@ -116,35 +115,21 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
         const auto received = collected->get();
         EXPECT_EQ(std::ranges::count(received, "kerrow.updateDeviceTwin"),
                   collected == &onFirst ? 0 : 1);
-        std::ranges::copy_if(received, std::back_inserter(relayed), [](const std::string& message) {
-            return message != "kerrow.updateDeviceTwin";
-        });
+        std::ranges::remove_copy(received, std::back_inserter(relayed), "kerrow.updateDeviceTwin");
     }
     EXPECT_TRUE(relayed == made(frames, relayedTabData)) << relayed.size() << " frames relayed";
     // Commands: the first few of the retired connection, then all of the newest one, in order.
     const auto commanded = output.get();
-    std::size_t early = 0;
-    while (early < std::min<std::size_t>(commandsBefore, commanded.size()) &&
-           commanded[early] == closeTabFrame(static_cast<int>(early))) {
-        ++early;
-    }
-    auto ordered = made(static_cast<int>(early), closeTabFrame);
-    for (int i = commandsBefore; i < commandsBefore + commands; ++i) {
-        ordered.push_back(closeTabFrame(i));
-    }
+    auto ordered = made(commandsBefore + commands, closeTabFrame);
+    const auto early = std::min<std::ptrdiff_t>(
+        std::ranges::mismatch(commanded, ordered).in1 - commanded.begin(), commandsBefore);
+    ordered.erase(ordered.begin() + early, ordered.begin() + commandsBefore);
     EXPECT_TRUE(commanded == ordered)
         << early << " of " << commanded.size() << " commands from the retired connection";
 #ifndef KERROW_SANITIZED
     EXPECT_LT(residentLate - residentEarly, 16 * 1024)
         << "resident memory grew from " << residentEarly << " KiB to " << residentLate << " KiB";
 #endif
-}
-
-std::size_t openDescriptorCount(pid_t pid) {
-    const auto folder = "/proc/" + std::to_string(pid) + "/fd";
-    std::error_code error;
-    return static_cast<std::size_t>(std::distance(
-        std::filesystem::directory_iterator(folder, error), std::filesystem::directory_iterator()));
 }
 
 // Any process on the session bus may post the start notification, as often as it likes.
@@ -156,7 +141,7 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingAndEndsOnOneConnection) {
     connections.push_back(session.start());
     const pid_t host = session.host().pid();
     const auto threadsAtRest = procFigure(host, "status", "Threads");
-    const auto descriptorsAtRest = openDescriptorCount(host);
+    const auto descriptorsAtRest = openDescriptors(host).size();
 
     std::atomic<bool> flooding{true};
     std::int64_t threadsPeak = 0;
@@ -164,7 +149,7 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingAndEndsOnOneConnection) {
     std::jthread sampler([&] {
         while (flooding) {
             threadsPeak = std::max(threadsPeak, procFigure(host, "status", "Threads"));
-            descriptorsPeak = std::max(descriptorsPeak, openDescriptorCount(host));
+            descriptorsPeak = std::max(descriptorsPeak, openDescriptors(host).size());
         }
     });
     std::jthread browser([&] {

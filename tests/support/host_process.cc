@@ -108,6 +108,22 @@ std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name)
     return 0;
 }
 
+std::map<int, unsigned> openDescriptors(pid_t pid) {
+    std::map<int, unsigned> descriptors;
+    const std::filesystem::path proc = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(proc / "fd", error)) {
+        std::ifstream info(proc / "fdinfo" / entry.path().filename());
+        for (std::string line; std::getline(info, line);) {
+            if (line.starts_with("flags:")) {
+                descriptors[std::stoi(entry.path().filename().string())] =
+                    static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+            }
+        }
+    }
+    return descriptors;
+}
+
 ProcessSample sampleProcess(pid_t pid) {
     ProcessSample sample;
     sample.residentKiB = procFigure(pid, "status", "VmRSS");

@@ -82,6 +82,9 @@ class HostProcess {
 /// The figure "Name: <number> ..." of /proc/<pid>/<file> ("status", "smaps_rollup"); 0 if missing.
 [[nodiscard]] std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name);
 
+/// The open descriptors of process `pid`, each with the flags it was opened with (from fdinfo).
+[[nodiscard]] std::map<int, unsigned> openDescriptors(pid_t pid);
+
 /// What /proc tells about a process at one moment, thread by thread.
 struct ProcessSample {
     struct Thread {
