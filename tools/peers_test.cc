@@ -106,11 +106,9 @@ wait-hosts 0
     ASSERT_TRUE(session_.waitForAnnouncement(5000ms, 2));
     session_.postStart();  // once for both: a start per launch would restart the first host
     browser.process->sendRaw("this is not json\n{\"tabs\":[{\"id\":42}]}\n");
-    const std::string closeTab7 = R"({"action":"closeTab","payload":{"id":7}})";
-    const std::string closeTab42 = R"({"action":"closeTab","payload":{"id":42}})";
     const auto first = browser.line();
-    EXPECT_TRUE(first == closeTab7 || first == closeTab42) << browser.errors();
-    EXPECT_EQ(second.line(), first == closeTab7 ? closeTab42 : closeTab7);
+    EXPECT_TRUE(first == closeTabFrame(7) || first == closeTabFrame(42)) << browser.errors();
+    EXPECT_EQ(second.line(), closeTabFrame(first == closeTabFrame(7) ? 42 : 7));
     const std::string disableWeb = R"({"action":"disableWeb","payload":"Homework time"})";
     EXPECT_EQ(browser.line(), disableWeb) << browser.errors();
     EXPECT_EQ(second.line(), disableWeb);
@@ -122,8 +120,7 @@ wait-hosts 0
                                         HasSubstr("the host exited with status 0")));
 
     EXPECT_EQ(core.process->waitForExit(10000ms), 1);
-    EXPECT_EQ(core.errors(),
-              "core-peer: " + script.string() + ":8: no host 1 (connected: none)\n");
+    EXPECT_EQ(core.errors(), "core-peer: " + script.string() + ":8: no host 1 (connected: none)\n");
     EXPECT_THAT(core.process->receiveRest(),
                 AllOf(HasSubstr("core: host 1 connected (pid "),
                       HasSubstr(": tab data {\"tabs\":[{\"id\":42}]}  + kerrow.tabList\n"),

@@ -51,7 +51,7 @@ TEST(HostTest, AnnouncesItselfWaitsForTheAnswerThenRelaysBothWaysConfined) {
     EXPECT_EQ(received, (std::vector<std::optional<std::string>>{
                             "kerrow.updateDeviceTwin", R"({"early":true}kerrow.tabList)"}));
     connection->send("kerrow.closeTab-7");
-    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":7}})");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(7));
     // Every thread runs now (the queues, the logger's writer), each bound by the filter (but in
     // the sanitizer builds, which run unconfined).
     const pid_t pid = session.host().pid();

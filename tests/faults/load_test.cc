@@ -39,10 +39,6 @@ std::string relayedTabData(int i) {
     return tabData(i) + "kerrow.tabList";
 }
 
-std::string closeTabFrame(int i) {
-    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(i) + "}}";
-}
-
 // The first `count` frames made by `make`.
 template <typename Make>
 std::vector<std::string> made(int count, Make make) {

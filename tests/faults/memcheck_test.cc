@@ -30,7 +30,7 @@ TEST(MemcheckTest, RelaysReconnectsAndEndsWhileRetryingWithoutMemoryErrorsOrLeak
     for (int frames = 0;; ++frames) {
         const auto next = session.host().receive(slow);
         ASSERT_TRUE(next) << "after " << frames << " frames\n" << session.log();
-        if (*next == R"({"action":"closeTab","payload":{"id":43}})") {
+        if (*next == closeTabFrame(43)) {
             break;
         }
     }

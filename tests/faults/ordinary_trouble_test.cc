@@ -78,7 +78,7 @@ TEST(OrdinaryTroubleTest, ARepeatedStartNeitherWaitsOnAStalledCoreNorDropsComman
     // Standard input has one reader: the new channel reads this only once the old one let go.
     session.host().send("after");
     stalled.send("kerrow.closeTab-8");  // already on its way as the old connection retires
-    EXPECT_EQ(session.host().receive(), R"({"action":"closeTab","payload":{"id":8}})");
+    EXPECT_EQ(session.host().receive(), closeTabFrame(8));
     EXPECT_EQ(fresh->receive(), "kerrow.updateDeviceTwin");
     EXPECT_EQ(fresh->receive(), large + "kerrow.tabList");
     EXPECT_TRUE(stalled.waitForClose());

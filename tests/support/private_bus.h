@@ -60,7 +60,7 @@ class BusClient {
     static int count(sd_bus_message* message, void* userdata, sd_bus_error* error);
 
     SdBus bus_;
-    std::vector<SdBusSlot> matches_;  // destroyed before the connection they refer to
+    std::vector<SdBusSlot> matches_;       // destroyed before the connection they refer to
     std::map<std::string, int> received_;  // per observed name
 };
 

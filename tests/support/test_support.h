@@ -47,6 +47,10 @@ void writeAll(int fd, std::string_view bytes);
 [[nodiscard]] inline std::string frame(std::string_view body) {
     return encodeFrame(body);
 }
+/// The message the host writes to the extension to close tab `id`.
+[[nodiscard]] inline std::string closeTabFrame(int id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
 /// Reads one frame, waiting at most `timeout` for its header and for its body; no value at end
 /// of file or time-out.
 [[nodiscard]] std::optional<std::string> readFrameFrom(int fd, Duration timeout = 5000ms);

@@ -350,7 +350,7 @@ TEST_F(InstallerTest, FlatpakLauncherRelaysBothWaysAndPassesEndOfInputAndSignals
     browser->send(R"({"tabs":[]})");
     EXPECT_EQ(connection->receive(), R"({"tabs":[]}kerrow.tabList)");
     connection->send("kerrow.closeTab-42");
-    EXPECT_EQ(browser->receive(), R"({"action":"closeTab","payload":{"id":42}})");
+    EXPECT_EQ(browser->receive(), test::closeTabFrame(42));
     browser->closeInput();
     EXPECT_EQ(browser->waitForExit(), 0);
     EXPECT_TRUE(connection->waitForClose());
