@@ -32,6 +32,17 @@ struct Outcome {
     std::string err;
 };
 
+// An installer run that ended with `status` and wrote `text` on standard output (Says) or on
+// standard error (Complains).
+MATCHER_P2(Says, status, text, "") {
+    *result_listener << "status " << arg.status.value_or(-1) << ", said:\n" << arg.out << arg.err;
+    return arg.status == status && arg.out.find(text) != std::string::npos;
+}
+MATCHER_P2(Complains, status, text, "") {
+    *result_listener << "status " << arg.status.value_or(-1) << ", said:\n" << arg.out << arg.err;
+    return arg.status == status && arg.err.find(text) != std::string::npos;
+}
+
 std::vector<fs::path> manifestsUnder(const fs::path& root) {
     std::vector<fs::path> found;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -153,13 +164,10 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
 
     fs::remove_all(home_);
     fs::create_directories(home_ / ".mozilla");  // written for Zen: Firefox is not in use
-    const auto empty = install(withIds({}));
-    EXPECT_EQ(empty.status, 1);
-    EXPECT_THAT(empty.err, HasSubstr("no browser found in use"));
-    const auto noTor = install(withIds({"--browser", "tor-browser"}));
-    EXPECT_EQ(noTor.status, 1);
-    EXPECT_THAT(noTor.err, HasSubstr("tor-browser: not registered: no install found at " +
-                                     (home_ / ".local/share/torbrowser/tbb/*/*").string()));
+    EXPECT_THAT(install(withIds({})), Complains(1, "no browser found in use"));
+    EXPECT_THAT(install(withIds({"--browser", "tor-browser"})),
+                Complains(1, "tor-browser: not registered: no install found at " +
+                                 (home_ / ".local/share/torbrowser/tbb/*/*").string()));
 
     // A browser in use that cannot be registered is reported, and the others still registered.
     fs::create_directories(home_ / ".mozilla/firefox");
@@ -168,19 +176,18 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
     fs::create_directories(home_ / "snap/chromium");
     const auto partial =
         install({"--extension-id", std::string(chromeId), "--host", host_.string()});
-    EXPECT_EQ(partial.status, 1);
-    EXPECT_THAT(partial.err,
-                HasSubstr("firefox+zen: not registered: no Firefox family extension id"));
-    EXPECT_THAT(partial.err, HasSubstr("chromium (snap): not registered: the snap of Chromium"));
+    EXPECT_THAT(partial,
+                Complains(1, "firefox+zen: not registered: no Firefox family extension id"));
+    EXPECT_THAT(partial, Complains(1, "chromium (snap): not registered: the snap of Chromium"));
     EXPECT_TRUE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts" / manifestName));
     EXPECT_EQ(fs::status(home_ / ".config/chromium/NativeMessagingHosts").permissions(),
               fs::perms(0700));
     // A folder shared with another browser in use stays when one of them is removed.
     ASSERT_EQ(install(withIds({})).status, 1);
-    EXPECT_THAT(install({"--browser", "zen", "--remove"}).out,
-                HasSubstr("zen: kept " +
-                          (home_ / ".mozilla/native-messaging-hosts" / manifestName).string() +
-                          ", also read by firefox"));
+    EXPECT_THAT(
+        install({"--browser", "zen", "--remove"}),
+        Says(0, "zen: kept " + (home_ / ".mozilla/native-messaging-hosts" / manifestName).string() +
+                    ", also read by firefox"));
 }
 
 TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
@@ -198,16 +205,13 @@ TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
         << "only the manifest, no temporary file";
 
     EXPECT_EQ(inProfile({"--check", "--extension-id", std::string(otherChromeId)}).status, 0);
-    const auto stale = inProfile({"--check", "--extension-id", std::string(chromeId)});
-    EXPECT_EQ(stale.status, 1);
-    EXPECT_THAT(stale.err,
-                HasSubstr("allowed extensions are not exactly " + std::string(chromeId)));
+    EXPECT_THAT(inProfile({"--check", "--extension-id", std::string(chromeId)}),
+                Complains(1, "allowed extensions are not exactly " + std::string(chromeId)));
 
     ::chmod(host_.c_str(), 0644);
-    const auto broken = inProfile({"--check"});
-    EXPECT_EQ(broken.status, 1);
-    EXPECT_THAT(broken.err, HasSubstr("user data dir: FAILED " + manifest.string() + ": host " +
-                                      host_.string() + " is not executable"));
+    EXPECT_THAT(inProfile({"--check"}),
+                Complains(1, "user data dir: FAILED " + manifest.string() + ": host " +
+                                 host_.string() + " is not executable"));
 }
 
 TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
@@ -234,15 +238,12 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
         {{"--force"}, "unknown argument '--force'"},
     };
     for (const auto& [arguments, message] : cases) {
-        const auto outcome = install(arguments);
-        EXPECT_EQ(outcome.status, 2) << arguments.front();
-        EXPECT_THAT(outcome.err, HasSubstr(message));
+        EXPECT_THAT(install(arguments), Complains(2, message)) << arguments.front();
     }
     EXPECT_FALSE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts"));
 
-    const auto homeless = install(withIds({}), {{"HOME", "home"}});
-    EXPECT_EQ(homeless.status, 2);
-    EXPECT_THAT(homeless.err, HasSubstr("HOME is not an absolute path"));
+    EXPECT_THAT(install(withIds({}), {{"HOME", "home"}}),
+                Complains(2, "HOME is not an absolute path"));
 }
 
 TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
@@ -267,13 +268,10 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
                            "usr/lib64/waterfox/native-messaging-hosts",
                        }));
     // Vivaldi reads Chromium's folder, which stays while another of its readers is not named.
-    const auto kept =
-        install({"--system", "--root", root.string(), "--browser", "vivaldi", "--remove"});
-    EXPECT_EQ(kept.status, 0) << kept.err;
-    EXPECT_THAT(kept.out,
-                HasSubstr("vivaldi: kept " +
-                          (root / "etc/chromium/native-messaging-hosts" / manifestName).string() +
-                          ", also read by chromium, thorium,"));
+    EXPECT_THAT(install({"--system", "--root", root.string(), "--browser", "vivaldi", "--remove"}),
+                Says(0, "vivaldi: kept " +
+                            (root / "etc/chromium/native-messaging-hosts" / manifestName).string() +
+                            ", also read by chromium, thorium,"));
 }
 
 TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
@@ -287,24 +285,22 @@ TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
                                   {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
 
     const auto sound = install({"--doctor", "--extension-id", std::string(chromeId)}, environment);
-    EXPECT_EQ(sound.status, 0) << sound.out;
-    EXPECT_THAT(sound.out, HasSubstr("ok       session bus: reachable"));
-    EXPECT_THAT(sound.out, HasSubstr("trusted, and the core service listens"));
-    EXPECT_THAT(sound.out, HasSubstr("ok       confinement: "));  // information, never a problem
+    EXPECT_THAT(sound, Says(0, "ok       session bus: reachable"));
+    EXPECT_THAT(sound, Says(0, "trusted, and the core service listens"));
+    EXPECT_THAT(sound, Says(0, "ok       confinement: "));  // information, never a problem
 
     fs::remove(host_);
     ::chmod((runtime / "kerrow").c_str(), 0777);
     environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (runtime / "nobus").string();
     const auto broken = install({"--doctor"}, environment);
-    EXPECT_EQ(broken.status, 1);
     EXPECT_THAT(
-        broken.out,
-        HasSubstr("PROBLEM  chromium: manifest " +
-                  (home_ / ".config/chromium/NativeMessagingHosts" / manifestName).string() +
-                  ": host " + host_.string() + " does not exist"));
-    EXPECT_THAT(broken.out, HasSubstr("PROBLEM  session bus: unreachable"));
-    EXPECT_THAT(broken.out, HasSubstr("PROBLEM  core service socket: "));
-    EXPECT_THAT(broken.out, HasSubstr("writable by group or others"));
+        broken,
+        Says(1, "PROBLEM  chromium: manifest " +
+                    (home_ / ".config/chromium/NativeMessagingHosts" / manifestName).string() +
+                    ": host " + host_.string() + " does not exist"));
+    EXPECT_THAT(broken, Says(1, "PROBLEM  session bus: unreachable"));
+    EXPECT_THAT(broken, Says(1, "PROBLEM  core service socket: "));
+    EXPECT_THAT(broken, Says(1, "writable by group or others"));
 
     const auto json = nlohmann::json::parse(install({"--doctor", "--json"}, environment).out);
     EXPECT_EQ(json["ok"], false);
