@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,30 +96,19 @@ TEST(OrdinaryTroubleTest, KeepsItsStandardStreamsForTheBrowserAndSurvivesABroken
     const TemporaryDirectory directory;
     const auto state = directory.path() / "state";
     ::close(::open(state.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-    const std::string variable = "XDG_STATE_HOME=" + state.string();
-    Pipe broken;
-    broken.readEnd.reset();
-    const pid_t host = ::fork();
-    if (host == 0) {
-        ::dup2(broken.writeEnd.get(), 2);
-        ::close(1);
-        const char* environment[] = {"PATH=/usr/bin:/bin", variable.c_str(), nullptr};
-        ::execle(KERROW_HOST_BINARY, KERROW_HOST_BINARY, static_cast<char*>(nullptr), environment);
-        ::_exit(127);
-    }
+    // Standard error is the pipe that was standard output, whose reading end we close.
+    HostProcess host("/bin/sh", {"-c", R"(exec "$0" 2>&1 1>&-)", KERROW_HOST_BINARY},
+                     Environment{{"PATH", "/usr/bin:/bin"}, {"XDG_STATE_HOME", state.string()}},
+                     "");
+    host.closeOutput();
     EXPECT_TRUE(waitUntil([&] {  // in its main loop
-        const long call = mainThreadSystemCall(host);
+        const long call = mainThreadSystemCall(host.pid());
         return call == SYS_epoll_wait || call == SYS_epoll_pwait;
     }));
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(host) + "/fd/1"),
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(host.pid()) + "/fd/1"),
               "/dev/null");
-    ::kill(host, SIGTERM);
-    const auto status = waitForExit(host);
-    if (!status) {
-        ::kill(host, SIGKILL);
-        ::waitpid(host, nullptr, 0);
-    }
-    EXPECT_EQ(status, 0);
+    ::kill(host.pid(), SIGTERM);
+    EXPECT_EQ(host.waitForExit(), 0);
 }
 
 }  // namespace
