@@ -10,7 +10,7 @@
 namespace kerrow::installer {
 namespace {
 
-using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 TEST(ExtensionIdTest, ChromeIdsAreThirtyTwoLettersAToPAndFirefoxIdsEmailLikeOrBracedGuids) {
     const struct {
@@ -50,15 +50,13 @@ TEST(ManifestTextTest, WritesAManifestThatTheCheckerFindsSoundForEachFamily) {
     const auto path = directory.path() / "a \"b\"\\c";
     std::ofstream(path) << "#!/bin/sh\n";
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-    const std::vector<std::string> chrome{"pjemfmlmnlcehcppgfmabofnjojcgifc",
-                                          "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"};
-    const std::vector<std::string> firefox{"x@k.example", "{daf44bf7-a45e-4450-979c-91cf07434c3d}"};
-    EXPECT_EQ(manifestProblems(manifestText(BrowserFamily::chromium, path, chrome),
-                               {BrowserFamily::chromium, path, chrome}),
-              std::vector<std::string>{});
-    EXPECT_EQ(manifestProblems(manifestText(BrowserFamily::firefox, path, firefox),
-                               {BrowserFamily::firefox, path, firefox}),
-              std::vector<std::string>{});
+    const auto problems = [&](BrowserFamily family, const std::vector<std::string>& ids) {
+        return manifestProblems(manifestText(family, path, ids), {family, path, ids});
+    };
+    EXPECT_THAT(problems(BrowserFamily::chromium,
+                         {"pjemfmlmnlcehcppgfmabofnjojcgifc", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"}),
+                IsEmpty());
+    EXPECT_THAT(problems(BrowserFamily::firefox, {"x@k.example", "y@k.example"}), IsEmpty());
 }
 
 TEST(ManifestProblemsTest, NamesEveryBrokenMemberAndEachUnmetExpectation) {
