@@ -209,15 +209,6 @@ OVER_LIMIT_COMMAND = b"kerrow.websiteList" + json.dumps({
 }).encode()
 
 
-def run_installer(installer: Path, arguments: List[str], env: Dict[str, str]) -> None:
-    for extra in (["--extension-id", CHROMIUM_ID, "--extension-id", FIREFOX_ID], ["--check"]):
-        result = subprocess.run([str(installer), *arguments, *extra], env=env, capture_output=True,
-                                text=True, timeout=30, check=False)
-        if result.returncode != 0:
-            raise TestFailure(f"installer {' '.join(arguments + extra)} failed "
-                              f"({result.returncode}): {result.stdout}{result.stderr}")
-
-
 class Chromium:
     """Debian's Chromium, headless and offline, unpacked extension; registered by name first."""
 
@@ -279,7 +270,12 @@ def run(browser, host: Path, installer: Path, folder: RunFolder, processes: Proc
     bus = PrivateBus(processes, folder)
     core = TestCoreService(folder)
     env = folder.environment(bus.address)
-    run_installer(installer, [*browser.installer_arguments, "--host", str(host)], env)
+    installed = subprocess.run(
+        [str(installer), *browser.installer_arguments, "--host", str(host), "--extension-id",
+         CHROMIUM_ID, "--extension-id", FIREFOX_ID], env=env, capture_output=True, text=True,
+        timeout=30, check=False)
+    if installed.returncode != 0:
+        raise TestFailure(f"the installer failed ({installed.returncode}): {installed.stderr}")
     started = browser.launch(processes, env, folder.root / "browser.log")
     bus.wait_for_line(lambda line: line.strip() == f'string "{DID_FINISH_LAUNCHING}"',
                       DID_FINISH_LAUNCHING)

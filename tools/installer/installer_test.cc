@@ -170,10 +170,9 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
                                  (home_ / ".local/share/torbrowser/tbb/*/*").string()));
 
     // A browser in use that cannot be registered is reported, and the others still registered.
-    fs::create_directories(home_ / ".mozilla/firefox");
-    fs::create_directories(home_ / ".zen");
-    fs::create_directories(home_ / ".config/chromium");
-    fs::create_directories(home_ / "snap/chromium");
+    for (const auto* inUse : {".mozilla/firefox", ".zen", ".config/chromium", "snap/chromium"}) {
+        fs::create_directories(home_ / inUse);
+    }
     const auto partial =
         install({"--extension-id", std::string(chromeId), "--host", host_.string()});
     EXPECT_THAT(partial,
