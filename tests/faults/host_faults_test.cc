@@ -26,14 +26,10 @@ TEST(HostFaultTest, GoesOnWithoutItsLogThroughGarbageFromTheCoreAndAClosedOutput
         std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
         garbage.push_back(bytes);
     }
-    garbage.insert(garbage.end(),
-                   {"", std::string(3, '\0'), "kerrow.closeTab-5\xFF",
-                    "kerrow.closeTab-\xC0\xB6",               // an overlong "6"
-                    "kerrow.disableInternet\xED\xA0\x80",     // a surrogate
-                    "kerrow.enableInternet\xF4\x90\x80\x80",  // above U+10FFFF
-                    "kerrow.closeTab-99999999999999999999", "kerrow.closeTab--",
-                    "kerrow.websiteList{not json", "kerrow.websiteList" + std::string(100'000, '['),
-                    R"(kerrow.websiteList{"name":1,"websites":[],"listType":0})"});
+    // Invalid UTF-8, and a website list nested deeper than a recursive reader's stack would take
+    // (the unit tests prove each kind of bad input one by one; here, the host's wiring).
+    garbage.insert(garbage.end(), {"", std::string(3, '\0'), "kerrow.closeTab-5\xFF",
+                                   "kerrow.websiteList" + std::string(100'000, '[')});
     for (const auto& message : garbage) {
         connection.send(message);
     }
