@@ -104,25 +104,20 @@ class ProcessGroup:
         return process
 
     def close(self) -> None:
-        """Kills everything still running, descendants found through /proc included."""
+        """Kills everything still running: each started process group, then every process left
+        behind, which is ours once its parent is gone."""
         for process in self.started:
             if process.poll() is None:
                 with contextlib.suppress(ProcessLookupError):
                     os.killpg(process.pid, signal.SIGKILL)
             process.wait(timeout=10)
-        children: Dict[int, List[int]] = {}
         for pid in (int(entry) for entry in os.listdir("/proc") if entry.isdigit()):
-            children.setdefault(int((process_fields(pid) or ["", "0"])[1]), []).append(pid)
-        pending = children.get(os.getpid(), [])
-        while pending:
-            pid = pending.pop()
-            pending += children.get(pid, [])
-            if not has_ended(pid):
+            if (process_fields(pid) or ["", "0"])[1] == str(os.getpid()) and not has_ended(pid):
                 with contextlib.suppress(ProcessLookupError):
                     os.kill(pid, signal.SIGKILL)
         with contextlib.suppress(ChildProcessError):
             while True:
-                os.waitpid(-1, 0)  # collects every adopted descendant
+                os.waitpid(-1, 0)  # collects every adopted process
 
 
 class PrivateBus:
