@@ -83,7 +83,9 @@ class CoreConnection {
     explicit CoreConnection(int fd) : socket_(fd) {}
 
     /// The next message (one socket frame) from the host, or no value at end or time-out.
-    [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms);
+    [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms) {
+        return readFrameFrom(socket_.get(), timeout);
+    }
     void send(std::string_view message) { sendRaw(frame(message)); }
     void sendRaw(std::string_view bytes) { writeAll(socket_.get(), bytes); }
     /// True when the host closed its side (end of file within `timeout`).
