@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <future>
 #include <iostream>
@@ -148,11 +147,10 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingLeaksNothingAndEndsOnOneConnec
     const auto threadsAtRest = procFigure(host, "status", "Threads");
     const auto descriptorsAtRest = openDescriptors(host).size();
 
-    std::atomic<bool> flooding{true};
     std::int64_t threadsPeak = 0;
     std::size_t descriptorsPeak = 0;
-    std::jthread sampler([&] {
-        while (flooding) {
+    std::jthread sampler([&](const std::stop_token& flooding) {
+        while (!flooding.stop_requested()) {
             threadsPeak = std::max(threadsPeak, procFigure(host, "status", "Threads"));
             descriptorsPeak = std::max(descriptorsPeak, openDescriptors(host).size());
         }
@@ -170,7 +168,7 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingLeaksNothingAndEndsOnOneConnec
         connections.push_back(std::move(*next));
     }
     browser.join();
-    flooding = false;
+    sampler.request_stop();
     sampler.join();
     EXPECT_LE(threadsPeak, threadsAtRest + 8);
     EXPECT_LE(descriptorsPeak, descriptorsAtRest + 32);

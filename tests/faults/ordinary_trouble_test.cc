@@ -16,11 +16,13 @@
 namespace kerrow::test {
 namespace {
 
-// The system call that the host's main thread is in, as /proc shows it.
-long mainThreadSystemCall(pid_t pid) {
-    const std::string text = readFile("/proc/" + std::to_string(pid) + "/syscall");
-    return text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])) ? -1
-                                                                              : std::stol(text);
+// True once the main thread of process `pid` is in one of `calls`, as /proc shows it.
+bool waitForSystemCall(pid_t pid, std::initializer_list<long> calls) {
+    return waitUntil([&] {
+        const std::string text = readFile("/proc/" + std::to_string(pid) + "/syscall");
+        return !text.empty() && std::isdigit(static_cast<unsigned char>(text[0])) &&
+               std::ranges::find(calls, std::stol(text)) != calls.end();
+    });
 }
 
 // No core service listens: the start sequence waits for it outside the main loop, gives up at its
@@ -50,10 +52,8 @@ TEST(OrdinaryTroubleTest, ServesTheBrowserWithoutACoreConnectsLaterAndEndsOnSigt
     session.stopCore();
     session.postStart();
     const pid_t host = session.host().pid();
-    ASSERT_TRUE(waitUntil([&] {  // in setupSocket(), outside the main loop
-        const long call = mainThreadSystemCall(host);
-        return call == SYS_poll || call == SYS_ppoll;
-    }));
+    // Waiting in setupSocket(), outside the main loop.
+    ASSERT_TRUE(waitForSystemCall(host, {SYS_poll, SYS_ppoll}));
     session.postStart();  // queued behind the one being served: the signal comes first
     std::this_thread::sleep_for(100ms);
     ASSERT_EQ(::kill(host, SIGTERM), 0);
@@ -101,10 +101,7 @@ TEST(OrdinaryTroubleTest, KeepsItsStandardStreamsForTheBrowserAndSurvivesABroken
                      Environment{{"PATH", "/usr/bin:/bin"}, {"XDG_STATE_HOME", state.string()}},
                      "");
     host.closeOutput();
-    EXPECT_TRUE(waitUntil([&] {  // in its main loop
-        const long call = mainThreadSystemCall(host.pid());
-        return call == SYS_epoll_wait || call == SYS_epoll_pwait;
-    }));
+    EXPECT_TRUE(waitForSystemCall(host.pid(), {SYS_epoll_wait, SYS_epoll_pwait}));  // in its loop
     EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(host.pid()) + "/fd/1"),
               "/dev/null");
     ::kill(host.pid(), SIGTERM);
