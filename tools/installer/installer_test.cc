@@ -247,8 +247,7 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
 TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
     const fs::path root = directory_.path() / "stage";
     fs::create_directories(root / "usr/lib64");  // as on Fedora and openSUSE
-    const auto written = install(withIds({"--system", "--root", root.string()}));
-    ASSERT_EQ(written.status, 0) << written.err;
+    ASSERT_THAT(install(withIds({"--system", "--root", root.string()})), Says(0, ""));
     const auto folders = manifestsUnder(root);
     for (const auto& folder : folders) {
         EXPECT_EQ(fs::status(root / folder / manifestName).permissions(), fs::perms(0644))
@@ -319,9 +318,9 @@ TEST_F(InstallerTest, FlatpakLauncherRelaysBothWaysAndPassesEndOfInputAndSignals
     const auto announcement = NotificationName::nativeMessagingHostDidFinishLaunching;
     client.observe(announcement);
     test::TestCoreService core(runtime / "kerrow/browser.sock");
-    const auto installed =
-        install({"--extension-id", std::string(otherChromeId), "--host", KERROW_HOST_BINARY});
-    ASSERT_EQ(installed.status, 0) << installed.err;
+    ASSERT_THAT(
+        install({"--extension-id", std::string(otherChromeId), "--host", KERROW_HOST_BINARY}),
+        Says(0, ""));
 
     // Starts the launcher as the browser does; the host's connection, device-twin request read.
     std::optional<test::HostProcess> browser;
