@@ -27,12 +27,8 @@ TEST(MemcheckTest, RelaysReconnectsAndEndsWhileRetryingWithoutMemoryErrorsOrLeak
         connection.send(command);
     }
     connection.send("kerrow.closeTab-43");
-    for (int frames = 0;; ++frames) {
-        const auto next = session.host().receive(slow);
-        ASSERT_TRUE(next) << "after " << frames << " frames\n" << session.log();
-        if (*next == closeTabFrame(43)) {
-            break;
-        }
+    for (std::optional<std::string> next; next != closeTabFrame(43);) {
+        ASSERT_TRUE(next = session.host().receive(slow)) << session.log();
     }
 
     connection.close();  // the host reconnects
