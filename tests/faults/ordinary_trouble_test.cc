@@ -84,9 +84,7 @@ TEST(OrdinaryTroubleTest, ARepeatedStartNeitherWaitsOnAStalledCoreNorDropsComman
     EXPECT_EQ(fresh->receive(3000ms), "afterkerrow.tabList");
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
-    EXPECT_TRUE(std::ranges::none_of(session.logMessages(), [](const auto& line) {
-        return line.starts_with("error");
-    })) << session.log();
+    EXPECT_EQ(session.log().find(" error "), std::string::npos) << session.log();
 }
 
 // The host started bare (no bus), with standard output closed and standard error a broken pipe
