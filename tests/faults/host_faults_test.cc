@@ -20,17 +20,16 @@ TEST(HostFaultTest, GoesOnWithoutItsLogThroughGarbageFromTheCoreAndAClosedOutput
     std::ofstream(session.logFile().parent_path()) << "not a directory";
     auto connection = session.start();
     std::mt19937 random(20261122);
-    std::vector<std::string> garbage;
     for (int i = 0; i < 200; ++i) {
         std::string bytes(random() % 300, '\0');
         std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
-        garbage.push_back(bytes);
+        connection.send(bytes);
     }
     // Invalid UTF-8, and a website list nested deeper than a recursive reader's stack would take
     // (the unit tests prove each kind of bad input one by one; here, the host's wiring).
-    garbage.insert(garbage.end(), {"", std::string(3, '\0'), "kerrow.closeTab-5\xFF",
-                                   "kerrow.websiteList" + std::string(100'000, '[')});
-    for (const auto& message : garbage) {
+    for (const auto& message :
+         {std::string(), std::string(3, '\0'), std::string("kerrow.closeTab-5\xFF"),
+          "kerrow.websiteList" + std::string(100'000, '[')}) {
         connection.send(message);
     }
     connection.send("kerrow.closeTab-7");
