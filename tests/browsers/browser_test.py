@@ -77,8 +77,6 @@ class RunFolder:
             "TMPDIR": str(self.tmp),
             "XDG_RUNTIME_DIR": str(self.runtime),
             "XDG_STATE_HOME": str(self.state),
-            "XDG_CONFIG_HOME": str(self.home / ".config"),
-            "XDG_CACHE_HOME": str(self.home / ".cache"),
             "DBUS_SESSION_BUS_ADDRESS": bus_address,
         }
 
