@@ -186,10 +186,7 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingLeaksNothingAndEndsOnOneConnec
     }
     EXPECT_TRUE(relayed == made(frames, relayedTabData)) << relayed.size() << " frames relayed";
     EXPECT_GT(connections.size(), 1U);
-    connections.back().send("kerrow.closeTab-1");
-    EXPECT_EQ(session.host().receive(), closeTabFrame(1));
-
-    connections.back().close();  // the host connects again
+    connections.back().close();  // the newest service connects again; commands reach the host
     auto again = session.core().accept(12'000ms);
     ASSERT_TRUE(again) << session.log();
     again->send("kerrow.closeTab-2");
