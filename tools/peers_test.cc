@@ -86,7 +86,7 @@ TEST_F(PeersTest, FiltersTurnJsonLinesIntoFramesAndBackAndReportBadInput) {
 
 // Two hosts, numbered in the order they connect: a command for one host reaches it only.
 TEST_F(PeersTest, ScriptedCommandsReachTheBrowsersAsJsonLines) {
-    const auto script = write("core.script", R"(# every road of the core service
+    const auto script = write("core.script", R"(# commands for one host, for all, for one gone
 wait-hosts 2
 expect kerrow.tabList
 @2 close-tab 7

@@ -47,10 +47,9 @@ TEST(HostFaultTest, GoesOnWithoutItsLogThroughGarbageFromTheCoreAndAClosedOutput
     ASSERT_TRUE(second) << session.standardError();
     EXPECT_LT(procFigure(session.host().pid(), "status", "VmHWM") - peakBefore, 32 * 1024)
         << "memory was reserved for the announced 64 MiB";
-    EXPECT_FALSE(session.host().receive(200ms)) << "an incomplete frame was delivered";
     second->send("kerrow.enableInternet");
     EXPECT_EQ(session.host().receive(), R"({"action":"enableWeb","payload":{}})")
-        << "the cut frame's bytes were joined to the next connection's";
+        << "the cut frame was delivered, or its bytes joined to the next connection's";
 
     session.host().closeOutput();
     // Every frame for the extension now meets a closed pipe (EPIPE, and no SIGPIPE death).

@@ -21,7 +21,6 @@ TEST(MemcheckTest, RelaysReconnectsAndEndsWhileRetryingWithoutMemoryErrorsOrLeak
          {"kerrow.closeTab-42", "kerrow.closeTab-abc", "kerrow.disableInternetSchool/hours",
           "kerrow.enableInternet",
           R"(kerrow.websiteList{"name":"n","websites":["a.example"],"listType":0})",
-          R"(kerrow.websiteList{"name":"n","websites":["b.example"],"listType":1})",
           R"(kerrow.websiteList{"name":"n","websites":[],"listType":9})", "kerrow.websiteList[",
           "\xFF\xFE"}) {
         connection.send(command);

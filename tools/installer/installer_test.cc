@@ -196,9 +196,8 @@ TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
         return install(arguments);
     };
     ASSERT_EQ(inProfile(withIds({})).status, 0);
-    ASSERT_EQ(
-        inProfile({"--extension-id", std::string(otherChromeId), "--host", host_.string()}).status,
-        0);
+    ASSERT_THAT(inProfile({"--extension-id", std::string(otherChromeId), "--host", host_.string()}),
+                Says(0, ""));
     EXPECT_EQ(std::distance(fs::directory_iterator(manifest.parent_path()), {}), 1)
         << "only the manifest, no temporary file";
 
