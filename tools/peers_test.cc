@@ -2,7 +2,6 @@
 // with the real host, under a private session bus, in temporary runtime and state directories.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <memory>

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -128,12 +127,6 @@ TEST(LoadTest, RelaysBothDirectionsAcrossRepeatedStartsWithNothingLostDuplicated
 TEST(LoadTest, AStartFloodStaysBoundedLosesNothingLeaksNothingAndEndsOnOneConnection) {
     constexpr int starts = 2'000;
     constexpr int frames = 2'000;
-    // Like a browser, we give the host only the three standard streams, whatever we inherited.
-    for (const auto& [number, flags] : openDescriptors(::getpid())) {
-        if (number > 2) {
-            ::fcntl(number, F_SETFD, FD_CLOEXEC);
-        }
-    }
     HostSession session{KERROW_HOST_BINARY};
     std::vector<CoreConnection> connections;
     connections.push_back(session.start());

@@ -44,6 +44,8 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, standardError.c_str(),
                                          O_WRONLY | O_CREAT | O_APPEND, 0600);
     }
+    // Like a browser, we pass the three standard streams only, whatever else we have open.
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none;

@@ -1,8 +1,8 @@
 // Starting a program the way a browser starts a native messaging host: standard input and output
-// on our pipes, default signal mask and dispositions. HostProcess owns one for a test or a
-// benchmark (frames in and out with bounded waits, exit status) and kills and reaps it when
-// destroyed. Failures throw std::system_error. Use a HostProcess from one thread. The /proc
-// readers below (for tests and the benchmarks' figures) work from any thread.
+// on our pipes, no other descriptor of ours, default signal mask and dispositions. HostProcess
+// owns one for a test or a benchmark (frames in and out with bounded waits, exit status) and
+// kills and reaps it when destroyed. Failures throw std::system_error. Use a HostProcess from one
+// thread. The /proc readers below (for tests and the benchmarks' figures) work from any thread.
 #pragma once
 
 #include <sys/types.h>
