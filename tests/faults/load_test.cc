@@ -252,8 +252,8 @@ TEST(LoadTest, LargeMessagesCostASmallMultipleOfTheirSizeAndTheMemoryIsGivenBack
               << messageAfter << "\n";
 #ifndef KERROW_SANITIZED
     EXPECT_LT(listPeak, 96 * 1024);
-    EXPECT_LT(listAfter, 24 * 1024);
-    EXPECT_LT(messageAfter, 24 * 1024);
+    EXPECT_LT(listAfter, 8 * 1024);
+    EXPECT_LT(messageAfter, 8 * 1024);
 #endif
 }
 
