@@ -72,7 +72,8 @@ TEST(HostFaultTest, GoesOnWithoutItsLogThroughGarbageFromTheCoreAndAClosedOutput
     session.host().closeInput();
     EXPECT_EQ(session.host().waitForExit(), 0);
     EXPECT_TRUE(session.standardError().ends_with(
-        " info Stopping KerrowNativeMessagingHost:BrowserExtensionIO\n"));
+        " info Stopping KerrowNativeMessagingHost:BrowserExtensionIO\n"))
+        << session.standardError();
 }
 
 }  // namespace

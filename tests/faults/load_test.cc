@@ -179,7 +179,7 @@ TEST(LoadTest, AStartFloodStaysBoundedLosesNothingLeaksNothingAndEndsOnOneConnec
     }
     EXPECT_TRUE(relayed == made(frames, relayedTabData)) << relayed.size() << " frames relayed";
     EXPECT_GT(connections.size(), 1U);
-    connections.back().close();  // the newest service connects again; commands reach the host
+    connections.back().close();  // the newest service connects again and serves both ways
     auto again = session.core().accept(12'000ms);
     ASSERT_TRUE(again) << session.log();
     again->send("kerrow.closeTab-2");
