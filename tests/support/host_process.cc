@@ -44,6 +44,8 @@ LaunchedProcess launchProcess(const std::filesystem::path& binary,
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, standardError.c_str(),
                                          O_WRONLY | O_CREAT | O_APPEND, 0600);
     }
+    // Like a browser, we pass the three standard streams only, whatever else we have open.
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     sigset_t none;
@@ -106,6 +108,22 @@ std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name)
         }
     }
     return 0;
+}
+
+std::map<int, unsigned> openDescriptors(pid_t pid) {
+    std::map<int, unsigned> descriptors;
+    const std::filesystem::path proc = "/proc/" + std::to_string(pid);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(proc / "fd", error)) {
+        std::ifstream info(proc / "fdinfo" / entry.path().filename());
+        for (std::string line; std::getline(info, line);) {
+            if (line.starts_with("flags:")) {
+                descriptors[std::stoi(entry.path().filename().string())] =
+                    static_cast<unsigned>(std::stoul(line.substr(6), nullptr, 8));
+            }
+        }
+    }
+    return descriptors;
 }
 
 ProcessSample sampleProcess(pid_t pid) {

@@ -1,8 +1,8 @@
 // Starting a program the way a browser starts a native messaging host: standard input and output
-// on our pipes, default signal mask and dispositions. HostProcess owns one for a test or a
-// benchmark (frames in and out with bounded waits, exit status) and kills and reaps it when
-// destroyed. Failures throw std::system_error. Use a HostProcess from one thread. The /proc
-// readers below (for tests and the benchmarks' figures) work from any thread.
+// on our pipes, no other descriptor of ours, default signal mask and dispositions. HostProcess
+// owns one for a test or a benchmark (frames in and out with bounded waits, exit status) and
+// kills and reaps it when destroyed. Failures throw std::system_error. Use a HostProcess from one
+// thread. The /proc readers below (for tests and the benchmarks' figures) work from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -81,6 +81,9 @@ class HostProcess {
 
 /// The figure "Name: <number> ..." of /proc/<pid>/<file> ("status", "smaps_rollup"); 0 if missing.
 [[nodiscard]] std::int64_t procFigure(pid_t pid, std::string_view file, std::string_view name);
+
+/// The open descriptors of process `pid`, each with the flags it was opened with (from fdinfo).
+[[nodiscard]] std::map<int, unsigned> openDescriptors(pid_t pid);
 
 /// What /proc tells about a process at one moment, thread by thread.
 struct ProcessSample {

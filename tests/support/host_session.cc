@@ -44,17 +44,13 @@ void HostSession::launch(const std::vector<std::string>& arguments) {
     host_ = startProcess(hostBinary_, arguments);
 }
 
-std::optional<CoreConnection> HostSession::answer(Duration timeout) {
-    postStart();
-    return core().accept(timeout);
-}
-
 CoreConnection HostSession::start(Duration timeout) {
     launch();
     if (!waitForAnnouncement(timeout)) {
         throw std::runtime_error("no announcement\n" + log() + standardError());
     }
-    auto connection = answer(timeout);
+    postStart();
+    auto connection = core().accept(timeout);
     if (!connection) {
         throw std::runtime_error("no connection\n" + log() + standardError());
     }

@@ -34,8 +34,6 @@ class HostSession {
                                      timeout, count);
     }
     void postStart() { client_.post(NotificationName::startCoreHostServices); }
-    /// Posts the start notification and accepts the host's connection.
-    [[nodiscard]] std::optional<CoreConnection> answer(Duration timeout = 5000ms);
     /// Launches, answers, and takes the device-twin request off the new connection.
     [[nodiscard]] CoreConnection start(Duration timeout = 5000ms);
 

@@ -60,7 +60,7 @@ void BusClient::post(std::string_view name) {
 
 bool BusClient::waitForSignal(std::string_view name, Duration timeout, int count) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (received(name) < count) {
+    while (received_[std::string(name)] < count) {
         const int processed = sd_bus_process(bus_.get(), nullptr);
         if (processed < 0) {
             return false;
@@ -76,11 +76,6 @@ bool BusClient::waitForSignal(std::string_view name, Duration timeout, int count
         }
     }
     return true;
-}
-
-int BusClient::received(std::string_view name) const {
-    const auto found = received_.find(name);
-    return found == received_.end() ? 0 : found->second;
 }
 
 int BusClient::count(sd_bus_message* message, void* userdata, sd_bus_error* /*error*/) {

@@ -58,11 +58,10 @@ class BusClient {
 
   private:
     static int count(sd_bus_message* message, void* userdata, sd_bus_error* error);
-    [[nodiscard]] int received(std::string_view name) const;
 
     SdBus bus_;
-    std::vector<SdBusSlot> matches_;  // destroyed before the connection they refer to
-    std::map<std::string, int, std::less<>> received_;  // per observed name
+    std::vector<SdBusSlot> matches_;       // destroyed before the connection they refer to
+    std::map<std::string, int> received_;  // per observed name
 };
 
 }  // namespace kerrow::test

@@ -160,20 +160,11 @@ std::vector<std::string> logMessages(const std::filesystem::path& logFile) {
     return messages;
 }
 
-std::optional<std::string> CoreConnection::receive(Duration timeout) {
-    return readFrameFrom(socket_.get(), timeout);
-}
-
 bool CoreConnection::waitForClose(Duration timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    char buffer[65536];
-    while (waitReadable(socket_.get(), deadline)) {
-        const ssize_t got = ::recv(socket_.get(), buffer, sizeof buffer, MSG_DONTWAIT);
-        if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) {
-            return true;
-        }
-    }
-    return false;
+    (void)readExactly(socket_.get(), std::string::npos, timeout);  // until end of file or time-out
+    char byte = 0;
+    const ssize_t got = ::recv(socket_.get(), &byte, 1, MSG_DONTWAIT);
+    return got == 0 || (got < 0 && errno != EAGAIN);
 }
 
 TestCoreService::TestCoreService(std::filesystem::path socketPath)

@@ -47,6 +47,10 @@ void writeAll(int fd, std::string_view bytes);
 [[nodiscard]] inline std::string frame(std::string_view body) {
     return encodeFrame(body);
 }
+/// The message the host writes to the extension to close tab `id`.
+[[nodiscard]] inline std::string closeTabFrame(int id) {
+    return R"({"action":"closeTab","payload":{"id":)" + std::to_string(id) + "}}";
+}
 /// Reads one frame, waiting at most `timeout` for its header and for its body; no value at end
 /// of file or time-out.
 [[nodiscard]] std::optional<std::string> readFrameFrom(int fd, Duration timeout = 5000ms);
@@ -79,7 +83,9 @@ class CoreConnection {
     explicit CoreConnection(int fd) : socket_(fd) {}
 
     /// The next message (one socket frame) from the host, or no value at end or time-out.
-    [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms);
+    [[nodiscard]] std::optional<std::string> receive(Duration timeout = 5000ms) {
+        return readFrameFrom(socket_.get(), timeout);
+    }
     void send(std::string_view message) { sendRaw(frame(message)); }
     void sendRaw(std::string_view bytes) { writeAll(socket_.get(), bytes); }
     /// True when the host closed its side (end of file within `timeout`).

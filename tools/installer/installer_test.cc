@@ -32,6 +32,17 @@ struct Outcome {
     std::string err;
 };
 
+// An installer run that ended with `status` and wrote `text` on standard output (Says) or on
+// standard error (Complains).
+MATCHER_P2(Says, status, text, "") {
+    *result_listener << "status " << arg.status.value_or(-1) << ", said:\n" << arg.out << arg.err;
+    return arg.status == status && arg.out.find(text) != std::string::npos;
+}
+MATCHER_P2(Complains, status, text, "") {
+    *result_listener << "status " << arg.status.value_or(-1) << ", said:\n" << arg.out << arg.err;
+    return arg.status == status && arg.err.find(text) != std::string::npos;
+}
+
 std::vector<fs::path> manifestsUnder(const fs::path& root) {
     std::vector<fs::path> found;
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -146,41 +157,35 @@ TEST_F(InstallerTest, RegistersEveryBrowserFoundInUseWhereItReadsManifests) {
                                   std::next(folder.begin(), 2)->string()));
         }
         EXPECT_EQ(install(withIds({"--check"}), xdg).status, 0);
-        const auto removed = install({"--remove"}, xdg);
-        EXPECT_EQ(removed.status, 0) << removed.err;
+        EXPECT_THAT(install({"--remove"}, xdg), Says(0, ""));
         EXPECT_EQ(install({"--check"}, xdg).status, 1);
     }
 
     fs::remove_all(home_);
     fs::create_directories(home_ / ".mozilla");  // written for Zen: Firefox is not in use
-    const auto empty = install(withIds({}));
-    EXPECT_EQ(empty.status, 1);
-    EXPECT_THAT(empty.err, HasSubstr("no browser found in use"));
-    const auto noTor = install(withIds({"--browser", "tor-browser"}));
-    EXPECT_EQ(noTor.status, 1);
-    EXPECT_THAT(noTor.err, HasSubstr("tor-browser: not registered: no install found at " +
-                                     (home_ / ".local/share/torbrowser/tbb/*/*").string()));
+    EXPECT_THAT(install(withIds({})), Complains(1, "no browser found in use"));
+    EXPECT_THAT(install(withIds({"--browser", "tor-browser"})),
+                Complains(1, "tor-browser: not registered: no install found at " +
+                                 (home_ / ".local/share/torbrowser/tbb/*/*").string()));
 
     // A browser in use that cannot be registered is reported, and the others still registered.
-    fs::create_directories(home_ / ".mozilla/firefox");
-    fs::create_directories(home_ / ".zen");
-    fs::create_directories(home_ / ".config/chromium");
-    fs::create_directories(home_ / "snap/chromium");
+    for (const auto* inUse : {".mozilla/firefox", ".zen", ".config/chromium", "snap/chromium"}) {
+        fs::create_directories(home_ / inUse);
+    }
     const auto partial =
         install({"--extension-id", std::string(chromeId), "--host", host_.string()});
-    EXPECT_EQ(partial.status, 1);
-    EXPECT_THAT(partial.err,
-                HasSubstr("firefox+zen: not registered: no Firefox family extension id"));
-    EXPECT_THAT(partial.err, HasSubstr("chromium (snap): not registered: the snap of Chromium"));
+    EXPECT_THAT(partial,
+                Complains(1, "firefox+zen: not registered: no Firefox family extension id"));
+    EXPECT_THAT(partial, Complains(1, "chromium (snap): not registered: the snap of Chromium"));
     EXPECT_TRUE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts" / manifestName));
     EXPECT_EQ(fs::status(home_ / ".config/chromium/NativeMessagingHosts").permissions(),
               fs::perms(0700));
     // A folder shared with another browser in use stays when one of them is removed.
     ASSERT_EQ(install(withIds({})).status, 1);
-    EXPECT_THAT(install({"--browser", "zen", "--remove"}).out,
-                HasSubstr("zen: kept " +
-                          (home_ / ".mozilla/native-messaging-hosts" / manifestName).string() +
-                          ", also read by firefox"));
+    EXPECT_THAT(
+        install({"--browser", "zen", "--remove"}),
+        Says(0, "zen: kept " + (home_ / ".mozilla/native-messaging-hosts" / manifestName).string() +
+                    ", also read by firefox"));
 }
 
 TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
@@ -191,23 +196,19 @@ TEST_F(InstallerTest, UserDataDirectoryManifestIsReplacedAtomicallyAndChecked) {
         return install(arguments);
     };
     ASSERT_EQ(inProfile(withIds({})).status, 0);
-    ASSERT_EQ(
-        inProfile({"--extension-id", std::string(otherChromeId), "--host", host_.string()}).status,
-        0);
+    ASSERT_THAT(inProfile({"--extension-id", std::string(otherChromeId), "--host", host_.string()}),
+                Says(0, ""));
     EXPECT_EQ(std::distance(fs::directory_iterator(manifest.parent_path()), {}), 1)
         << "only the manifest, no temporary file";
 
     EXPECT_EQ(inProfile({"--check", "--extension-id", std::string(otherChromeId)}).status, 0);
-    const auto stale = inProfile({"--check", "--extension-id", std::string(chromeId)});
-    EXPECT_EQ(stale.status, 1);
-    EXPECT_THAT(stale.err,
-                HasSubstr("allowed extensions are not exactly " + std::string(chromeId)));
+    EXPECT_THAT(inProfile({"--check", "--extension-id", std::string(chromeId)}),
+                Complains(1, "allowed extensions are not exactly " + std::string(chromeId)));
 
     ::chmod(host_.c_str(), 0644);
-    const auto broken = inProfile({"--check"});
-    EXPECT_EQ(broken.status, 1);
-    EXPECT_THAT(broken.err, HasSubstr("user data dir: FAILED " + manifest.string() + ": host " +
-                                      host_.string() + " is not executable"));
+    EXPECT_THAT(inProfile({"--check"}),
+                Complains(1, "user data dir: FAILED " + manifest.string() + ": host " +
+                                 host_.string() + " is not executable"));
 }
 
 TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
@@ -234,22 +235,18 @@ TEST_F(InstallerTest, RefusesBadCommandLinesWithoutWritingAnything) {
         {{"--force"}, "unknown argument '--force'"},
     };
     for (const auto& [arguments, message] : cases) {
-        const auto outcome = install(arguments);
-        EXPECT_EQ(outcome.status, 2) << arguments.front();
-        EXPECT_THAT(outcome.err, HasSubstr(message));
+        EXPECT_THAT(install(arguments), Complains(2, message)) << arguments.front();
     }
     EXPECT_FALSE(fs::exists(home_ / ".config/chromium/NativeMessagingHosts"));
 
-    const auto homeless = install(withIds({}), {{"HOME", "home"}});
-    EXPECT_EQ(homeless.status, 2);
-    EXPECT_THAT(homeless.err, HasSubstr("HOME is not an absolute path"));
+    EXPECT_THAT(install(withIds({}), {{"HOME", "home"}}),
+                Complains(2, "HOME is not an absolute path"));
 }
 
 TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
     const fs::path root = directory_.path() / "stage";
     fs::create_directories(root / "usr/lib64");  // as on Fedora and openSUSE
-    const auto written = install(withIds({"--system", "--root", root.string()}));
-    ASSERT_EQ(written.status, 0) << written.err;
+    ASSERT_THAT(install(withIds({"--system", "--root", root.string()})), Says(0, ""));
     const auto folders = manifestsUnder(root);
     for (const auto& folder : folders) {
         EXPECT_EQ(fs::status(root / folder / manifestName).permissions(), fs::perms(0644))
@@ -267,13 +264,10 @@ TEST_F(InstallerTest, SystemScopeWritesEachFolderOnceUnderAStagingRoot) {
                            "usr/lib64/waterfox/native-messaging-hosts",
                        }));
     // Vivaldi reads Chromium's folder, which stays while another of its readers is not named.
-    const auto kept =
-        install({"--system", "--root", root.string(), "--browser", "vivaldi", "--remove"});
-    EXPECT_EQ(kept.status, 0) << kept.err;
-    EXPECT_THAT(kept.out,
-                HasSubstr("vivaldi: kept " +
-                          (root / "etc/chromium/native-messaging-hosts" / manifestName).string() +
-                          ", also read by chromium, thorium,"));
+    EXPECT_THAT(install({"--system", "--root", root.string(), "--browser", "vivaldi", "--remove"}),
+                Says(0, "vivaldi: kept " +
+                            (root / "etc/chromium/native-messaging-hosts" / manifestName).string() +
+                            ", also read by chromium, thorium,"));
 }
 
 TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
@@ -287,24 +281,22 @@ TEST_F(InstallerTest, DoctorNamesEachBrokenLinkAndPassesASoundChain) {
                                   {"DBUS_SESSION_BUS_ADDRESS", bus.address()}};
 
     const auto sound = install({"--doctor", "--extension-id", std::string(chromeId)}, environment);
-    EXPECT_EQ(sound.status, 0) << sound.out;
-    EXPECT_THAT(sound.out, HasSubstr("ok       session bus: reachable"));
-    EXPECT_THAT(sound.out, HasSubstr("trusted, and the core service listens"));
-    EXPECT_THAT(sound.out, HasSubstr("ok       confinement: "));  // information, never a problem
+    EXPECT_THAT(sound, Says(0, "ok       session bus: reachable"));
+    EXPECT_THAT(sound, Says(0, "trusted, and the core service listens"));
+    EXPECT_THAT(sound, Says(0, "ok       confinement: "));  // information, never a problem
 
     fs::remove(host_);
     ::chmod((runtime / "kerrow").c_str(), 0777);
     environment["DBUS_SESSION_BUS_ADDRESS"] = "unix:path=" + (runtime / "nobus").string();
     const auto broken = install({"--doctor"}, environment);
-    EXPECT_EQ(broken.status, 1);
     EXPECT_THAT(
-        broken.out,
-        HasSubstr("PROBLEM  chromium: manifest " +
-                  (home_ / ".config/chromium/NativeMessagingHosts" / manifestName).string() +
-                  ": host " + host_.string() + " does not exist"));
-    EXPECT_THAT(broken.out, HasSubstr("PROBLEM  session bus: unreachable"));
-    EXPECT_THAT(broken.out, HasSubstr("PROBLEM  core service socket: "));
-    EXPECT_THAT(broken.out, HasSubstr("writable by group or others"));
+        broken,
+        Says(1, "PROBLEM  chromium: manifest " +
+                    (home_ / ".config/chromium/NativeMessagingHosts" / manifestName).string() +
+                    ": host " + host_.string() + " does not exist"));
+    EXPECT_THAT(broken, Says(1, "PROBLEM  session bus: unreachable"));
+    EXPECT_THAT(broken, Says(1, "PROBLEM  core service socket: "));
+    EXPECT_THAT(broken, Says(1, "writable by group or others"));
 
     const auto json = nlohmann::json::parse(install({"--doctor", "--json"}, environment).out);
     EXPECT_EQ(json["ok"], false);
@@ -325,9 +317,9 @@ TEST_F(InstallerTest, FlatpakLauncherRelaysBothWaysAndPassesEndOfInputAndSignals
     const auto announcement = NotificationName::nativeMessagingHostDidFinishLaunching;
     client.observe(announcement);
     test::TestCoreService core(runtime / "kerrow/browser.sock");
-    const auto installed =
-        install({"--extension-id", std::string(otherChromeId), "--host", KERROW_HOST_BINARY});
-    ASSERT_EQ(installed.status, 0) << installed.err;
+    ASSERT_THAT(
+        install({"--extension-id", std::string(otherChromeId), "--host", KERROW_HOST_BINARY}),
+        Says(0, ""));
 
     // Starts the launcher as the browser does; the host's connection, device-twin request read.
     std::optional<test::HostProcess> browser;
@@ -350,7 +342,7 @@ TEST_F(InstallerTest, FlatpakLauncherRelaysBothWaysAndPassesEndOfInputAndSignals
     browser->send(R"({"tabs":[]})");
     EXPECT_EQ(connection->receive(), R"({"tabs":[]}kerrow.tabList)");
     connection->send("kerrow.closeTab-42");
-    EXPECT_EQ(browser->receive(), R"({"action":"closeTab","payload":{"id":42}})");
+    EXPECT_EQ(browser->receive(), test::closeTabFrame(42));
     browser->closeInput();
     EXPECT_EQ(browser->waitForExit(), 0);
     EXPECT_TRUE(connection->waitForClose());

@@ -3,10 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+
+#include "tests/support/test_support.h"
+
 namespace kerrow::installer {
 namespace {
 
-using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 TEST(ExtensionIdTest, ChromeIdsAreThirtyTwoLettersAToPAndFirefoxIdsEmailLikeOrBracedGuids) {
     const struct {
@@ -39,26 +43,20 @@ TEST(ExtensionIdTest, ChromeIdsAreThirtyTwoLettersAToPAndFirefoxIdsEmailLikeOrBr
     }
 }
 
-TEST(ManifestTextTest, ChromeFamilyListsOriginsAndFirefoxAddOnIdsWithThePathEscaped) {
-    EXPECT_EQ(
-        manifestText(BrowserFamily::chromium, "/usr/lib/kerrow/kerrow-native-messaging-host",
-                     {"pjemfmlmnlcehcppgfmabofnjojcgifc", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"}),
-        R"({
-  "name": "com.kerrowsoftware.native_messaging_host",
-  "description": "Kerrow native messaging host",
-  "path": "/usr/lib/kerrow/kerrow-native-messaging-host",
-  "type": "stdio",
-  "allowed_origins": [
-    "chrome-extension://pjemfmlmnlcehcppgfmabofnjojcgifc/",
-    "chrome-extension://aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa/"
-  ]
-}
-)");
-    const auto text = manifestText(BrowserFamily::firefox, "/opt/a \"b\"\\c/host", {"x@k.example"});
-    EXPECT_THAT(text, HasSubstr(R"("path": "/opt/a \"b\"\\c/host",)"));
-    EXPECT_THAT(text, HasSubstr(R"("allowed_extensions": [
-    "x@k.example"
-  ])"));
+// Read back by the checker that the tests below prove: each family's members, the path exactly
+// (escaped in the text), every id allowed.
+TEST(ManifestTextTest, WritesAManifestThatTheCheckerFindsSoundForEachFamily) {
+    const test::TemporaryDirectory directory;
+    const auto path = directory.path() / "a \"b\"\\c";
+    std::ofstream(path) << "#!/bin/sh\n";
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    const auto problems = [&](BrowserFamily family, const std::vector<std::string>& ids) {
+        return manifestProblems(manifestText(family, path, ids), {family, path, ids});
+    };
+    EXPECT_THAT(problems(BrowserFamily::chromium,
+                         {"pjemfmlmnlcehcppgfmabofnjojcgifc", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa"}),
+                IsEmpty());
+    EXPECT_THAT(problems(BrowserFamily::firefox, {"x@k.example", "y@k.example"}), IsEmpty());
 }
 
 TEST(ManifestProblemsTest, NamesEveryBrokenMemberAndEachUnmetExpectation) {
