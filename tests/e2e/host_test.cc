@@ -1,5 +1,6 @@
 // The real host end to end, as a browser and the core service see it: a private session bus, a
 // test core service at the browser socket location, and standard input and output as pipes.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -53,6 +54,9 @@ TEST(HostTest, AnnouncesItselfWaitsForTheAnswerThenRelaysBothWaysConfined) {
                 UnorderedElementsAre("kerrow.updateDeviceTwin", R"({"early":true}kerrow.tabList)"));
     connection->send("kerrow.closeTab-7");
     EXPECT_EQ(session.host().receive(), closeTabFrame(7));
+    // Both pipes widened, so a large message crosses in a turn or two.
+    EXPECT_EQ(::fcntl(session.host().inputFd(), F_GETPIPE_SZ), 1024 * 1024);
+    EXPECT_EQ(::fcntl(session.host().outputFd(), F_GETPIPE_SZ), 1024 * 1024);
     // Every thread runs now (the queues, the logger's writer), each bound by the filter (but in
     // the sanitizer builds, which run unconfined).
     const pid_t pid = session.host().pid();
