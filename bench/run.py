@@ -47,7 +47,7 @@ class Plan:
         # The close-tab burst (C++ programs, plain Python host): long enough to outlast start-up
         # noise at a million commands per second.
         self.burst_counts = (40000, 10000)
-        self.latency_rounds = 1 if quick else 5
+        self.latency_rounds = 1 if quick else 8
         self.latency_count = 600 if quick else 1600
         self.latency_warm_up = 100
         self.startup_rounds = 5 if quick else 15
