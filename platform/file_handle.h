@@ -10,7 +10,9 @@
 // a reader that stops (a retired channel) leaves them for the next holder of readingLock(), so
 // nothing is lost and nothing is read twice. Memory grows with the bytes that actually arrive,
 // never with the length asked for, and a buffer that grew for a long record shrinks back to the
-// ordinary read-ahead once that record is consumed.
+// ordinary read-ahead once that record is consumed. A run of long records gets room for several
+// (so a partial one is seldom moved), which a reader that waits with a cancel descriptor gives
+// back once the input has paused for 200 ms.
 //
 // Threads: reads (peek, consume, readDataOfLength) by one reader at a time, the holder of
 // readingLock(); writes by any thread, the holder of writingLock() where a record spans several
