@@ -59,14 +59,16 @@ class Plan:
 
 def programs(build, before):
     bin_dir = build / 'bin'
-    return {
-        'before': 'before=host:%s,chrome-extension://kerrow/' % before,
+    found = {
         'host': 'host=host:%s,chrome-extension://kerrow/' % (bin_dir / 'kerrow-native-messaging-host'),
         'floor': 'floor=floor:%s' % (bin_dir / 'kerrow-bench-floor'),
         'typical': 'typical=typical:%s,%s' % (PYTHON, REPOSITORY / 'bench' / 'baselines' / 'typical_host.py'),
         'plain': 'plain=typical:%s,%s' % (PYTHON, REPOSITORY / 'bench' / 'baselines' / 'plain_host.py'),
         'bare': 'bare=bare:%s' % (bin_dir / 'kerrow-bench-bare-bus'),
     }
+    if before:
+        found['before'] = 'before=host:%s,chrome-extension://kerrow/' % before
+    return found
 
 
 RELAYING = ['host', 'floor', 'typical', 'plain']
